@@ -1,0 +1,286 @@
+#include "pellix/protocol/PXParser.h"
+
+#include "pellix/protocol/PXProtocol.h"
+
+#include <QDateTime>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+PXParser::PXParser(Type type)
+{
+    changeType(type);
+}
+
+PXParser::~PXParser() = default;
+
+bool PXParser::changeType(Type type)
+{
+    bool accepted = true;
+    switch (type) {
+    case ServerFrames:
+        startByte = pxproto::FrameStart;
+        unescape = false;
+        nested = false;
+        break;
+    case DebugPackets:
+        startByte = pxproto::DebugStart;
+        unescape = false;
+        nested = false;
+        break;
+    case EscapedDebugStream:
+        startByte = pxproto::DebugStart;
+        unescape = true;
+        nested = true;
+        break;
+    default:
+        accepted = false;
+        break;
+    }
+    if (accepted)
+        parserType = type;
+    reset();
+    return accepted;
+}
+
+void PXParser::reset()
+{
+    buffer.clear();
+    head = 0;
+    escapeMask = 0;
+    expectedCommand = 0;
+    expectedLength = 0;
+    lastFeedTime = 0;
+}
+
+void PXParser::dropStale()
+{
+    const unsigned char* p = live();
+    const int n = bufferedSize();
+    for (int i = 0; i < n; ++i)
+        logLines.append(PXLogString("Check data interval drop bytes: %02x", p[i]));
+    buffer.clear();
+    head = 0;
+}
+
+void PXParser::appendRaw(const unsigned char* data, int size)
+{
+    int from = 0;
+    if (bufferedSize() == 0) {
+        buffer.clear();
+        head = 0;
+        const void* found = std::memchr(data, startByte, size_t(size));
+        const int start = found ? int(static_cast<const unsigned char*>(found) - data) : size;
+        for (int i = 0; i < start; ++i)
+            logLines.append(PXLogString("Drop Byte: %02x", data[i]));
+        from = start;
+        if (from == size)
+            return;
+    } else if (head > 0 && head >= int(buffer.size()) / 2) {
+        // Release the consumed front in bulk; at most the live half moves.
+        buffer.remove(0, head);
+        head = 0;
+    }
+    buffer.append(reinterpret_cast<const char*>(data) + from, size - from);
+}
+
+void PXParser::feedData(const unsigned char* data, int size)
+{
+    const qint64 now = clockFunction ? clockFunction() : QDateTime::currentMSecsSinceEpoch();
+    if (lastFeedTime != 0 && bufferedSize() > 0 && now - lastFeedTime >= StaleInterval)
+        dropStale();
+    lastFeedTime = now;
+    if (size <= 0)
+        return;
+
+    if (!unescape) {
+        appendRaw(data, size);
+        return;
+    }
+    for (int i = 0; i < size; ++i) {
+        unsigned char b = data[i];
+        if (b == EscapeByte) {
+            escapeMask = 0xFF;
+            continue;
+        }
+        b ^= escapeMask;
+        escapeMask = 0;
+        if (bufferedSize() > 0 || b == startByte) {
+            if (bufferedSize() == 0) {
+                buffer.clear();
+                head = 0;
+            }
+            buffer.append(char(b));
+        } else {
+            logLines.append(PXLogString("Drop Byte: %02x", b));
+        }
+    }
+}
+
+void PXParser::feedData(const QByteArray& data)
+{
+    feedData(reinterpret_cast<const unsigned char*>(data.constData()), int(data.size()));
+}
+
+const QByteArray& PXParser::getPacket(bool flush)
+{
+    logLines.clear();
+    packet.clear();
+    if (flush)
+        flushPacket();
+    else
+        parsePacket();
+    return packet;
+}
+
+int PXParser::firstLength() const
+{
+    return pxproto::getBe16(live() + 1);
+}
+
+bool PXParser::parsePacket()
+{
+    const int available = bufferedSize();
+    if (available < 4)
+        return false;
+    const int length = firstLength();
+    const int total = length + 4;
+    if (!nested) {
+        if (available < total)
+            return false;
+        outputPacket(total);
+        return true;
+    }
+    if (checkDebugPacket(0) || checkDebugPacket(1) || checkDebugPacket(2))
+        return true;
+    // Ten bytes beyond the end of the first packet (the size of a debug read reply) must be
+    // in before the first packet is released, in case a reply lies nested behind it.
+    if (bufferedSize() > length + 13) {
+        if (digDebugPacket(3, total))
+            return true;
+        outputPacket(total);
+        return true;
+    }
+    return false;
+}
+
+bool PXParser::flushPacket()
+{
+    if (bufferedSize() < 4)
+        return false;
+    if (nested && digDebugPacket(1, bufferedSize()))
+        return true;
+    const int total = firstLength() + 4;
+    if (bufferedSize() < total)
+        return false;
+    outputPacket(total);
+    return true;
+}
+
+void PXParser::outputPacket(int length)
+{
+    packet = QByteArray(reinterpret_cast<const char*>(live()), length);
+    head += length;
+    while (bufferedSize() > 0 && live()[0] != startByte) {
+        logLines.append(PXLogString("Resync drop bytes: %02x", live()[0]));
+        ++head;
+    }
+    if (bufferedSize() == 0) {
+        buffer.clear();
+        head = 0;
+    }
+}
+
+bool PXParser::checkDebugPacket(int offset)
+{
+    const int n = debugPacketLen(live() + offset, bufferedSize() - offset);
+    if (n < 0)
+        return false;
+    if (offset == 0) {
+        outputPacket(n);
+        return true;
+    }
+    packet = QByteArray(reinterpret_cast<const char*>(live()) + offset, n);
+    buffer.remove(head + offset, n);
+    logLines.append(PXLogString("Extract nested packet: %s", PXLogBytes(packet, 10).constData()));
+    return true;
+}
+
+bool PXParser::digDebugPacket(int from, int to)
+{
+    if (from >= to)
+        return false;
+    for (;;) {
+        const auto index = buffer.indexOf(char(startByte), head + from);
+        if (index < 0)
+            return false;
+        const int position = int(index) - head;
+        if (checkDebugPacket(position))
+            return true;
+        from = position + 1;
+        if (from >= to)
+            return false;
+    }
+}
+
+int PXParser::debugPacketLen(const unsigned char* data, int size) const
+{
+    if (size < 4)
+        return -1;
+    if (data[0] != startByte || data[3] != 0xFF)
+        return -1;
+    const int length = pxproto::getBe16(data + 1);
+    const int total = length + 4;
+    if (size < total)
+        return -1;
+    // Both kinds of reply are at least 6 bytes long; a shorter one has no command byte.
+    if (total < 6)
+        return -1;
+    if (data[4] != 0) {
+        if (expectedCommand == 0 || expectedLength == 0 || data[4] != expectedCommand ||
+            qint64(total) != qint64(expectedLength) + 6)
+            return -1;
+    } else if (total != 10) {
+        return -1;
+    }
+    if (data[total - 1] != CalcHostCrc(data + 3, static_cast<unsigned long>(length)))
+        return -1;
+    return total;
+}
+
+bool PXParser::isNestedWaiting() const
+{
+    const int available = bufferedSize();
+    return available >= 4 && available >= firstLength() + 4;
+}
+
+QString PXLogString(const char* format, ...)
+{
+    char text[8192];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return QString::fromUtf8(text);
+}
+
+QByteArray PXLogBytes(const QByteArray& data, int maxBytes)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    const int size = int(data.size());
+    const int n = maxBytes < size ? maxBytes : size;
+    const int shown = n > 0 ? n : 0;
+    QByteArray text;
+    text.reserve(shown * 3 + 4);
+    const auto* p = reinterpret_cast<const unsigned char*>(data.constData());
+    for (int i = 0; i < shown; ++i) {
+        if (i > 0)
+            text.append(' ');
+        text.append(digits[p[i] >> 4]);
+        text.append(digits[p[i] & 0x0F]);
+    }
+    if (n < size)
+        text.append(" ...");
+    return text;
+}
