@@ -1,0 +1,257 @@
+#include "FakeServer.h"
+
+#include "pellix/protocol/PXParser.h"
+
+#include <QAbstractSocket>
+#include <QHostAddress>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
+
+#include <chrono>
+
+FakeServer::FakeServer()
+{
+    start();
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [this] { return ready; });
+}
+
+FakeServer::~FakeServer()
+{
+    quit();
+    wait();
+}
+
+void FakeServer::run()
+{
+    QObject localContext;
+    QTcpServer localServer;
+    localServer.listen(QHostAddress::LocalHost, 0);
+    QObject::connect(&localServer, &QTcpServer::newConnection, &localContext, [this] { accept(); });
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        context = &localContext;
+        server = &localServer;
+        listenPort = localServer.serverPort();
+        ready = true;
+    }
+    changed.notify_all();
+
+    exec();
+
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        context = nullptr;
+        commands.clear();
+    }
+    // The sockets are children of the server and go with it.
+    sockets.clear();
+    for (PXParser* parser : parsers)
+        delete parser;
+    parsers.clear();
+    server = nullptr;
+}
+
+void FakeServer::post(std::function<void()> command)
+{
+    if (QThread::currentThread() == this) {
+        command();
+        return;
+    }
+    QObject* target;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        commands.push_back(std::move(command));
+        target = context;
+    }
+    if (target)
+        QMetaObject::invokeMethod(
+            target, [this] { drainCommands(); }, Qt::QueuedConnection);
+}
+
+void FakeServer::drainCommands()
+{
+    std::vector<std::function<void()>> pending;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        pending.swap(commands);
+    }
+    for (auto& command : pending)
+        command();
+}
+
+int FakeServer::resolve(int client) const
+{
+    if (client >= 0)
+        return client;
+    std::lock_guard<std::mutex> lock(mutex);
+    return clients - 1;
+}
+
+QTcpSocket* FakeServer::socketFor(int client) const
+{
+    if (client < 0 || client >= int(sockets.size()))
+        return nullptr;
+    return sockets[size_t(client)];
+}
+
+void FakeServer::accept()
+{
+    while (QTcpSocket* socket = server->nextPendingConnection()) {
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        const int index = int(sockets.size());
+        sockets.push_back(socket);
+        parsers.push_back(new PXParser(PXParser::ServerFrames));
+        QObject::connect(socket, &QTcpSocket::readyRead, context,
+                         [this, index] { readClient(index); });
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            bytesByClient.emplace_back();
+            framesByClient.emplace_back();
+            clients = int(sockets.size());
+        }
+        changed.notify_all();
+    }
+}
+
+void FakeServer::readClient(int client)
+{
+    QTcpSocket* socket = socketFor(client);
+    if (!socket)
+        return;
+    const QByteArray bytes = socket->readAll();
+    PXParser* parser = parsers[size_t(client)];
+    parser->feedData(bytes);
+    QList<QByteArray> cut;
+    for (;;) {
+        const QByteArray& frame = parser->getPacket(false);
+        if (frame.isEmpty())
+            break;
+        cut.append(frame);
+    }
+    Responder current;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        allBytes += bytes;
+        bytesByClient[size_t(client)] += bytes;
+        allFrames += cut;
+        framesByClient[size_t(client)] += cut;
+        current = responder;
+    }
+    changed.notify_all();
+    if (current) {
+        for (const QByteArray& frame : cut)
+            current(*this, client, frame);
+    }
+}
+
+void FakeServer::setResponder(Responder newResponder)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    responder = std::move(newResponder);
+}
+
+void FakeServer::send(const QByteArray& bytes, int client)
+{
+    const int index = resolve(client);
+    post([this, bytes, index] {
+        if (QTcpSocket* socket = socketFor(index)) {
+            socket->write(bytes);
+            socket->flush();
+        }
+    });
+}
+
+void FakeServer::sendLater(const QByteArray& bytes, int delayMs, int client)
+{
+    const int index = resolve(client);
+    post([this, bytes, delayMs, index] {
+        QTimer::singleShot(delayMs, context, [this, bytes, index] {
+            if (QTcpSocket* socket = socketFor(index)) {
+                socket->write(bytes);
+                socket->flush();
+            }
+        });
+    });
+}
+
+void FakeServer::closeClient(int client)
+{
+    const int index = resolve(client);
+    post([this, index] {
+        if (QTcpSocket* socket = socketFor(index)) {
+            socket->flush();
+            socket->close();
+        }
+    });
+}
+
+void FakeServer::stopListening()
+{
+    post([this] { server->close(); });
+}
+
+int FakeServer::connectionCount() const
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return clients;
+}
+
+bool FakeServer::waitForConnections(int count, int timeoutMs) const
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                            [&] { return clients >= count; });
+}
+
+QByteArray FakeServer::received(int client) const
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    if (client == AllClients)
+        return allBytes;
+    const int index = client >= 0 ? client : clients - 1;
+    return index >= 0 && index < clients ? bytesByClient[size_t(index)] : QByteArray();
+}
+
+QList<QByteArray> FakeServer::frames(int client) const
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    if (client == AllClients)
+        return allFrames;
+    const int index = client >= 0 ? client : clients - 1;
+    return index >= 0 && index < clients ? framesByClient[size_t(index)] : QList<QByteArray>();
+}
+
+bool FakeServer::waitForBytes(int count, int timeoutMs, int client) const
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        if (client == AllClients)
+            return allBytes.size() >= count;
+        const int index = client >= 0 ? client : clients - 1;
+        return index >= 0 && index < clients && bytesByClient[size_t(index)].size() >= count;
+    });
+}
+
+bool FakeServer::waitForFrames(int count, int timeoutMs, int client) const
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        if (client == AllClients)
+            return allFrames.size() >= count;
+        const int index = client >= 0 ? client : clients - 1;
+        return index >= 0 && index < clients && framesByClient[size_t(index)].size() >= count;
+    });
+}
+
+void FakeServer::clearReceived()
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    allBytes.clear();
+    allFrames.clear();
+    for (auto& bytes : bytesByClient)
+        bytes.clear();
+    for (auto& list : framesByClient)
+        list.clear();
+}

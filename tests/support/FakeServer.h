@@ -1,0 +1,92 @@
+#ifndef PELLIX_TESTS_FAKESERVER_H
+#define PELLIX_TESTS_FAKESERVER_H
+
+#include <QByteArray>
+#include <QList>
+#include <QThread>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+class QObject;
+class QTcpServer;
+class QTcpSocket;
+class PXParser;
+
+// A scripted server for the cases a correct server never produces: it listens on
+// 127.0.0.1 (port 0) on its own thread, records every byte it receives (also cut into
+// frames), and answers only what the test tells it to: frames, split frames, delayed frames,
+// malformed bytes, silence, or a closed socket.
+//
+// The constructor returns once the server listens. Every method may be called from the
+// test's thread or from inside the responder (which runs on the server's thread).
+// Clients are numbered from 0 in connection order; -1 means the most recent one.
+//
+// State shared with the test thread is guarded by std::mutex, so ThreadSanitizer sees every
+// hand-off.
+class FakeServer : public QThread
+{
+public:
+    // Called on the server's thread for every complete frame a client sends.
+    using Responder = std::function<void(FakeServer& server, int client, const QByteArray& frame)>;
+
+    FakeServer();
+    ~FakeServer() override;
+
+    quint16 port() const { return listenPort; }
+
+    void setResponder(Responder responder);
+
+    // Writes bytes to a client now, or after delayMs.
+    void send(const QByteArray& bytes, int client = -1);
+    void sendLater(const QByteArray& bytes, int delayMs, int client = -1);
+    // Closes a client's socket (the peer sees the connection closed).
+    void closeClient(int client = -1);
+    // Stops accepting new connections (existing ones stay).
+    void stopListening();
+
+    int connectionCount() const;
+    bool waitForConnections(int count, int timeoutMs = 5000) const;
+
+    // Bytes and frames received from a client (-1: the most recent; -2: all clients, in
+    // arrival order).
+    static constexpr int AllClients = -2;
+    QByteArray received(int client = AllClients) const;
+    QList<QByteArray> frames(int client = AllClients) const;
+    bool waitForBytes(int count, int timeoutMs = 5000, int client = AllClients) const;
+    bool waitForFrames(int count, int timeoutMs = 5000, int client = AllClients) const;
+    // Forgets what was received so far.
+    void clearReceived();
+
+protected:
+    void run() override;
+
+private:
+    void post(std::function<void()> command);
+    void drainCommands();
+    void accept();
+    void readClient(int client);
+    QTcpSocket* socketFor(int client) const;
+    int resolve(int client) const;
+
+    quint16 listenPort = 0;
+    QObject* context = nullptr;
+    QTcpServer* server = nullptr;
+    std::vector<QTcpSocket*> sockets; // server thread only
+    std::vector<PXParser*> parsers;   // server thread only
+
+    mutable std::mutex mutex;
+    mutable std::condition_variable changed;
+    bool ready = false;
+    std::vector<std::function<void()>> commands;
+    Responder responder;
+    int clients = 0;
+    QByteArray allBytes;
+    QList<QByteArray> allFrames;
+    std::vector<QByteArray> bytesByClient;
+    std::vector<QList<QByteArray>> framesByClient;
+};
+
+#endif
