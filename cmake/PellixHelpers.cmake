@@ -2,7 +2,8 @@
 
 add_library(pellix_warnings INTERFACE)
 target_compile_options(pellix_warnings INTERFACE
-    $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wshadow=local -Wno-missing-field-initializers>
+    $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wno-missing-field-initializers>
+    $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wshadow=local>
     $<$<COMPILE_LANGUAGE:C>:-Wall -Wextra -Wpedantic>
     $<$<BOOL:${PELLIX_WERROR}>:-Werror>)
 

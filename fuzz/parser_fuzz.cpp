@@ -1,0 +1,52 @@
+// The stream parser on arbitrary bytes: the first byte picks the parser type and how the
+// rest is cut into feeds; every packet cut must be a whole frame by its own length field.
+
+#include "pellix/protocol/PXParser.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+qint64 fakeNow = 1;
+qint64 fakeClock()
+{
+    return fakeNow;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    const auto type = static_cast<PXParser::Type>(data[0] % 3);
+    const int piece = 1 + data[1] % 64;
+    data += 2;
+    size -= 2;
+
+    PXParser parser(type);
+    parser.setClock(fakeClock);
+    fakeNow = 1000;
+    size_t offset = 0;
+    while (offset < size) {
+        const size_t n = size - offset < size_t(piece) ? size - offset : size_t(piece);
+        // Bytes 0xFE in the stream stand for a pause long enough to make partial data stale.
+        fakeNow += data[offset] == 0xFE ? 2000 : 1;
+        parser.feedData(data + offset, int(n));
+        offset += n;
+        const bool flush = (data[offset - 1] & 1) != 0;
+        for (int guard = 0; guard < 100000; ++guard) {
+            const QByteArray& packet = parser.getPacket(flush);
+            if (packet.isEmpty())
+                break;
+            if (packet.size() < 4)
+                std::abort();
+            const int length = (uchar(packet[1]) << 8) | uchar(packet[2]);
+            if (packet.size() != length + 4 || uchar(packet[0]) != parser.getStartByte())
+                std::abort();
+        }
+        (void)parser.isNestedWaiting();
+    }
+    return 0;
+}
