@@ -1,0 +1,134 @@
+#ifndef PELLIX_PXCLIENTMANAGER_H
+#define PELLIX_PXCLIENTMANAGER_H
+
+#include "pellix/pellix_export.h"
+
+#include <QByteArray>
+#include <QEvent>
+#include <QMap>
+#include <QMutex>
+#include <QString>
+#include <QThread>
+
+#include <atomic>
+#include <functional>
+
+class PXConnection;
+class QSemaphore;
+class QTcpSocket;
+
+// The one network thread of the process. Every socket of every PXConnection is created,
+// connected, written, read and deleted on this thread, whatever thread the connection's user
+// calls from. Callers hand work over as custom events (QCoreApplication::postEvent) and, where
+// they need the outcome, block on a QSemaphore that this thread releases. Bytes arriving on a
+// socket are handed, on this thread, to the owning connection's readSocketData().
+//
+// Created on first use by Instance() and never destroyed; its thread runs an event loop until
+// the process ends.
+//
+// Programs without an application object: a QThread's event loop delivers nothing while no
+// QCoreApplication exists. When none exists as the network thread starts, the thread creates
+// one itself, before its event loop runs, and keeps it for the life of the process
+// (ownsApplication() then reports true). Such a program must not create its own
+// QCoreApplication afterwards.
+//
+// Locks, always in this order: a connection's requestMutex, then mapMutex, then a connection's
+// dataMutex. connectionOpen(), sendSocketPacket(..., true) and runOnThread() block until this
+// thread has handled the request; they must never be called on this thread except where said.
+class PELLIX_EXPORT PXClientManager : public QThread
+{
+    Q_OBJECT
+public:
+    enum EventType {
+        ConnectionOpenType = QEvent::User + 1, // 1001
+        SendPacketType = QEvent::User + 2      // 1002
+    };
+
+    // Connect `connection` to host:port; `done` is released when the attempt is over.
+    class ConnectionOpenEvent : public QEvent
+    {
+    public:
+        ConnectionOpenEvent(const QString& h, quint16 p, PXConnection* c, QSemaphore* d)
+            : QEvent(QEvent::Type(ConnectionOpenType)), host(h), port(p), connection(c), done(d)
+        {}
+        ~ConnectionOpenEvent() override;
+
+        const QString& host; // belongs to the poster, which waits until the event is handled
+        quint16 port;
+        PXConnection* connection;
+        QSemaphore* done;
+    };
+
+    // Write `data` to `socket`; `done` (may be null) is released after the write.
+    class SendPacketEvent : public QEvent
+    {
+    public:
+        SendPacketEvent(QTcpSocket* s, const QByteArray& d, QSemaphore* sem)
+            : QEvent(QEvent::Type(SendPacketType)), socket(s), data(d), done(sem)
+        {}
+        ~SendPacketEvent() override;
+
+        QTcpSocket* socket;
+        QByteArray data;
+        QSemaphore* done;
+    };
+
+    // The manager, created and its thread started on the first call. Any thread.
+    static PXClientManager* Instance();
+
+    // Connects `connection` to host:port on the network thread (3000 ms connect time-out) and
+    // blocks until the attempt is over. True when the connection holds a socket afterwards.
+    // Caller's thread, never the network thread.
+    bool connectionOpen(const QString& host, quint16 port, PXConnection* connection);
+
+    // Detaches the connection's socket (if any) and has it closed and deleted on the network
+    // thread. Waits until a dispatch running on that connection has finished; afterwards no
+    // dispatch reaches it. Any thread.
+    void connectionClose(PXConnection* connection);
+
+    // Writes `data` to `socket` on the network thread, in posting order. With `wait` true,
+    // returns after the write (caller's thread only); with false, returns at once.
+    void sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait);
+
+    // Runs `job` on the network thread and returns when it has run. Called on the network
+    // thread itself, runs it at once.
+    void runOnThread(const std::function<void()>& job);
+
+    // Settles the server address of an open, as one step under a process-wide lock: if both
+    // FORCED_PELLIX_HOST and FORCED_PELLIX_PORT are set and non-empty, they become MServerHost
+    // and MServerPort (the port read as a decimal number, low 16 bits; non-numeric gives 0);
+    // otherwise a non-empty `host` becomes MServerHost and a non-zero `port` MServerPort. The
+    // resulting pair is returned through the out-parameters (the host as a copy). Any thread.
+    static void resolveServerAddress(const QString& host, quint16 port, QString* outHost,
+                                     quint16* outPort);
+
+    // True when the network thread created the process's QCoreApplication itself (the
+    // program had none when the thread started).
+    static bool ownsApplication();
+
+    // The address of the last open that set it, shared by every connection of the process.
+    // Read and write them only through resolveServerAddress().
+    static QString MServerHost;
+    static quint16 MServerPort;
+
+protected:
+    void customEvent(QEvent* event) override;
+    void run() override;
+
+private slots:
+    void onReadyRead();
+
+private:
+    PXClientManager();
+    ~PXClientManager() override;
+
+    void onConnectionOpen(ConnectionOpenEvent* event);
+    void onSendPacket(SendPacketEvent* event);
+
+    QMutex mapMutex;
+    QMap<QTcpSocket*, PXConnection*> socketMap;
+
+    static std::atomic<PXClientManager*> MInst;
+};
+
+#endif

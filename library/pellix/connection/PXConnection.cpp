@@ -1,0 +1,642 @@
+#include "pellix/connection/PXConnection.h"
+
+#include "pellix/connection/PXClientManager.h"
+#include "pellix/protocol/PXParser.h"
+#include "pellix/protocol/PXProtocol.h"
+#include "pellix/tsan_p.h"
+
+#include <QDeadlineTimer>
+#include <QElapsedTimer>
+#include <QMutexLocker>
+#include <QTcpSocket>
+
+#include <cstring>
+
+int PXConnection::MGlobalId = 1;
+QMap<int, PXConnection*> PXConnection::MGlobalMap;
+QMutex PXConnection::MGlobalMutex;
+
+namespace {
+
+constexpr int MaxQueued = 1000;
+
+// Waits on `condition`, which releases and retakes `mutex` inside QtCore.
+bool waitOn(QWaitCondition& condition, QMutex& mutex, unsigned long timeout)
+{
+    pxtsan::beforeWait(&mutex);
+    const bool woken = condition.wait(&mutex, QDeadlineTimer(qint64(timeout)));
+    pxtsan::afterWait(&mutex);
+    return woken;
+}
+
+// How long a request looks at its pending bit before it sleeps on the wait condition. A reply
+// from a local server usually arrives within this time, and the caller then skips the sleep
+// and the wake-up of the futex. Worth it only where another core can run the network thread.
+qint64 spinNanoseconds()
+{
+    static const qint64 spin = QThread::idealThreadCount() > 1 ? 60000 : 0;
+    return spin;
+}
+
+} // namespace
+
+PXConnection::PXConnection()
+{
+    {
+        QMutexLocker lock(&MGlobalMutex);
+        id = MGlobalId++;
+        MGlobalMap.insert(id, this);
+    }
+    parser = new PXParser(PXParser::ServerFrames);
+}
+
+PXConnection::~PXConnection()
+{
+    PXClientManager* manager = PXClientManager::Instance();
+    manager->connectionClose(this);
+    // Retire the delayed callback on the thread that owns its timer; once this returns, its
+    // function is not called any more.
+    manager->runOnThread([this] {
+        if (bypassDelayCallback) {
+            bypassDelayCallback->reset(nullptr, nullptr, 0);
+            bypassDelayCallback->deleteLater();
+            bypassDelayCallback = nullptr;
+        }
+    });
+    {
+        QMutexLocker lock(&MGlobalMutex);
+        MGlobalMap.remove(id);
+    }
+    delete parser;
+}
+
+PXConnection* PXConnection::GetById(int id)
+{
+    QMutexLocker lock(&MGlobalMutex);
+    return MGlobalMap.value(id, nullptr);
+}
+
+bool PXConnection::isConnected() const
+{
+    return socket.load(std::memory_order_acquire) != nullptr;
+}
+
+bool PXConnection::open(const QString& host, unsigned short port)
+{
+    QMutexLocker request(&requestMutex);
+    QString serverHost;
+    quint16 serverPort = 0;
+    PXClientManager::resolveServerAddress(host, port, &serverHost, &serverPort);
+    PXClientManager* manager = PXClientManager::Instance();
+    manager->connectionClose(this);
+    {
+        // No dispatch runs on this connection now; the lock orders the reset before the
+        // parser's next use on the network thread.
+        QMutexLocker data(&dataMutex);
+        parser->reset();
+    }
+    if (serverHost.isEmpty())
+        return false;
+    return manager->connectionOpen(serverHost, serverPort, this);
+}
+
+// ---- dispatch (network thread, mapMutex held) ---------------------------------------------------
+
+void PXConnection::readSocketData()
+{
+    QMutexLocker lock(&dataMutex);
+    QTcpSocket* s = socket.load(std::memory_order_relaxed);
+    if (!s)
+        return;
+    const qint64 available = s->bytesAvailable();
+    if (available < 1)
+        return;
+    inbox.resize(int(available));
+    const qint64 got = s->read(inbox.data(), available);
+    if (got < 1)
+        return;
+    parser->feedData(reinterpret_cast<const unsigned char*>(inbox.constData()), int(got));
+    for (;;) {
+        const QByteArray& frame = parser->getPacket(false);
+        if (frame.isEmpty())
+            break;
+        dispatchFrame(frame);
+    }
+}
+
+void PXConnection::dispatchFrame(const QByteArray& frame)
+{
+    const int size = int(frame.size());
+    if (size < pxproto::HeaderSize)
+        return;
+    const int length = pxproto::payloadLength(frame);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(frame.constData());
+    const quint32 pending = pendingFlags.load(std::memory_order_relaxed);
+
+    switch (pxproto::flowId(frame)) {
+    case pxproto::reply::Event:
+        if (!eventsEnabled.load(std::memory_order_relaxed) || length != pxproto::EventLength ||
+            size < pxproto::HeaderSize + pxproto::EventLength)
+            return;
+        if (events.size() > MaxQueued)
+            events = QList<unsigned int>();
+        events.append(pxproto::getLe32(bytes + 4));
+        eventCallback.trigger();
+        eventCondition.wakeOne();
+        return;
+
+    case pxproto::reply::ReadData: {
+        if (!(pending & PendingRead))
+            return;
+        if (length <= 4 || pxproto::getLe32(bytes + 4) != readAddress ||
+            qint64(length) > qint64(readRemaining) + 4 || length + 4 != size) {
+            readRemaining = -1;
+            pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_release);
+            replyCondition.wakeOne();
+            return;
+        }
+        const int n = length - 4;
+        if (readBuffer) {
+            std::memcpy(readBuffer, bytes + 8, size_t(n));
+            readBuffer += n;
+        }
+        readAddress += quint32(n);
+        readRemaining -= n;
+        if (readRemaining == 0) {
+            pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_release);
+            replyCondition.wakeOne();
+        }
+        return;
+    }
+
+    case pxproto::reply::Bypass:
+        if (!bypassEnabled.load(std::memory_order_relaxed))
+            return;
+        if (bypassPackets.size() > MaxQueued)
+            bypassPackets = QList<QByteArray>();
+        bypassPackets.append(frame.mid(pxproto::HeaderSize));
+        bypassCallback.trigger();
+        bypassCondition.wakeOne();
+        if (bypassDelayCallback)
+            bypassDelayCallback->tigger();
+        return;
+
+    case pxproto::reply::WriteAck:
+        if (!(pending & PendingWrite))
+            return;
+        pendingFlags.fetch_and(~quint32(PendingWrite), std::memory_order_release);
+        replyCondition.wakeOne();
+        return;
+
+    case pxproto::reply::Status:
+        if (!(pending & PendingStatus) || size != pxproto::StatusFrameSize)
+            return;
+        statusByte = bytes[4];
+        pendingFlags.fetch_and(~quint32(PendingStatus), std::memory_order_release);
+        replyCondition.wakeOne();
+        return;
+
+    case pxproto::reply::Completion:
+        if (!(pending & PendingReconnect))
+            return;
+        pendingFlags.fetch_and(~quint32(PendingReconnect), std::memory_order_release);
+        replyCondition.wakeOne();
+        return;
+
+    case pxproto::reply::Ping:
+        if (!(pending & PendingPing))
+            return;
+        pendingFlags.fetch_and(~quint32(PendingPing), std::memory_order_release);
+        replyCondition.wakeOne();
+        return;
+
+    default:
+        return;
+    }
+}
+
+// ---- requests ---------------------------------------------------------------------------------
+
+// Waits for the reply that clears `flag`, dataMutex held on entry and on return. True when the
+// flag was cleared. A short look at the flag with dataMutex released comes first: the reply
+// usually arrives within it, and the caller then needs no wake-up.
+bool PXConnection::waitReply(quint32 flag, unsigned long timeout)
+{
+    const qint64 spin = spinNanoseconds();
+    if (spin > 0) {
+        QElapsedTimer clock;
+        clock.start();
+        dataMutex.unlock();
+        do {
+            for (int i = 0; i < 64; ++i) {
+                if (!(pendingFlags.load(std::memory_order_acquire) & flag))
+                    break;
+#if defined(__x86_64__) || defined(__i386__)
+                __builtin_ia32_pause();
+#endif
+            }
+        } while ((pendingFlags.load(std::memory_order_acquire) & flag) &&
+                 clock.nsecsElapsed() < spin);
+        dataMutex.lock();
+        if (!(pendingFlags.load(std::memory_order_relaxed) & flag))
+            return true;
+        const qint64 spent = clock.elapsed();
+        timeout = timeout > quint64(spent) ? timeout - (unsigned long)spent : 0;
+    }
+    waitOn(replyCondition, dataMutex, timeout);
+    return !(pendingFlags.load(std::memory_order_relaxed) & flag);
+}
+
+unsigned int PXConnection::genericRead(unsigned int address, bool internal, void* data, int size)
+{
+    if (size < 1 || (size == 3 && !internal))
+        return 13;
+    QMutexLocker request(&requestMutex);
+    QTcpSocket* s = socket.load(std::memory_order_acquire);
+    if (!s)
+        return 13;
+    QMutexLocker lock(&dataMutex);
+    pendingFlags.fetch_or(PendingRead, std::memory_order_relaxed);
+    readAddress = address;
+    readRemaining = size;
+    readBuffer = static_cast<unsigned char*>(data);
+    PXClientManager::Instance()->sendSocketPacket(s, pxproto::readRequest(address, internal, size),
+                                                  false);
+    qint32 last = size;
+    for (;;) {
+        waitReply(PendingRead, ReplyTimeout);
+        if (readRemaining < 0)
+            return 13;
+        if (!(pendingFlags.load(std::memory_order_relaxed) & PendingRead))
+            return 0;
+        if (readRemaining == last) {
+            pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_relaxed);
+            return 13;
+        }
+        last = readRemaining;
+    }
+}
+
+unsigned int PXConnection::genericWrite(unsigned int address, bool internal, void* data, int size)
+{
+    if (size < 0 || size > pxproto::MaxWriteData)
+        return 13;
+    QMutexLocker request(&requestMutex);
+    QTcpSocket* s = socket.load(std::memory_order_acquire);
+    if (!s)
+        return 13;
+    // Built before dataMutex is taken: dispatch of other arrivals need not wait for the copy.
+    const QByteArray frame = pxproto::writeRequest(address, internal, data, size);
+    QMutexLocker lock(&dataMutex);
+    pendingFlags.fetch_or(PendingWrite, std::memory_order_relaxed);
+    PXClientManager::Instance()->sendSocketPacket(s, frame, false);
+    if (waitReply(PendingWrite, ReplyTimeout))
+        return 0;
+    pendingFlags.fetch_and(~quint32(PendingWrite), std::memory_order_relaxed);
+    return 13;
+}
+
+unsigned int PXConnection::read8(unsigned int address, unsigned char* value)
+{
+    return genericRead(address, false, value, 1);
+}
+
+unsigned int PXConnection::readi8(unsigned int address, unsigned char* value)
+{
+    return genericRead(address, true, value, 1);
+}
+
+unsigned int PXConnection::read16(unsigned int address, unsigned short* value)
+{
+    return readBlock(address, reinterpret_cast<unsigned char*>(value), 2);
+}
+
+unsigned int PXConnection::read32(unsigned int address, unsigned int* value)
+{
+    return readBlock(address, reinterpret_cast<unsigned char*>(value), 4);
+}
+
+unsigned int PXConnection::readBlock(unsigned int address, unsigned char* data, int size)
+{
+    if (size < 1)
+        return 0;
+    int remaining = size;
+    while (remaining > 1) {
+        int chunk;
+        if (address & 1)
+            chunk = 1;
+        else if ((address & 3) == 2)
+            chunk = 2;
+        else if (remaining > pxproto::MaxBlockChunk)
+            chunk = pxproto::MaxBlockChunk;
+        else if (remaining < 4)
+            chunk = 2;
+        else
+            chunk = remaining & ~3;
+        const unsigned int result = genericRead(address, false, data, chunk);
+        if (result != 0)
+            return result;
+        remaining -= chunk;
+        if (remaining == 0)
+            return 0;
+        address += unsigned(chunk);
+        data += chunk;
+    }
+    return genericRead(address, false, data, 1);
+}
+
+unsigned int PXConnection::write8(unsigned int address, unsigned char value)
+{
+    return genericWrite(address, false, &value, 1);
+}
+
+unsigned int PXConnection::writei8(unsigned int address, unsigned char value)
+{
+    return genericWrite(address, true, &value, 1);
+}
+
+unsigned int PXConnection::write16(unsigned int address, unsigned short value)
+{
+    return genericWrite(address, false, &value, 2);
+}
+
+unsigned int PXConnection::write32(unsigned int address, unsigned int value)
+{
+    return genericWrite(address, false, &value, 4);
+}
+
+unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, int size)
+{
+    if (size < 1)
+        return 0;
+    auto* bytes = reinterpret_cast<unsigned char*>(data);
+    int remaining = size;
+    for (;;) {
+        const int chunk = remaining > pxproto::MaxBlockChunk ? pxproto::MaxBlockChunk : remaining;
+        const unsigned int result = genericWrite(address, false, bytes, chunk);
+        if (result != 0)
+            return result;
+        remaining -= chunk;
+        if (remaining == 0)
+            return 0;
+        address += unsigned(chunk);
+        bytes += chunk;
+    }
+}
+
+// ---- events -----------------------------------------------------------------------------------
+
+unsigned int PXConnection::enableEvents(bool enable)
+{
+    QMutexLocker request(&requestMutex);
+    if (QTcpSocket* s = socket.load(std::memory_order_acquire))
+        PXClientManager::Instance()->sendSocketPacket(s, pxproto::enableEvents(enable), true);
+    eventsEnabled.store(enable, std::memory_order_relaxed);
+    return 0;
+}
+
+unsigned int PXConnection::popEvent(unsigned int* event)
+{
+    QMutexLocker lock(&dataMutex);
+    if (!eventsEnabled.load(std::memory_order_relaxed))
+        return 20;
+    if (events.isEmpty())
+        return 19;
+    *event = events.takeFirst();
+    return 0;
+}
+
+unsigned int PXConnection::waitEvent(unsigned int* event, unsigned int timeout)
+{
+    QMutexLocker lock(&dataMutex);
+    if (!eventsEnabled.load(std::memory_order_relaxed))
+        return 20;
+    if (events.isEmpty())
+        waitOn(eventCondition, dataMutex, timeout);
+    if (events.isEmpty())
+        return 19;
+    *event = events.takeFirst();
+    return 0;
+}
+
+unsigned int PXConnection::flushEvents()
+{
+    QMutexLocker lock(&dataMutex);
+    events = QList<unsigned int>();
+    return 0;
+}
+
+unsigned int PXConnection::setEventCallback(void (*callback)(void*), void* userData)
+{
+    QMutexLocker request(&requestMutex);
+    QMutexLocker lock(&dataMutex);
+    eventCallback.reset(callback, userData);
+    return 0;
+}
+
+// ---- bypass -----------------------------------------------------------------------------------
+
+unsigned int PXConnection::setBypassFlowIds(unsigned char* ids, int count)
+{
+    QMutexLocker request(&requestMutex);
+    if (QTcpSocket* s = socket.load(std::memory_order_acquire))
+        PXClientManager::Instance()->sendSocketPacket(s, pxproto::setBypassFlowIds(ids, count),
+                                                      true);
+    bypassEnabled.store(true, std::memory_order_relaxed);
+    return 0;
+}
+
+unsigned int PXConnection::getBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
+                                           int* length)
+{
+    QMutexLocker lock(&dataMutex);
+    if (bypassPackets.isEmpty()) {
+        *length = 0;
+        return 8;
+    }
+    const QByteArray packet = bypassPackets.takeFirst();
+    if (packet.size() < 4) {
+        *length = 0;
+        return 8;
+    }
+    int n = int(packet.size()) - 4;
+    unsigned int result = 0;
+    if (n > size) {
+        n = size;
+        result = 5;
+    }
+    *length = n;
+    *flowId = static_cast<unsigned char>(packet.at(3));
+    if (n > 0)
+        std::memcpy(buffer, packet.constData() + 4, size_t(n));
+    return result;
+}
+
+unsigned int PXConnection::getBypassData(unsigned char* buffer, int size, int* length)
+{
+    QMutexLocker lock(&dataMutex);
+    *length = 0;
+    if (bypassPackets.isEmpty())
+        return 8;
+    const QByteArray& packet = bypassPackets.first();
+    const int whole = int(packet.size());
+    *length = whole;
+    if (size < whole)
+        return 5;
+    if (whole > 0)
+        std::memcpy(buffer, packet.constData(), size_t(whole));
+    bypassPackets.removeFirst();
+    return 0;
+}
+
+unsigned int PXConnection::waitBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
+                                            int* length, unsigned int timeout)
+{
+    QMutexLocker lock(&dataMutex);
+    if (bypassPackets.isEmpty())
+        waitOn(bypassCondition, dataMutex, timeout);
+    if (bypassPackets.isEmpty()) {
+        *length = 0;
+        return 8;
+    }
+    const QByteArray packet = bypassPackets.takeFirst();
+    const int whole = int(packet.size());
+    if (whole < 4) {
+        *length = 0;
+        return 8;
+    }
+    const int n = size < whole ? size : whole;
+    *length = n;
+    *flowId = static_cast<unsigned char>(packet.at(3));
+    if (n > 0)
+        std::memcpy(buffer, packet.constData(), size_t(n));
+    return n < whole ? 5 : 0;
+}
+
+unsigned int PXConnection::sendBypassPacket(unsigned char flowId, unsigned char* data, int size)
+{
+    if (size > pxproto::MaxBypassData)
+        return 6;
+    return sendCommand(pxproto::bypassSend(flowId, data, size));
+}
+
+unsigned int PXConnection::flushBypassPackets()
+{
+    QMutexLocker lock(&dataMutex);
+    bypassPackets = QList<QByteArray>();
+    return 0;
+}
+
+unsigned int PXConnection::setBypassCallback(void (*callback)(void*), void* userData)
+{
+    QMutexLocker request(&requestMutex);
+    QMutexLocker lock(&dataMutex);
+    bypassCallback.reset(callback, userData);
+    return 0;
+}
+
+unsigned int PXConnection::setBypassDelayCallback(void (*callback)(void*), void* userData,
+                                                  unsigned int delay)
+{
+    QMutexLocker request(&requestMutex);
+    // The holder and its timer belong to the network thread: stop, replace and re-arm there,
+    // as one step with respect to tigger() and the timer's expiry.
+    PXClientManager::Instance()->runOnThread([this, callback, userData, delay] {
+        if (bypassDelayCallback)
+            bypassDelayCallback->reset(callback, userData, delay);
+    });
+    return 0;
+}
+
+// ---- server control ---------------------------------------------------------------------------
+
+unsigned int PXConnection::sendCommand(const QByteArray& request)
+{
+    QMutexLocker lock(&requestMutex);
+    if (QTcpSocket* s = socket.load(std::memory_order_acquire))
+        PXClientManager::Instance()->sendSocketPacket(s, request, true);
+    return 0;
+}
+
+unsigned int PXConnection::runQuery(quint32 flag, const QByteArray& request, unsigned long timeout)
+{
+    QMutexLocker lock(&requestMutex);
+    QTcpSocket* s = socket.load(std::memory_order_acquire);
+    if (!s)
+        return 13;
+    QMutexLocker data(&dataMutex);
+    pendingFlags.fetch_or(flag, std::memory_order_relaxed);
+    PXClientManager::Instance()->sendSocketPacket(s, request, false);
+    if (waitReply(flag, timeout))
+        return 0;
+    pendingFlags.fetch_and(~flag, std::memory_order_relaxed);
+    return 13;
+}
+
+unsigned int PXConnection::killPellix()
+{
+    return sendCommand(pxproto::kill());
+}
+
+unsigned int PXConnection::cleanPellix()
+{
+    return sendCommand(pxproto::clean());
+}
+
+unsigned int PXConnection::flushPellixFifos()
+{
+    return sendCommand(pxproto::flushFifos());
+}
+
+unsigned int PXConnection::comBreak()
+{
+    return sendCommand(pxproto::comBreak());
+}
+
+unsigned int PXConnection::autoBauding()
+{
+    return sendCommand(pxproto::autoBauding());
+}
+
+unsigned int PXConnection::setFlowMode(PXLFlowMode mode)
+{
+    return sendCommand(pxproto::setFlowMode(quint32(mode)));
+}
+
+unsigned int PXConnection::setBaudRate(int baud)
+{
+    return sendCommand(pxproto::setBaudRate(baud));
+}
+
+unsigned int PXConnection::setUsbId(unsigned short first, unsigned short second)
+{
+    return sendCommand(pxproto::setUsbId(first, second));
+}
+
+unsigned int PXConnection::forcePellixReconnect()
+{
+    return runQuery(PendingReconnect, pxproto::forceReconnect(), ReconnectTimeout);
+}
+
+unsigned int PXConnection::getStatus(unsigned char* status)
+{
+    QMutexLocker lock(&requestMutex);
+    QTcpSocket* s = socket.load(std::memory_order_acquire);
+    if (!s)
+        return 13;
+    QMutexLocker data(&dataMutex);
+    pendingFlags.fetch_or(PendingStatus, std::memory_order_relaxed);
+    PXClientManager::Instance()->sendSocketPacket(s, pxproto::status(), false);
+    if (!waitReply(PendingStatus, ReplyTimeout)) {
+        pendingFlags.fetch_and(~quint32(PendingStatus), std::memory_order_relaxed);
+        return 13;
+    }
+    if (status)
+        *status = statusByte;
+    return 0;
+}
+
+unsigned int PXConnection::ping()
+{
+    return runQuery(PendingPing, pxproto::ping(), ReplyTimeout);
+}
