@@ -2,6 +2,8 @@
 
 #include <QTimer>
 
+#include <limits>
+
 void PXCallback::reset(Function function, void* data)
 {
     callback = function;
@@ -27,7 +29,9 @@ void PXDelayCallback::reset(PXCallback::Function function, void* data, unsigned 
     timer->stop();
     callback = function;
     userData = data;
-    timer->setInterval(int(delay));
+    // QTimer takes an int; a longer delay is held at the largest one it can run.
+    constexpr unsigned int longest = unsigned(std::numeric_limits<int>::max());
+    timer->setInterval(int(delay < longest ? delay : longest));
 }
 
 void PXDelayCallback::tigger()

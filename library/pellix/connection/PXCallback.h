@@ -40,7 +40,7 @@ public:
     ~PXDelayCallback() override;
 
     // Stops the timer (cancelling a pending call), replaces the pair and sets the delay in
-    // milliseconds. The next tigger() starts the new delay.
+    // milliseconds (above INT_MAX: INT_MAX). The next tigger() starts the new delay.
     void reset(PXCallback::Function callback, void* userData, unsigned int delay);
 
     // Starts the delay unless no function is set or a delay is already under way.

@@ -64,25 +64,59 @@ void PXParser::dropStale()
     head = 0;
 }
 
+// Releases the consumed front of the buffer in bulk. At most the live half moves, so each
+// byte is moved a bounded number of times over its life.
+void PXParser::compact()
+{
+    if (head == 0)
+        return;
+    if (head >= int(buffer.size())) {
+        buffer.clear();
+        head = 0;
+    } else if (head >= int(buffer.size()) / 2) {
+        buffer.remove(0, head);
+        head = 0;
+    }
+}
+
 void PXParser::appendRaw(const unsigned char* data, int size)
 {
     int from = 0;
     if (bufferedSize() == 0) {
-        buffer.clear();
-        head = 0;
         const void* found = std::memchr(data, startByte, size_t(size));
-        const int start = found ? int(static_cast<const unsigned char*>(found) - data) : size;
-        for (int i = 0; i < start; ++i)
+        from = found ? int(static_cast<const unsigned char*>(found) - data) : size;
+        for (int i = 0; i < from; ++i)
             logLines.append(PXLogString("Drop Byte: %02x", data[i]));
-        from = start;
         if (from == size)
             return;
-    } else if (head > 0 && head >= int(buffer.size()) / 2) {
-        // Release the consumed front in bulk; at most the live half moves.
-        buffer.remove(0, head);
-        head = 0;
     }
     buffer.append(reinterpret_cast<const char*>(data) + from, size - from);
+}
+
+// XON/XOFF input: 0x5C is consumed and XORs the next byte with 0xFF.
+void PXParser::appendUnescaped(const unsigned char* data, int size)
+{
+    const int old = int(buffer.size());
+    bool hunting = bufferedSize() == 0;
+    buffer.resize(old + size);
+    auto* const begin = reinterpret_cast<unsigned char*>(buffer.data());
+    unsigned char* out = begin + old;
+    for (int i = 0; i < size; ++i) {
+        unsigned char b = data[i];
+        if (b == EscapeByte) {
+            escapeMask = 0xFF;
+            continue;
+        }
+        b ^= escapeMask;
+        escapeMask = 0;
+        if (hunting && b != startByte) {
+            logLines.append(PXLogString("Drop Byte: %02x", b));
+            continue;
+        }
+        hunting = false;
+        *out++ = b;
+    }
+    buffer.resize(int(out - begin));
 }
 
 void PXParser::feedData(const unsigned char* data, int size)
@@ -93,29 +127,11 @@ void PXParser::feedData(const unsigned char* data, int size)
     lastFeedTime = now;
     if (size <= 0)
         return;
-
-    if (!unescape) {
+    compact();
+    if (unescape)
+        appendUnescaped(data, size);
+    else
         appendRaw(data, size);
-        return;
-    }
-    for (int i = 0; i < size; ++i) {
-        unsigned char b = data[i];
-        if (b == EscapeByte) {
-            escapeMask = 0xFF;
-            continue;
-        }
-        b ^= escapeMask;
-        escapeMask = 0;
-        if (bufferedSize() > 0 || b == startByte) {
-            if (bufferedSize() == 0) {
-                buffer.clear();
-                head = 0;
-            }
-            buffer.append(char(b));
-        } else {
-            logLines.append(PXLogString("Drop Byte: %02x", b));
-        }
-    }
 }
 
 void PXParser::feedData(const QByteArray& data)
@@ -260,8 +276,11 @@ QString PXLogString(const char* format, ...)
     char text[8192];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
+    const int written = std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
+    // On an output error the buffer's contents are unspecified.
+    if (written < 0)
+        return QString();
     return QString::fromUtf8(text);
 }
 

@@ -29,7 +29,9 @@
 class PELLIX_EXPORT PXParser
 {
 public:
-    enum Type { ServerFrames = 0, DebugPackets = 1, EscapedDebugStream = 2 };
+    // A fixed underlying type, so that any int value can be held (and rejected) without
+    // leaving the enumeration's range.
+    enum Type : int { ServerFrames = 0, DebugPackets = 1, EscapedDebugStream = 2 };
 
     // Source of the current time in milliseconds since the epoch; replaceable for tests.
     using Clock = qint64 (*)();
@@ -94,6 +96,8 @@ private:
     bool checkDebugPacket(int offset);
     bool digDebugPacket(int from, int to);
     void appendRaw(const unsigned char* data, int size);
+    void appendUnescaped(const unsigned char* data, int size);
+    void compact();
     void dropStale();
     const unsigned char* live() const
     {
