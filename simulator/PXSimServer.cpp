@@ -1,0 +1,521 @@
+#include "PXSimServer.h"
+
+#include "pellix/protocol/PXProtocol.h"
+
+#include <QTcpSocket>
+#include <QTimer>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+
+namespace {
+
+// Bytes taken from a client socket per read; bounded by the socket's read buffer anyway.
+constexpr qint64 ReadChunk = 64 * 1024;
+// Read-data frames of a block read are written in batches of about this many bytes.
+constexpr int BlockBatch = 64 * 1024;
+
+const unsigned char* payloadOf(const QByteArray& frame)
+{
+    return reinterpret_cast<const unsigned char*>(frame.constData()) + pxproto::HeaderSize;
+}
+
+int payloadSize(const QByteArray& frame)
+{
+    return int(frame.size()) - pxproto::HeaderSize;
+}
+
+quint32 flowModeOf(const QString& word)
+{
+    if (word == QLatin1String("hardware"))
+        return PXL_FLOW_HARDWARE;
+    if (word == QLatin1String("xonxoff"))
+        return PXL_FLOW_XONXOFF;
+    return 0;
+}
+
+} // namespace
+
+PXSimClient::PXSimClient(quint64 clientId, QTcpSocket* clientSocket, QObject* parent)
+    : QObject(parent), id(clientId), socket(clientSocket), latencyTimer(new QTimer(this))
+{
+    socket->setParent(this);
+    latencyTimer->setSingleShot(true);
+    latencyTimer->setTimerType(Qt::PreciseTimer);
+}
+
+PXSimServer::PXSimServer(const PXSimOptions& options, QObject* parent)
+    : QObject(parent), settings(options), scratch(options.frameSize, Qt::Uninitialized),
+      baudRate(options.baudRate), flowMode(flowModeOf(options.flowWord))
+{
+    connect(&tcpServer, &QTcpServer::newConnection, this, &PXSimServer::onNewConnection);
+}
+
+PXSimServer::~PXSimServer()
+{
+    for (PXSimClient* client : clients)
+        delete client;
+}
+
+bool PXSimServer::listen(QString* error)
+{
+    if (tcpServer.listen(settings.listenAddress, settings.port))
+        return true;
+    *error = QStringLiteral("cannot listen on %1:%2: %3")
+                 .arg(settings.listenAddress.toString())
+                 .arg(settings.port)
+                 .arg(tcpServer.errorString());
+    return false;
+}
+
+void PXSimServer::log(const PXSimClient* client, const char* format, ...) const
+{
+    if (!settings.verbose)
+        return;
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (client)
+        std::fprintf(stderr, "pellix: client %llu: %s\n",
+                     static_cast<unsigned long long>(client->id), text);
+    else
+        std::fprintf(stderr, "pellix: %s\n", text);
+}
+
+void PXSimServer::onNewConnection()
+{
+    while (QTcpSocket* socket = tcpServer.nextPendingConnection()) {
+        if (stopping) {
+            socket->abort();
+            socket->deleteLater();
+            continue;
+        }
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        socket->setReadBufferSize(ReadBufferLimit);
+        auto* client = new PXSimClient(nextClientId++, socket, this);
+        clients.push_back(client);
+        log(client, "connected from %s:%u", qPrintable(socket->peerAddress().toString()),
+            unsigned(socket->peerPort()));
+        connect(socket, &QTcpSocket::readyRead, client, [this, client] { pump(client); });
+        connect(socket, &QTcpSocket::bytesWritten, client, [this, client] { pump(client); });
+        connect(socket, &QTcpSocket::disconnected, client, [this, client] {
+            // Requests that arrived before the close still take effect (a write, a kill).
+            pump(client);
+            removeClient(client);
+        });
+        connect(client->latencyTimer, &QTimer::timeout, client,
+                [this, client] { fireDelayed(client); });
+        // Bytes may have arrived before the signals were connected.
+        QTimer::singleShot(0, client, [this, client] { pump(client); });
+    }
+}
+
+void PXSimServer::removeClient(PXSimClient* client)
+{
+    if (client->gone)
+        return;
+    client->gone = true;
+    log(client, "disconnected (%llu event or bypass frame(s) dropped)",
+        static_cast<unsigned long long>(client->droppedFrames));
+    clients.erase(std::remove(clients.begin(), clients.end(), client), clients.end());
+    client->socket->disconnect(client);
+    client->latencyTimer->stop();
+    client->deleteLater();
+}
+
+// Runs on every arrival and every drained write: answers as many buffered requests as the
+// client's output allows. Reading stops while the output is above the high-water mark, so a
+// client that never reads is pushed back by TCP instead of growing our buffers.
+void PXSimServer::pump(PXSimClient* client)
+{
+    if (client->gone || client->pumping || stopping)
+        return;
+    client->pumping = true;
+    while (!client->gone && !stopping) {
+        drainAsync(client);
+        if (client->readRemaining > 0) {
+            continueBlockRead(client);
+            if (client->readRemaining > 0)
+                break;
+        }
+        if (client->socket->bytesToWrite() >= OutputHighWater || client->latencyTimer->isActive())
+            break;
+        const QByteArray request = client->parser.getPacket(false);
+        if (!request.isEmpty()) {
+            if (settings.latencyMicroseconds > 0 && repliesTo(request)) {
+                client->delayedRequest = request;
+                client->latencyTimer->start(int((settings.latencyMicroseconds + 999) / 1000));
+                break;
+            }
+            handleRequest(client, request);
+            continue;
+        }
+        if (client->socket->bytesAvailable() <= 0)
+            break;
+        const QByteArray chunk = client->socket->read(ReadChunk);
+        if (chunk.isEmpty())
+            break;
+        client->parser.feedData(chunk);
+    }
+    client->pumping = false;
+}
+
+void PXSimServer::fireDelayed(PXSimClient* client)
+{
+    if (client->gone || stopping)
+        return;
+    const QByteArray request = client->delayedRequest;
+    client->delayedRequest.clear();
+    handleRequest(client, request);
+    pump(client);
+}
+
+bool PXSimServer::repliesTo(const QByteArray& request) const
+{
+    switch (pxproto::flowId(request)) {
+    case pxproto::request::Read: // and write: both are answered
+    case pxproto::request::BlockRead:
+    case pxproto::request::Ping:
+    case pxproto::request::Status:
+    case pxproto::request::ForceReconnect:
+    case pxproto::request::Break:
+        return true;
+    default:
+        return false;
+    }
+}
+
+void PXSimServer::sendReply(PXSimClient* client, const QByteArray& frame)
+{
+    client->socket->write(frame);
+}
+
+void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
+{
+    const unsigned char flow = pxproto::flowId(request);
+    const int size = payloadSize(request);
+    const unsigned char* payload = payloadOf(request);
+    switch (flow) {
+    case pxproto::request::Read: // also Write: the access code tells them apart
+        handleReadOrWrite(client, request);
+        return;
+    case pxproto::request::BlockRead:
+        handleBlockRead(client, request);
+        return;
+    case pxproto::request::EnableEvents:
+        if (size != 1)
+            break;
+        client->eventsEnabled = payload[0] != 0;
+        log(client, "events %s", client->eventsEnabled ? "enabled" : "disabled");
+        return;
+    case pxproto::request::SetBypassFlowIds:
+        handleBypassFlows(client, request);
+        return;
+    case pxproto::request::BypassSend:
+        handleBypassSend(client, request);
+        return;
+    case pxproto::request::Ping:
+        if (size != 0)
+            break;
+        log(client, "ping");
+        sendReply(client, pxproto::pingReply());
+        return;
+    case pxproto::request::Status:
+        if (size != 0)
+            break;
+        log(client, "status -> %u", unsigned(StatusLinkUp));
+        sendReply(client, pxproto::statusReply(StatusLinkUp));
+        return;
+    case pxproto::request::ForceReconnect:
+        if (size != 0)
+            break;
+        ++reconnects;
+        log(client, "force reconnection (%llu so far)",
+            static_cast<unsigned long long>(reconnects));
+        sendReply(client, pxproto::completion());
+        return;
+    case pxproto::request::Break:
+        if (size != 0)
+            break;
+        ++breaks;
+        log(client, "send break (%llu so far)", static_cast<unsigned long long>(breaks));
+        sendReply(client, pxproto::completion());
+        return;
+    case pxproto::request::Kill:
+        if (size != 0)
+            break;
+        log(client, "kill");
+        kill();
+        return;
+    case pxproto::request::Clean:
+        if (size != 0)
+            break;
+        // Cleaning empties the queues of every client; flushing only the caller's.
+        for (PXSimClient* other : clients)
+            other->asyncQueue.clear();
+        log(client, "clean: every client's queued event and bypass frames dropped");
+        return;
+    case pxproto::request::FlushFifos:
+        if (size != 0)
+            break;
+        client->asyncQueue.clear();
+        log(client, "flush FIFOs: queued event and bypass frames dropped");
+        return;
+    case pxproto::request::SetBaudRate:
+        if (size != 4)
+            break;
+        baudRate = qint32(pxproto::getLe32(payload));
+        log(client, "baud rate %lld", static_cast<long long>(baudRate));
+        return;
+    case pxproto::request::SetFlowMode:
+        if (size != 4)
+            break;
+        flowMode = pxproto::getLe32(payload);
+        log(client, "flow mode %u (%s)", flowMode, pxproto::flowModeWord(flowMode));
+        return;
+    case pxproto::request::SetUsbId:
+        if (size != 8)
+            break;
+        usbFirst = pxproto::getLe32(payload);
+        usbSecond = pxproto::getLe32(payload + 4);
+        log(client, "USB identifiers 0x%04X 0x%04X", usbFirst, usbSecond);
+        return;
+    case pxproto::request::AutoBauding:
+        if (size != 0)
+            break;
+        ++autoBaudings;
+        log(client, "auto-bauding (%llu so far)", static_cast<unsigned long long>(autoBaudings));
+        return;
+    case pxproto::request::SetClientType:
+        if (size != 1)
+            break;
+        client->clientType = payload[0];
+        log(client, "client type %d", client->clientType);
+        return;
+    case pxproto::request::SetPersistent:
+        if (size != 1)
+            break;
+        client->persistent = payload[0] != 0;
+        log(client, "persistent %s", client->persistent ? "on" : "off");
+        return;
+    default:
+        log(client, "unknown flow 0x%02X (length %d) skipped", unsigned(flow), size);
+        return;
+    }
+    log(client, "flow 0x%02X with bad length %d skipped", unsigned(flow), size);
+}
+
+void PXSimServer::handleReadOrWrite(PXSimClient* client, const QByteArray& request)
+{
+    const int size = payloadSize(request);
+    const unsigned char* payload = payloadOf(request);
+    if (size < 5) {
+        log(client, "read/write with bad length %d skipped", size);
+        return;
+    }
+    const unsigned char code = payload[0];
+    const quint32 address = pxproto::getLe32(payload + 1);
+    if (code >= pxproto::access::Write8) {
+        handleWrite(client, code, address, payload + 5, size - 5);
+        return;
+    }
+    if (size != pxproto::SingleReadLength) {
+        log(client, "read with bad length %d skipped", size);
+        return;
+    }
+    unsigned char data[4];
+    int count = 0;
+    switch (code) {
+    case pxproto::access::Read8:
+        count = 1;
+        break;
+    case pxproto::access::Read16:
+        count = 2;
+        break;
+    case pxproto::access::Read32:
+        count = 4;
+        break;
+    case pxproto::access::ReadInternal:
+        internalMemory.read(address, data, 1);
+        log(client, "read internal 0x%08X -> 0x%02X", address, unsigned(data[0]));
+        sendReply(client, pxproto::readData(address, data, 1));
+        return;
+    default:
+        log(client, "read with unknown access code 0x%02X skipped", unsigned(code));
+        return;
+    }
+    mainMemory.read(address, data, quint32(count));
+    log(client, "read%d 0x%08X", count * 8, address);
+    sendReply(client, pxproto::readData(address, data, count));
+}
+
+void PXSimServer::handleWrite(PXSimClient* client, unsigned char code, quint32 address,
+                              const unsigned char* data, int size)
+{
+    int expected = -1;
+    switch (code) {
+    case pxproto::access::Write8:
+        expected = 1;
+        break;
+    case pxproto::access::Write16:
+        expected = 2;
+        break;
+    case pxproto::access::Write32:
+        expected = 4;
+        break;
+    case pxproto::access::WriteBlock:
+    case pxproto::access::WriteInternal:
+        break;
+    default:
+        log(client, "write with unknown code 0x%02X skipped", unsigned(code));
+        return;
+    }
+    if (expected >= 0 && size != expected) {
+        log(client, "write code 0x%02X with %d data bytes skipped", unsigned(code), size);
+        return;
+    }
+    if (code == pxproto::access::WriteInternal) {
+        internalMemory.write(address, data, quint32(size));
+        log(client, "write internal 0x%08X, %d byte(s)", address, size);
+        sendReply(client, pxproto::writeAck());
+        return;
+    }
+    mainMemory.write(address, data, quint32(size));
+    log(client, "write 0x%08X, %d byte(s)", address, size);
+    sendReply(client, pxproto::writeAck());
+    // A write that covers all four bytes of the event register raises the event it holds.
+    const quint32 offset = settings.eventRegister - address;
+    if (size >= 4 && offset <= quint32(size - 4))
+        raiseEvent(pxproto::getLe32(data + offset));
+}
+
+void PXSimServer::handleBlockRead(PXSimClient* client, const QByteArray& request)
+{
+    const int size = payloadSize(request);
+    const unsigned char* payload = payloadOf(request);
+    if (size != pxproto::BlockReadLength || payload[0] != pxproto::access::BlockRead) {
+        log(client, "block read with bad length %d or code skipped", size);
+        return;
+    }
+    const quint32 address = pxproto::getLe32(payload + 1);
+    const quint32 count = pxproto::getLe32(payload + 5);
+    log(client, "block read 0x%08X, %u byte(s)", address, count);
+    if (count == 0)
+        return;
+    client->readAddress = address;
+    client->readRemaining = count;
+    continueBlockRead(client);
+}
+
+// Produces the read-data frames of the client's block read while its output has room.
+void PXSimServer::continueBlockRead(PXSimClient* client)
+{
+    if (client->socket->state() != QAbstractSocket::ConnectedState) {
+        client->readRemaining = 0;
+        return;
+    }
+    auto* data = reinterpret_cast<unsigned char*>(scratch.data());
+    while (client->readRemaining > 0 && client->socket->bytesToWrite() < OutputHighWater) {
+        QByteArray batch;
+        batch.reserve(BlockBatch + settings.frameSize + pxproto::HeaderSize + 4);
+        while (client->readRemaining > 0 && batch.size() < BlockBatch) {
+            const int n =
+                int(std::min<quint64>(client->readRemaining, quint64(settings.frameSize)));
+            mainMemory.read(client->readAddress, data, quint32(n));
+            batch.append(pxproto::readData(client->readAddress, data, n));
+            client->readAddress += quint32(n);
+            client->readRemaining -= quint64(n);
+        }
+        client->socket->write(batch);
+    }
+}
+
+void PXSimServer::handleBypassFlows(PXSimClient* client, const QByteArray& request)
+{
+    const int size = payloadSize(request);
+    const unsigned char* payload = payloadOf(request);
+    if (size < 4 || pxproto::getLe32(payload) != quint32(size - 4)) {
+        log(client, "bypass flow ids with bad count skipped");
+        return;
+    }
+    client->bypassFlows.reset();
+    for (int i = 4; i < size; ++i)
+        client->bypassFlows.set(payload[i]);
+    log(client, "bypass flow ids: %d id(s)", size - 4);
+}
+
+// The simulated target echoes every bypass packet on its own flow; the server forwards the
+// echo to every client that has chosen that flow id.
+void PXSimServer::handleBypassSend(PXSimClient* client, const QByteArray& request)
+{
+    const int size = payloadSize(request);
+    const unsigned char* nested = payloadOf(request);
+    if (size < 5 || nested[0] != pxproto::DebugStart || pxproto::getBe16(nested + 1) != size - 4) {
+        log(client, "bypass send with malformed nested packet (length %d) skipped", size);
+        return;
+    }
+    const unsigned char flow = nested[3];
+    const int dataSize = size - 5;
+    if (settings.verbose &&
+        CalcHostCrc(nested + 3, static_cast<unsigned long>(dataSize + 1)) != nested[size - 1])
+        log(client, "bypass send on flow 0x%02X has a bad checksum; echoed with a good one",
+            unsigned(flow));
+    log(client, "bypass send on flow 0x%02X, %d byte(s)", unsigned(flow), dataSize);
+    const QByteArray echo = pxproto::bypassFrame(pxproto::debugPacket(flow, nested + 4, dataSize));
+    for (PXSimClient* other : clients) {
+        if (other->bypassFlows.test(flow))
+            deliverAsync(other, echo);
+    }
+}
+
+void PXSimServer::raiseEvent(quint32 id)
+{
+    const QByteArray frame = pxproto::event(id);
+    int delivered = 0;
+    for (PXSimClient* other : clients) {
+        if (other->eventsEnabled) {
+            deliverAsync(other, frame);
+            ++delivered;
+        }
+    }
+    log(nullptr, "event 0x%08X raised for %d client(s)", id, delivered);
+}
+
+void PXSimServer::deliverAsync(PXSimClient* client, const QByteArray& frame)
+{
+    if (client->gone)
+        return;
+    if (client->asyncQueue.isEmpty() && client->socket->bytesToWrite() < OutputHighWater) {
+        client->socket->write(frame);
+        return;
+    }
+    if (client->asyncQueue.size() + frame.size() > AsyncQueueLimit) {
+        ++client->droppedFrames;
+        return;
+    }
+    client->asyncQueue.append(frame);
+}
+
+void PXSimServer::drainAsync(PXSimClient* client)
+{
+    if (client->asyncQueue.isEmpty() || client->socket->bytesToWrite() >= OutputHighWater)
+        return;
+    client->socket->write(client->asyncQueue);
+    client->asyncQueue.clear();
+}
+
+void PXSimServer::kill()
+{
+    stopping = true;
+    tcpServer.close();
+    for (PXSimClient* client : clients) {
+        client->gone = true;
+        client->socket->disconnect(client);
+        client->socket->flush();
+        client->socket->abort();
+    }
+    emit killRequested();
+}
