@@ -319,6 +319,23 @@ TEST_F(LodFileTest, MatchesPlainReadingOnRandomFiles)
     }
 }
 
+// Comments after a packet's last word longer than the stream's buffer: giving them back
+// must cross a buffer refill and still leave the stream right after the last word.
+TEST_F(LodFileTest, GivesBackLookAheadLongerThanTheStreamBuffer)
+{
+    std::string text = "@10\n1\n2\n";
+    while (text.size() < 300 * 1024)
+        text += "# " + std::string(1000, 'c') + "\n";
+    text += "\n@20\n3\n";
+    const std::string path = write(text);
+    const Outcome got = readAll(path);
+    EXPECT_EQ(got.packets, (std::vector<Packet>{{0x10, {1, 2}}, {0x20, {3}}}));
+    EXPECT_EQ(got.lastResult, 0);
+    EXPECT_EQ(got.positions, readWithReference(path).positions);
+    ASSERT_FALSE(got.positions.empty());
+    EXPECT_EQ(got.positions[0], 8);
+}
+
 struct LineCase
 {
     const char* name;

@@ -48,29 +48,27 @@ inline bool isCSpace(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// The low 32 bits of strtoul(text, NULL, 16) with a 64-bit unsigned long: white space,
-// optional sign, optional 0x prefix, digits up to the first non-digit; a value beyond 64 bits
-// gives ULONG_MAX, sign or not. text is zero-terminated.
-uint32_t parseHex32(const char* text)
+// The low 32 bits of strtoul(text, NULL, 16) with a 64-bit unsigned long, for the text in
+// [s, end): white space, optional sign, optional 0x prefix, digits up to the first non-digit;
+// a value beyond 64 bits gives ULONG_MAX, sign or not.
+inline uint32_t parseHex32(const char* s, const char* end)
 {
-    const char* s = text;
-    while (isCSpace(*s))
+    while (s < end && isCSpace(*s))
         ++s;
     bool negative = false;
-    if (*s == '+' || *s == '-') {
+    if (s < end && (*s == '+' || *s == '-')) {
         negative = *s == '-';
         ++s;
     }
-    if (s[0] == '0' && (s[1] == 'x' || s[1] == 'X'))
+    if (end - s >= 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X'))
         s += 2;
     uint64_t value = 0;
     bool overflow = false;
-    for (;; ++s) {
+    for (; s < end; ++s) {
         const unsigned digit = kHex.digit[static_cast<unsigned char>(*s)];
         if (digit > 15)
             break;
-        if (value >> 60)
-            overflow = true;
+        overflow |= (value >> 60) != 0;
         value = (value << 4) | digit;
     }
     if (overflow)
@@ -78,10 +76,20 @@ uint32_t parseHex32(const char* text)
     return static_cast<uint32_t>(negative ? 0 - value : value);
 }
 
+// One line as fgetl() gives it: its characters up to the first zero byte, without line end.
+struct Line
+{
+    const char* text;
+    long length; // -1 at the end of the file
+
+    bool isBlank() const { return length == 0; }
+    char first() const { return text[0]; }
+    const char* end() const { return text + length; }
+};
+
 // Reads lines exactly as fgetl() with a kLineBufferSize buffer does (fgets, then the end-of-
-// line and over-long rules), but character by character with getc_unlocked(), and counts the
-// bytes taken from the stream so the caller can step back over lines it looked at. The caller
-// holds the stream's lock.
+// line and over-long rules) and counts the bytes taken from the stream, so the caller can step
+// back over lines it only looked at. The caller holds the stream's lock.
 class LineReader
 {
 public:
@@ -89,44 +97,126 @@ public:
 
     uint64_t consumed() const { return m_consumed; }
 
-    // Stores the next line, zero-terminated, in line (kLineBufferSize bytes) and returns its
-    // length up to the first zero byte; -1 at the end of the file.
-    long next(char* line)
+    // The next line; valid until the next call.
+    Line next()
+    {
+#ifdef __GLIBC__
+        // Usual case: the whole line, its LF among the first kMaxLineLength bytes and no zero
+        // byte before it, already sits in the stream's buffer. Take it from there, uncopied.
+        const char* begin = m_file->_IO_read_ptr;
+        const char* available = m_file->_IO_read_end;
+        const char* limit =
+            available - begin > long(kMaxLineLength) ? begin + kMaxLineLength : available;
+        const char* p = begin;
+        while (p < limit && *p != '\n' && *p != '\0')
+            ++p;
+        if (p < limit && *p == '\n') {
+            long length = p - begin;
+            if (length > 0 && begin[length - 1] == '\r')
+                --length;
+            m_file->_IO_read_ptr = const_cast<char*>(p + 1);
+            m_consumed += uint64_t(p + 1 - begin);
+            return {begin, length};
+        }
+#endif
+        return nextByCharacter();
+    }
+
+    // Takes the next line if it is a plain data line held whole in the stream's buffer: up to
+    // 16 hex digits (not "0x"), anything after them, LF among the first kMaxLineLength bytes,
+    // no zero byte. Its word is the digits' value, as parseHex32() would give. Returns false
+    // and takes nothing otherwise; next() then reads the line. This is the loop a big file
+    // spends its time in, so it scans the line once.
+    bool nextPlainWord(uint32_t& word)
+    {
+#ifdef __GLIBC__
+        const char* begin = m_file->_IO_read_ptr;
+        const char* available = m_file->_IO_read_end;
+        const char* limit =
+            available - begin > long(kMaxLineLength) ? begin + kMaxLineLength : available;
+        const char* p = begin;
+        uint64_t value = 0;
+        for (; p < limit && p - begin < 16; ++p) {
+            const unsigned digit = kHex.digit[static_cast<unsigned char>(*p)];
+            if (digit > 15)
+                break;
+            value = (value << 4) | digit;
+        }
+        if (p == begin || p >= limit || kHex.digit[static_cast<unsigned char>(*p)] <= 15)
+            return false;
+        if (begin[0] == '0' && (begin[1] == 'x' || begin[1] == 'X'))
+            return false;
+        while (p < limit && *p != '\n' && *p != '\0')
+            ++p;
+        if (p >= limit || *p != '\n')
+            return false;
+        word = static_cast<uint32_t>(value);
+        m_file->_IO_read_ptr = const_cast<char*>(p + 1);
+        m_consumed += uint64_t(p + 1 - begin);
+        return true;
+#else
+        (void)word;
+        return false;
+#endif
+    }
+
+    // Steps the stream back by the last count bytes taken from it.
+    void giveBack(uint64_t count)
+    {
+        if (count == 0)
+            return;
+        m_consumed -= count;
+#ifdef __GLIBC__
+        // Usually the bytes are still in the stream's buffer: step back there. fseeko() would
+        // do the same but adds a system call to resync the file offset, once per packet.
+        if (count <= uint64_t(m_file->_IO_read_ptr - m_file->_IO_read_base)) {
+            m_file->_IO_read_ptr -= count;
+            m_file->_flags &= ~_IO_EOF_SEEN;
+            return;
+        }
+#endif
+        fseeko(m_file, -static_cast<off_t>(count), SEEK_CUR);
+    }
+
+private:
+    // Any line: fgets() into m_line and fgetl()'s rules, one character at a time.
+    Line nextByCharacter()
     {
         size_t n = 0;
+        size_t length = kLineBufferSize; // up to the first zero byte
         while (n < kMaxLineLength) {
             const int c = get();
             if (c == EOF)
                 break;
-            line[n++] = static_cast<char>(c);
+            if (c == '\0' && length == kLineBufferSize)
+                length = n;
+            m_line[n++] = static_cast<char>(c);
             if (c == '\n')
                 break;
         }
         if (n == 0)
-            return -1;
-        line[n] = '\0';
-        const void* zero = std::memchr(line, '\0', n);
-        size_t length = zero ? static_cast<size_t>(static_cast<const char*>(zero) - line) : n;
+            return {m_line, -1};
+        if (length > n)
+            length = n;
         if (length == 0)
-            return 0;
-        if (line[length - 1] == '\n') {
-            line[--length] = '\0';
-            if (length > 0 && line[length - 1] == '\r')
-                line[--length] = '\0';
-            return static_cast<long>(length);
+            return {m_line, 0};
+        if (m_line[length - 1] == '\n') {
+            --length;
+            if (length > 0 && m_line[length - 1] == '\r')
+                --length;
+            return {m_line, long(length)};
         }
         int c = get();
         if (c == '\n') {
-            if (line[length - 1] == '\r')
-                line[--length] = '\0';
+            if (m_line[length - 1] == '\r')
+                --length;
         } else {
             while (c != EOF && c != '\n')
                 c = get();
         }
-        return static_cast<long>(length);
+        return {m_line, long(length)};
     }
 
-private:
     int get()
     {
         const int c = getc_unlocked(m_file);
@@ -137,6 +227,7 @@ private:
 
     FILE* m_file;
     uint64_t m_consumed = 0;
+    char m_line[kLineBufferSize];
 };
 
 // Word array that grows while a packet is read, so each line is read once.
@@ -189,19 +280,18 @@ private:
 int nextPacketLocked(FILE* file, LodPacket** packet)
 {
     LineReader reader(file);
-    char line[kLineBufferSize];
-    long length;
+    Line line;
     for (;;) {
-        length = reader.next(line);
-        if (length < 0)
+        line = reader.next();
+        if (line.length < 0)
             return 0;
-        if (length == 0 || line[0] == '#')
+        if (line.isBlank() || line.first() == '#')
             continue;
-        if (line[0] != '@')
+        if (line.first() != '@')
             return 1;
         break;
     }
-    const uint32_t address = parseHex32(line + 1);
+    const uint32_t address = parseHex32(line.text + 1, line.end());
 
     // The packet ends before a blank line, an address line or the end of the file. Lines
     // looked at after the last word (comments, and the line that ends the packet) are given
@@ -209,19 +299,25 @@ int nextPacketLocked(FILE* file, LodPacket** packet)
     WordBuffer words;
     uint64_t afterLastWord = reader.consumed();
     bool outOfMemory = false;
-    while ((length = reader.next(line)) > 0 && line[0] != '@') {
-        if (line[0] == '#')
-            continue;
+    for (;;) {
         if (words.count() == INT32_MAX)
             break;
-        if (!words.append(parseHex32(line))) {
+        uint32_t word;
+        if (!reader.nextPlainWord(word)) {
+            line = reader.next();
+            if (line.length <= 0 || line.first() == '@')
+                break;
+            if (line.first() == '#')
+                continue;
+            word = parseHex32(line.text, line.end());
+        }
+        if (!words.append(word)) {
             outOfMemory = true;
             break;
         }
         afterLastWord = reader.consumed();
     }
-    if (reader.consumed() > afterLastWord)
-        fseeko(file, -static_cast<off_t>(reader.consumed() - afterLastWord), SEEK_CUR);
+    reader.giveBack(reader.consumed() - afterLastWord);
     if (outOfMemory)
         return 0;
 
