@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -300,6 +299,8 @@ int nextPacketLocked(FILE* file, LodPacket** packet)
     uint64_t afterLastWord = reader.consumed();
     bool outOfMemory = false;
     for (;;) {
+        // wordCount is 32-bit: a longer run ends the packet, and the next call reports the
+        // rest as a data line outside a packet.
         if (words.count() == INT32_MAX)
             break;
         uint32_t word;
