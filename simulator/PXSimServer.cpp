@@ -161,6 +161,11 @@ void PXSimServer::pump(PXSimClient* client)
         client->parser.feedData(chunk);
     }
     client->pumping = false;
+    const bool full = !client->gone && client->socket->bytesToWrite() >= OutputHighWater;
+    if (full != client->outputFull) {
+        client->outputFull = full;
+        log(client, full ? "output full: requests held back" : "output drained: requests resumed");
+    }
 }
 
 void PXSimServer::fireDelayed(PXSimClient* client)
@@ -253,16 +258,20 @@ void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
     case pxproto::request::Clean:
         if (size != 0)
             break;
-        // Cleaning empties the queues of every client; flushing only the caller's.
-        for (PXSimClient* other : clients)
-            other->asyncQueue.clear();
-        log(client, "clean: every client's queued event and bypass frames dropped");
-        return;
+        {
+            // Cleaning empties the queues of every client; flushing only the caller's.
+            quint64 dropped = 0;
+            for (PXSimClient* other : clients)
+                dropped += clearQueue(other);
+            log(client, "clean: %llu queued frame(s) dropped",
+                static_cast<unsigned long long>(dropped));
+            return;
+        }
     case pxproto::request::FlushFifos:
         if (size != 0)
             break;
-        client->asyncQueue.clear();
-        log(client, "flush FIFOs: queued event and bypass frames dropped");
+        log(client, "flush FIFOs: %llu queued frame(s) dropped",
+            static_cast<unsigned long long>(clearQueue(client)));
         return;
     case pxproto::request::SetBaudRate:
         if (size != 4)
@@ -496,7 +505,18 @@ void PXSimServer::deliverAsync(PXSimClient* client, const QByteArray& frame)
         ++client->droppedFrames;
         return;
     }
+    if (client->asyncQueue.isEmpty())
+        log(client, "output full: event and bypass frames queued");
     client->asyncQueue.append(frame);
+    ++client->queuedFrames;
+}
+
+quint64 PXSimServer::clearQueue(PXSimClient* client)
+{
+    const quint64 dropped = client->queuedFrames;
+    client->asyncQueue.clear();
+    client->queuedFrames = 0;
+    return dropped;
 }
 
 void PXSimServer::drainAsync(PXSimClient* client)
@@ -505,6 +525,7 @@ void PXSimServer::drainAsync(PXSimClient* client)
         return;
     client->socket->write(client->asyncQueue);
     client->asyncQueue.clear();
+    client->queuedFrames = 0;
 }
 
 void PXSimServer::kill()

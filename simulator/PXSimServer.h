@@ -39,6 +39,7 @@ public:
 
     // Event and bypass frames waiting for room in the socket's write buffer.
     QByteArray asyncQueue;
+    quint64 queuedFrames = 0;
     quint64 droppedFrames = 0;
 
     // Request held back by --latency until latencyTimer fires.
@@ -46,6 +47,8 @@ public:
 
     bool gone = false;
     bool pumping = false;
+    // Unsent output at or above the high-water mark when last looked at (for the log).
+    bool outputFull = false;
 };
 
 // The simulated host server: accepts any number of clients on one listening socket and
@@ -98,6 +101,8 @@ private:
     void handleBypassSend(PXSimClient* client, const QByteArray& request);
     void continueBlockRead(PXSimClient* client);
     void drainAsync(PXSimClient* client);
+    // Empties the client's event and bypass queue; returns the number of frames dropped.
+    quint64 clearQueue(PXSimClient* client);
     void raiseEvent(quint32 id);
     void deliverAsync(PXSimClient* client, const QByteArray& frame);
     void sendReply(PXSimClient* client, const QByteArray& frame);

@@ -81,6 +81,27 @@ protected:
         EXPECT_TRUE(client->connectTo(server.port()));
         return client;
     }
+    // Every server ends cleanly: a crash or a sanitizer report in it fails the test.
+    void TearDown() override
+    {
+        if (server.port() == 0)
+            return;
+        if (server.raw().state() != QProcess::NotRunning)
+            server.raw().terminate();
+        EXPECT_EQ(server.waitExit(), 0) << server.errorOutput().constData();
+    }
+    // Polls the server's standard error until it holds `text`, for at most timeoutMs.
+    bool waitForLog(const char* text, int timeoutMs = 10000)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        while (!server.errorOutput().contains(text)) {
+            if (timer.elapsed() > timeoutMs)
+                return false;
+            QTest::qWait(10);
+        }
+        return true;
+    }
 
     SimProcess server;
 };
@@ -633,6 +654,60 @@ TEST_F(Simulator, ClientThatNeverReadsDoesNotStallOthers)
     ASSERT_FALSE(first.isEmpty());
     EXPECT_EQ(pxproto::flowId(first), pxproto::reply::ReadData);
     EXPECT_EQ(pxproto::getLe32(payload(first).constData()), 0u);
+}
+
+// Event frames for a client whose output is full wait in its queue; clean drops them and
+// leaves the client's events enabled.
+TEST_F(Simulator, CleanDropsQueuedEventFrames)
+{
+    startServer({"--verbose"});
+    auto sink = connectClient();
+    auto other = connectClient();
+    sink->socket.setReadBufferSize(1);
+    sink->send(pxproto::enableEvents(true));
+    sink->send(pxproto::blockRead(0, 0xFFFFFFFFu));
+    ASSERT_TRUE(waitForLog("client 1: output full: requests held back"));
+    const auto raise = [&](quint32 id) {
+        other->send(write32(PXSimDefaultEventRegister, id));
+        return pxproto::flowId(other->next()) == pxproto::reply::WriteAck;
+    };
+    // Until the kernel's socket buffers are full the sink's output still drains now and then,
+    // emptying its queue; try again until three marked events were queued when clean came.
+    const char* queuedLine = "client 1: output full: event and bypass frames queued";
+    quint32 dropped = 0;
+    for (quint32 attempt = 1; attempt <= 200 && dropped == 0; ++attempt) {
+        const auto queuedBefore = server.errorOutput().count(queuedLine);
+        for (quint32 probe = 0; server.errorOutput().count(queuedLine) == queuedBefore; ++probe) {
+            ASSERT_LT(probe, 1000u);
+            ASSERT_TRUE(raise(0x10000 + probe));
+        }
+        for (quint32 mark = 1; mark <= 3; ++mark)
+            ASSERT_TRUE(raise(attempt * 16 + mark));
+        other->send(pxproto::clean());
+        bool pinged = false;
+        other->framesBeforePing(&pinged);
+        ASSERT_TRUE(pinged);
+        const QByteArray log = server.errorOutput();
+        const int at = int(log.lastIndexOf("clean: "));
+        ASSERT_GE(at, 0);
+        if (log.mid(at + 7, 12).split(' ').first().toInt() >= 4)
+            dropped = attempt * 16;
+    }
+    ASSERT_NE(dropped, 0u);
+    ASSERT_TRUE(raise(99));
+
+    // The sink, reading now, gets only events that were sent before the queueing, then 99.
+    sink->socket.setReadBufferSize(0);
+    for (;;) {
+        const QByteArray frame = sink->next();
+        ASSERT_FALSE(frame.isEmpty());
+        if (pxproto::flowId(frame) != pxproto::reply::Event)
+            continue;
+        const quint32 id = pxproto::getLe32(payload(frame).constData());
+        if (id == 99)
+            break;
+        EXPECT_FALSE(id > dropped && id <= dropped + 3) << id;
+    }
 }
 
 // ---- latency ---------------------------------------------------------------------------------
