@@ -51,8 +51,13 @@ function(pellix_add_test)
     if(NOT T_TIMEOUT)
         set(T_TIMEOUT 120)
     endif()
+    set(properties TIMEOUT ${T_TIMEOUT})
+    if(labels)
+        list(JOIN labels "\\;" joined)
+        list(APPEND properties LABELS "${joined}")
+    endif()
     gtest_discover_tests(${T_NAME}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES LABELS "${labels}" TIMEOUT ${T_TIMEOUT})
+        PROPERTIES ${properties})
 endfunction()
