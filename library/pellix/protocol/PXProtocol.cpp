@@ -17,7 +17,7 @@ QByteArray debugCommand(unsigned char command, unsigned int address, const void*
 {
     const int total = 10 + argumentSize;
     QByteArray out(total, Qt::Uninitialized);
-    auto* p = reinterpret_cast<unsigned char*>(out.data());
+    auto* p = pxproto::writableBytes(out);
     p[4] = command;
     pxproto::putLe32(p + 5, address);
     if (argumentSize > 0)
