@@ -344,3 +344,149 @@ TEST(ConnectionFake, StoredBypassPacketShorterThanItsHeaderIsDiscarded)
     EXPECT_EQ(flow, 0x21);
     EXPECT_EQ(length, 3);
 }
+
+namespace {
+
+// Sets an environment variable for one scope (each ctest entry is its own process, but the
+// binary may also run all cases in one).
+struct ScopedEnv
+{
+    ScopedEnv(const char* n, const QByteArray& value) : name(n) { qputenv(name, value); }
+    ~ScopedEnv() { qunsetenv(name); }
+    const char* name;
+};
+
+} // namespace
+
+TEST(ConnectionFake, ForcedHostAndPortOverrideBothArguments)
+{
+    FakeServer forced;
+    FakeServer named;
+    {
+        ScopedEnv host("FORCED_PELLIX_HOST", "127.0.0.1");
+        ScopedEnv port("FORCED_PELLIX_PORT", QByteArray::number(forced.port()));
+        PXConnection connection;
+        EXPECT_TRUE(connection.open("localhost.invalid", named.port()));
+        EXPECT_TRUE(forced.waitForConnections(1));
+        EXPECT_EQ(named.connectionCount(), 0);
+    }
+    {
+        // Only one of the two set counts as neither set.
+        ScopedEnv port("FORCED_PELLIX_PORT", QByteArray::number(forced.port()));
+        PXConnection connection;
+        EXPECT_TRUE(connection.open("127.0.0.1", named.port()));
+        EXPECT_TRUE(named.waitForConnections(1));
+        EXPECT_EQ(forced.connectionCount(), 1);
+    }
+    struct Case
+    {
+        QByteArray port;
+        quint16 expected;
+    };
+    for (const Case& c : {Case{"70000", 4464}, Case{"abc", 0}, Case{"7705", 7705}}) {
+        ScopedEnv host("FORCED_PELLIX_HOST", "10.1.2.3");
+        ScopedEnv port("FORCED_PELLIX_PORT", c.port);
+        QString usedHost;
+        quint16 usedPort = 1;
+        PXClientManager::resolveServerAddress("127.0.0.1", 7701, &usedHost, &usedPort);
+        EXPECT_EQ(usedHost, QString("10.1.2.3")) << c.port.constData();
+        EXPECT_EQ(usedPort, c.expected) << c.port.constData();
+    }
+}
+
+TEST(ConnectionFake, EmptyHostAndPortReuseTheLastOpen)
+{
+    if (PXClientManager::MServerHost.isEmpty()) {
+        // Fresh process: nothing to reuse yet.
+        PXConnection connection;
+        EXPECT_FALSE(connection.open("", 0));
+    }
+    FakeServer first;
+    FakeServer second;
+    PXConnection a;
+    ASSERT_TRUE(a.open("127.0.0.1", first.port()));
+    PXConnection b;
+    ASSERT_TRUE(b.open("", 0));
+    EXPECT_TRUE(first.waitForConnections(2));
+    // A new port alone keeps the last host.
+    PXConnection c;
+    ASSERT_TRUE(c.open("", second.port()));
+    EXPECT_TRUE(second.waitForConnections(1));
+}
+
+TEST(ConnectionFake, HandlesAreGivenInOrderAndNeverReused)
+{
+    static bool firstInProcess = true;
+    auto* a = new PXConnection;
+    if (firstInProcess) {
+        EXPECT_EQ(a->getId(), 1);
+    }
+    firstInProcess = false;
+    auto* b = new PXConnection;
+    EXPECT_EQ(b->getId(), a->getId() + 1);
+    const int gone = a->getId();
+    delete a;
+    EXPECT_EQ(PXConnection::GetById(gone), nullptr);
+    PXConnection c;
+    EXPECT_EQ(c.getId(), gone + 2);
+    EXPECT_EQ(PXConnection::GetById(c.getId()), &c);
+    EXPECT_EQ(PXConnection::GetById(0), nullptr);
+    EXPECT_EQ(PXConnection::GetById(-1), nullptr);
+    delete b;
+}
+
+// A second open drops the old socket and connects anew; queued events stay, the delayed
+// callback must be set again.
+TEST(ConnectionFake, ReopenKeepsQueuesAndDropsTheDelayedCallback)
+{
+    Connected c;
+    c.connection.enableEvents(true);
+    unsigned char ids[] = {0x21};
+    c.connection.setBypassFlowIds(ids, 1);
+    std::atomic<int> delayed{0};
+    auto count = [](void* p) { ++*static_cast<std::atomic<int>*>(p); };
+    c.connection.setBypassDelayCallback(count, &delayed, 1);
+    c.server.send(pxproto::event(7) + pxproto::event(8));
+    c.sync();
+    ASSERT_TRUE(c.connection.open("127.0.0.1", c.server.port()));
+    ASSERT_TRUE(c.server.waitForConnections(2));
+    EXPECT_EQ(c.connection.isConnected(), true);
+    // Nothing of the old connection's set-up is sent again over the new socket.
+    c.server.clearReceived();
+    c.sync();
+    EXPECT_EQ(c.server.frames(-1), QList<QByteArray>{pxproto::ping()});
+    // The old socket is gone: its late bytes reach nobody.
+    c.server.send(pxproto::event(99), 0);
+    // A bypass packet on the new socket: queued, but the fresh delayed callback has no function.
+    c.server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "a", 1)));
+    c.sync();
+    unsigned int event = 0;
+    EXPECT_EQ(c.connection.popEvent(&event), 0u);
+    EXPECT_EQ(event, 7u);
+    EXPECT_EQ(c.connection.popEvent(&event), 0u);
+    EXPECT_EQ(event, 8u);
+    EXPECT_EQ(c.connection.popEvent(&event), 19u);
+    // Set again, the delayed callback fires for the next burst.
+    c.connection.setBypassDelayCallback(count, &delayed, 1);
+    c.server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "b", 1)));
+    QElapsedTimer clock;
+    clock.start();
+    while (delayed.load() == 0 && clock.elapsed() < 5000)
+        QThread::yieldCurrentThread();
+    EXPECT_EQ(delayed.load(), 1);
+}
+
+TEST(ConnectionFake, OpenFailsWhenNothingListens)
+{
+    quint16 port;
+    {
+        FakeServer gone;
+        port = gone.port();
+    }
+    PXConnection connection;
+    QElapsedTimer clock;
+    clock.start();
+    EXPECT_FALSE(connection.open("127.0.0.1", port));
+    EXPECT_LT(clock.elapsed(), 2500);
+    EXPECT_FALSE(connection.isConnected());
+}

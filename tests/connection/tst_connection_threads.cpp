@@ -1,0 +1,283 @@
+// PXConnection used from several threads at once: requests matched to their replies, waiters
+// and consumers of the queues, destruction while the server sends. Run under ThreadSanitizer.
+
+#include "FakeServer.h"
+
+#include "pellix/connection/PXClientManager.h"
+#include "pellix/connection/PXConnection.h"
+#include "pellix/protocol/PXProtocol.h"
+
+#include <QElapsedTimer>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// The byte a fake target holds at `address`: every reply tells which request it answers.
+unsigned char patternAt(quint32 address)
+{
+    return static_cast<unsigned char>((address * 31u + (address >> 8)) & 0xFF);
+}
+
+// A small target: reads answered from patternAt (block reads in two frames), writes and pings
+// acknowledged, status byte 1.
+void memoryResponder(FakeServer& server, int client, const QByteArray& frame)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(frame.constData());
+    switch (pxproto::flowId(frame)) {
+    case pxproto::request::Read: { // also writes: same flow id, write codes from 0x80 on
+        if (p[4] >= pxproto::access::Write8) {
+            server.send(pxproto::writeAck(), client);
+            break;
+        }
+        const quint32 address = pxproto::getLe32(p + 5);
+        const int size = p[4] == pxproto::access::Read8 || p[4] == pxproto::access::ReadInternal
+                             ? 1
+                             : (p[4] == pxproto::access::Read16 ? 2 : 4);
+        QByteArray data;
+        for (int i = 0; i < size; ++i)
+            data.append(char(patternAt(address + quint32(i))));
+        server.send(pxproto::readData(address, data.constData(), size), client);
+        break;
+    }
+    case pxproto::request::BlockRead: {
+        const quint32 address = pxproto::getLe32(p + 5);
+        const int count = int(pxproto::getLe32(p + 9));
+        QByteArray data;
+        for (int i = 0; i < count; ++i)
+            data.append(char(patternAt(address + quint32(i))));
+        const int half = count / 2;
+        server.send(
+            pxproto::readData(address, data.constData(), half) +
+                pxproto::readData(address + quint32(half), data.constData() + half, count - half),
+            client);
+        break;
+    }
+    case pxproto::request::Ping:
+        server.send(pxproto::pingReply(), client);
+        break;
+    case pxproto::request::Status:
+        server.send(pxproto::statusReply(1), client);
+        break;
+    default:
+        break;
+    }
+}
+
+// Mixed requests; every read must carry exactly the bytes of its own address.
+void hammer(PXConnection* connection, int thread, int rounds, std::atomic<int>* failures)
+{
+    for (int i = 0; i < rounds; ++i) {
+        const quint32 base = quint32(0x10000 * (thread + 1) + i * 16);
+        unsigned int word = 0;
+        unsigned char byte = 0, block[24];
+        unsigned short half = 0;
+        unsigned char status = 0;
+        bool ok = connection->read32(base, &word) == 0 &&
+                  word == pxproto::getLe32(
+                              std::vector<unsigned char>{patternAt(base), patternAt(base + 1),
+                                                         patternAt(base + 2), patternAt(base + 3)}
+                                  .data());
+        ok = ok && connection->read8(base + 5, &byte) == 0 && byte == patternAt(base + 5);
+        ok = ok && connection->read16(base + 6, &half) == 0 &&
+             half == (patternAt(base + 6) | (patternAt(base + 7) << 8));
+        ok = ok && connection->readBlock(base, block, 24) == 0;
+        for (int k = 0; ok && k < 24; ++k)
+            ok = block[k] == patternAt(base + quint32(k));
+        ok = ok && connection->write32(base, 0x12345678u) == 0;
+        ok = ok && connection->getStatus(&status) == 0 && status == 1;
+        ok = ok && connection->ping() == 0;
+        if (!ok)
+            ++*failures;
+    }
+}
+
+} // namespace
+
+TEST(ConnectionThreads, InstanceRaceGivesOneManager)
+{
+    std::vector<std::thread> threads;
+    std::vector<PXClientManager*> seen(8, nullptr);
+    std::atomic<bool> go{false};
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&, i] {
+            while (!go.load())
+                std::this_thread::yield();
+            seen[size_t(i)] = PXClientManager::Instance();
+        });
+    go = true;
+    for (auto& t : threads)
+        t.join();
+    for (PXClientManager* m : seen)
+        EXPECT_EQ(m, seen[0]);
+    EXPECT_TRUE(seen[0]->isRunning());
+}
+
+TEST(ConnectionThreads, MixedRequestsOnOneConnection)
+{
+    FakeServer server;
+    server.setResponder(memoryResponder);
+    PXConnection connection;
+    ASSERT_TRUE(connection.open("127.0.0.1", server.port()));
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back(hammer, &connection, t, 40, &failures);
+    // Queue operations run while requests wait.
+    connection.enableEvents(true);
+    unsigned int event;
+    for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(connection.popEvent(&event), 19u);
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
+}
+
+TEST(ConnectionThreads, MixedRequestsOnSeveralConnections)
+{
+    FakeServer server;
+    server.setResponder(memoryResponder);
+    std::vector<std::unique_ptr<PXConnection>> connections;
+    for (int i = 0; i < 3; ++i) {
+        connections.push_back(std::make_unique<PXConnection>());
+        ASSERT_TRUE(connections.back()->open("127.0.0.1", server.port()));
+    }
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back(hammer, connections[size_t(t % 3)].get(), t, 25, &failures);
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
+}
+
+// Each arriving event wakes one waiter: with wake-all, the waiters that lose the race would
+// return 19.
+TEST(ConnectionThreads, EachEventWakesOneWaiter)
+{
+    FakeServer server;
+    PXConnection connection;
+    ASSERT_TRUE(connection.open("127.0.0.1", server.port()));
+    connection.enableEvents(true);
+    constexpr int Waiters = 4;
+    std::mutex mutex;
+    std::multiset<unsigned int> got;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < Waiters; ++i)
+        threads.emplace_back([&] {
+            unsigned int event = 0;
+            if (connection.waitEvent(&event, 20000) != 0) {
+                ++failures;
+                return;
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            got.insert(event);
+        });
+    for (int i = 0; i < Waiters; ++i)
+        server.sendLater(pxproto::event(0x100 + quint32(i)), 100 * (i + 1));
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(got, (std::multiset<unsigned int>{0x100, 0x101, 0x102, 0x103}));
+}
+
+// A consumer that pops in a loop races a waiter: exactly one of them gets the event, and the
+// waiter does not wait again after losing (one wait, not repeated).
+TEST(ConnectionThreads, ConsumerRacingAWaiter)
+{
+    FakeServer server;
+    PXConnection connection;
+    ASSERT_TRUE(connection.open("127.0.0.1", server.port()));
+    unsigned char ids[] = {0x21};
+    connection.setBypassFlowIds(ids, 1);
+    for (int round = 0; round < 5; ++round) {
+        std::atomic<bool> stop{false};
+        std::atomic<int> popped{0};
+        std::thread consumer([&] {
+            unsigned char flow, buffer[16];
+            int length;
+            while (!stop.load())
+                if (connection.getBypassPacket(&flow, buffer, 16, &length) == 0)
+                    ++popped;
+        });
+        unsigned char flow, buffer[16];
+        int length = -1;
+        server.sendLater(pxproto::bypassFrame(pxproto::debugPacket(0x21, "z", 1)), 50);
+        QElapsedTimer clock;
+        clock.start();
+        const unsigned int result = connection.waitBypassPacket(&flow, buffer, 16, &length, 8000);
+        const qint64 waited = clock.elapsed();
+        // Whoever lost, the packet is taken exactly once.
+        QElapsedTimer deadline;
+        deadline.start();
+        while (result != 0 && popped.load() == 0 && deadline.elapsed() < 5000)
+            std::this_thread::yield();
+        stop = true;
+        consumer.join();
+        EXPECT_TRUE(result == 0 || result == 8);
+        EXPECT_EQ((result == 0 ? 1 : 0) + popped.load(), 1);
+        EXPECT_LT(waited, 5000);
+    }
+}
+
+// Destroying a connection while the server floods it: the destructor returns only after the
+// dispatch in progress, and no callback of the destroyed connection runs afterwards.
+TEST(ConnectionThreads, DestroyWhileServerSends)
+{
+    FakeServer server;
+    struct Watch
+    {
+        std::atomic<int> calls{0};
+        std::atomic<bool> destroyed{false};
+        std::atomic<int> lateCalls{0};
+    } watch;
+    auto onEvent = [](void* p) {
+        auto* w = static_cast<Watch*>(p);
+        ++w->calls;
+        if (w->destroyed.load())
+            ++w->lateCalls;
+    };
+    auto* connection = new PXConnection;
+    ASSERT_TRUE(connection->open("127.0.0.1", server.port()));
+    connection->enableEvents(true);
+    connection->setEventCallback(onEvent, &watch);
+    unsigned char ids[] = {0x21};
+    connection->setBypassFlowIds(ids, 1);
+    connection->setBypassDelayCallback(onEvent, &watch, 30);
+    QByteArray flood;
+    for (int i = 0; i < 20000; ++i)
+        flood += pxproto::event(quint32(i));
+    flood += pxproto::bypassFrame(pxproto::debugPacket(0x21, "q", 1));
+    server.send(flood);
+    QElapsedTimer clock;
+    clock.start();
+    while (watch.calls.load() == 0 && clock.elapsed() < 5000)
+        std::this_thread::yield();
+    delete connection;
+    watch.destroyed = true;
+    const int atDestruction = watch.calls.load();
+
+    // A second connection whose delayed callback fires well after the first one's would have.
+    PXConnection witness;
+    ASSERT_TRUE(witness.open("127.0.0.1", server.port()));
+    witness.setBypassFlowIds(ids, 1);
+    std::atomic<int> witnessCalls{0};
+    witness.setBypassDelayCallback([](void* p) { ++*static_cast<std::atomic<int>*>(p); },
+                                   &witnessCalls, 100);
+    server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "w", 1)));
+    clock.restart();
+    while (witnessCalls.load() == 0 && clock.elapsed() < 5000)
+        std::this_thread::yield();
+    EXPECT_EQ(witnessCalls.load(), 1);
+    EXPECT_EQ(watch.lateCalls.load(), 0);
+    EXPECT_EQ(watch.calls.load(), atDestruction);
+}
