@@ -2,6 +2,7 @@
 // replies split or delayed, silence, and the connection's own bookkeeping (handles, address).
 
 #include "FakeServer.h"
+#include "MemoryResponder.h"
 
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXConnection.h"
@@ -14,6 +15,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -489,4 +491,88 @@ TEST(ConnectionFake, OpenFailsWhenNothingListens)
     EXPECT_FALSE(connection.open("127.0.0.1", port));
     EXPECT_LT(clock.elapsed(), 2500);
     EXPECT_FALSE(connection.isConnected());
+}
+
+// How block operations cut a range into requests: (flow, code, address, count) per request.
+TEST(ConnectionFake, BlockOperationsSplitByAlignmentAndSize)
+{
+    struct Request
+    {
+        int flow;
+        int code;
+        quint32 address;
+        int count; // block read: its count; write: data bytes; single read: 0
+    };
+    auto decode = [](const QByteArray& f) {
+        const auto* p = reinterpret_cast<const unsigned char*>(f.constData());
+        const int flow = pxproto::flowId(f);
+        const int count = flow == pxproto::request::BlockRead ? int(pxproto::getLe32(p + 9))
+                          : p[4] >= 0x80                      ? pxproto::payloadLength(f) - 5
+                                                              : 0;
+        return Request{flow, p[4], pxproto::getLe32(p + 5), count};
+    };
+    Connected c;
+    c.server.setResponder(memoryResponder);
+    std::vector<unsigned char> buffer(65536 + 8);
+    struct Case
+    {
+        const char* what;
+        std::function<unsigned int()> call;
+        std::vector<Request> expected;
+    };
+    auto* con = &c.connection;
+    auto* data = buffer.data();
+    auto* words = reinterpret_cast<unsigned int*>(buffer.data());
+    const std::vector<Case> cases = {
+        {"10 bytes aligned",
+         [=] { return con->readBlock(0x1000, data, 10); },
+         {{0xFE, 3, 0x1000, 8}, {0xFF, 1, 0x1008, 0}}},
+        {"8 bytes at odd address",
+         [=] { return con->readBlock(0x1001, data, 8); },
+         {{0xFF, 0, 0x1001, 0}, {0xFF, 1, 0x1002, 0}, {0xFF, 2, 0x1004, 0}, {0xFF, 0, 0x1008, 0}}},
+        {"3 bytes aligned",
+         [=] { return con->readBlock(0x2000, data, 3); },
+         {{0xFF, 1, 0x2000, 0}, {0xFF, 0, 0x2002, 0}}},
+        {"65536 bytes",
+         [=] { return con->readBlock(0x4000, data, 65536); },
+         {{0xFE, 3, 0x4000, 32768}, {0xFE, 3, 0xC000, 32768}}},
+        {"read32 at 2 mod 4",
+         [=] { return con->read32(0x1002, reinterpret_cast<unsigned int*>(data)); },
+         {{0xFF, 1, 0x1002, 0}, {0xFF, 1, 0x1004, 0}}},
+        {"read32 aligned",
+         [=] { return con->read32(0x1000, reinterpret_cast<unsigned int*>(data)); },
+         {{0xFF, 2, 0x1000, 0}}},
+        {"read16 odd",
+         [=] { return con->read16(0x1001, reinterpret_cast<unsigned short*>(data)); },
+         {{0xFF, 0, 0x1001, 0}, {0xFF, 0, 0x1002, 0}}},
+        {"readi8", [=] { return con->readi8(0x33, data); }, {{0xFF, 4, 0x33, 0}}},
+        {"writei8", [=] { return con->writei8(0x33, 1); }, {{0xFF, 0x84, 0x33, 1}}},
+        {"writeBlock 40000",
+         [=] { return con->writeBlock(0x100, words, 40000); },
+         {{0xFF, 0x83, 0x100, 32768}, {0xFF, 0x83, 0x100 + 32768, 7232}}},
+        {"writeBlock 4",
+         [=] { return con->writeBlock(0x100, words, 4); },
+         {{0xFF, 0x82, 0x100, 4}}},
+        {"writeBlock 3",
+         [=] { return con->writeBlock(0x101, words, 3); },
+         {{0xFF, 0x83, 0x101, 3}}},
+    };
+    for (const Case& test : cases) {
+        c.server.clearReceived();
+        EXPECT_EQ(test.call(), 0u) << test.what;
+        const QList<QByteArray> frames = c.server.frames();
+        ASSERT_EQ(size_t(frames.size()), test.expected.size()) << test.what;
+        for (size_t i = 0; i < test.expected.size(); ++i) {
+            const Request got = decode(frames[int(i)]);
+            const Request& want = test.expected[i];
+            EXPECT_EQ(got.flow, want.flow) << test.what << " #" << i;
+            EXPECT_EQ(got.code, want.code) << test.what << " #" << i;
+            EXPECT_EQ(got.address, want.address) << test.what << " #" << i;
+            EXPECT_EQ(got.count, want.count) << test.what << " #" << i;
+        }
+    }
+    // The reads delivered the target's bytes in place.
+    EXPECT_EQ(con->readBlock(0x1001, data, 8), 0u);
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(data[i], patternAt(0x1001 + quint32(i)));
 }

@@ -3,6 +3,8 @@
 #include "pellix/protocol/PXParser.h"
 
 #include <QAbstractSocket>
+#include <QCoreApplication>
+#include <QEventLoop>
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -10,22 +12,45 @@
 
 #include <chrono>
 
+namespace {
+
+// Runs the queued commands on the server's thread when a posted event reaches it. A posted
+// event instead of a queued functor call: the functor's slot object is released through a
+// reference count inside QtCore, which ThreadSanitizer cannot see.
+class CommandContext : public QObject
+{
+public:
+    explicit CommandContext(std::function<void()> drain) : drainCommands(std::move(drain)) {}
+
+protected:
+    void customEvent(QEvent*) override { drainCommands(); }
+
+private:
+    std::function<void()> drainCommands;
+};
+
+} // namespace
+
 FakeServer::FakeServer()
 {
-    start();
+    thread = std::thread([this] { run(); });
     std::unique_lock<std::mutex> lock(mutex);
     changed.wait(lock, [this] { return ready; });
 }
 
 FakeServer::~FakeServer()
 {
-    quit();
-    wait();
+    post([this] { loop->quit(); });
+    thread.join();
 }
 
 void FakeServer::run()
 {
-    QObject localContext;
+    // First: it gives this thread its event dispatcher, which the server's socket notifier
+    // and the posted commands need.
+    QEventLoop localLoop;
+    loop = &localLoop;
+    CommandContext localContext([this] { drainCommands(); });
     QTcpServer localServer;
     localServer.listen(QHostAddress::LocalHost, 0);
     QObject::connect(&localServer, &QTcpServer::newConnection, &localContext, [this] { accept(); });
@@ -38,13 +63,11 @@ void FakeServer::run()
     }
     changed.notify_all();
 
-    exec();
+    localLoop.exec();
 
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        context = nullptr;
-        commands.clear();
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    context = nullptr;
+    commands.clear();
     // The sockets are children of the server and go with it.
     sockets.clear();
     for (PXParser* parser : parsers)
@@ -55,10 +78,13 @@ void FakeServer::run()
 
 void FakeServer::post(std::function<void()> command)
 {
-    if (QThread::currentThread() == this) {
+    if (std::this_thread::get_id() == thread.get_id()) {
         command();
         return;
     }
+    // Created before the mutex is released: the server thread takes the mutex before it
+    // reads the commands and before Qt deletes the event.
+    auto* wake = new QEvent(QEvent::User);
     QObject* target;
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -66,8 +92,9 @@ void FakeServer::post(std::function<void()> command)
         target = context;
     }
     if (target)
-        QMetaObject::invokeMethod(
-            target, [this] { drainCommands(); }, Qt::QueuedConnection);
+        QCoreApplication::postEvent(target, wake);
+    else
+        delete wake;
 }
 
 void FakeServer::drainCommands()

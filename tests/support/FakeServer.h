@@ -3,13 +3,14 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QThread>
 
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <thread>
 #include <vector>
 
+class QEventLoop;
 class QObject;
 class QTcpServer;
 class QTcpSocket;
@@ -26,14 +27,16 @@ class PXParser;
 //
 // State shared with the test thread is guarded by std::mutex, so ThreadSanitizer sees every
 // hand-off.
-class FakeServer : public QThread
+class FakeServer
 {
 public:
     // Called on the server's thread for every complete frame a client sends.
     using Responder = std::function<void(FakeServer& server, int client, const QByteArray& frame)>;
 
     FakeServer();
-    ~FakeServer() override;
+    ~FakeServer();
+    FakeServer(const FakeServer&) = delete;
+    FakeServer& operator=(const FakeServer&) = delete;
 
     quint16 port() const { return listenPort; }
 
@@ -60,10 +63,8 @@ public:
     // Forgets what was received so far.
     void clearReceived();
 
-protected:
-    void run() override;
-
 private:
+    void run();
     void post(std::function<void()> command);
     void drainCommands();
     void accept();
@@ -71,6 +72,10 @@ private:
     QTcpSocket* socketFor(int client) const;
     int resolve(int client) const;
 
+    // The server's thread: a std::thread running a QEventLoop (joined, unlike a QThread, so
+    // ThreadSanitizer sees its end).
+    std::thread thread;
+    QEventLoop* loop = nullptr; // server thread only
     quint16 listenPort = 0;
     QObject* context = nullptr;
     QTcpServer* server = nullptr;

@@ -5,7 +5,6 @@
 #include "pellix/tsan_p.h"
 
 #include <QCoreApplication>
-#include <QMetaObject>
 #include <QMutexLocker>
 #include <QSemaphore>
 #include <QTcpSocket>
@@ -20,6 +19,10 @@ namespace {
 QBasicMutex serverAddressMutex;
 
 std::atomic<bool> applicationCreatedHere{false};
+
+// Serialises the library's posts. QCoreApplication::postEvent appends to the target thread's
+// event list under a mutex inside QtCore that ThreadSanitizer cannot see; this one it sees.
+QBasicMutex postMutex;
 
 // Qt warns when an application object is created off the main thread; the library creates one
 // on its network thread on purpose, so that one message is kept from the caller's stderr.
@@ -39,6 +42,14 @@ void quietApplicationHandler(QtMsgType type, const QMessageLogContext& context,
 
 PXClientManager::ConnectionOpenEvent::~ConnectionOpenEvent() = default;
 PXClientManager::SendPacketEvent::~SendPacketEvent() = default;
+PXClientManager::CallEvent::~CallEvent() = default;
+
+void PXClientManager::post(QEvent* event)
+{
+    QMutexLocker lock(&postMutex);
+    pxtsan::release(event);
+    QCoreApplication::postEvent(this, event);
+}
 
 PXClientManager* PXClientManager::Instance()
 {
@@ -52,6 +63,10 @@ PXClientManager* PXClientManager::Instance()
     if (!manager) {
         manager = new PXClientManager;
         manager->start(QThread::InheritPriority);
+        // Published only once the thread runs: its event dispatcher (and the application
+        // object it may create) exist before any caller posts to it.
+        manager->running.acquire();
+        pxtsan::acquire(&manager->running);
         MInst.store(manager, std::memory_order_release);
     }
     pxtsan::release(&sema);
@@ -84,6 +99,8 @@ void PXClientManager::run()
         qInstallMessageHandler(previousMessageHandler);
         applicationCreatedHere.store(true, std::memory_order_release);
     }
+    pxtsan::release(&running);
+    running.release();
     exec();
 }
 
@@ -111,8 +128,7 @@ bool PXClientManager::connectionOpen(const QString& host, quint16 port, PXConnec
 {
     QSemaphore done(0);
     auto* event = new ConnectionOpenEvent(host, port, connection, &done);
-    pxtsan::release(event);
-    QCoreApplication::postEvent(this, event);
+    post(event);
     done.acquire();
     pxtsan::acquire(&done);
     return connection->socket.load(std::memory_order_acquire) != nullptr;
@@ -134,14 +150,12 @@ void PXClientManager::sendSocketPacket(QTcpSocket* socket, const QByteArray& dat
 {
     if (!wait) {
         auto* event = new SendPacketEvent(socket, data, nullptr);
-        pxtsan::release(event);
-        QCoreApplication::postEvent(this, event);
+        post(event);
         return;
     }
     QSemaphore done(0);
     auto* event = new SendPacketEvent(socket, data, &done);
-    pxtsan::release(event);
-    QCoreApplication::postEvent(this, event);
+    post(event);
     done.acquire();
     pxtsan::acquire(&done);
 }
@@ -153,31 +167,30 @@ void PXClientManager::runOnThread(const std::function<void()>& job)
         return;
     }
     QSemaphore done(0);
-    pxtsan::release(&done);
-    QMetaObject::invokeMethod(
-        this,
-        [&job, &done] {
-            pxtsan::acquire(&done);
-            job();
-            pxtsan::release(&done);
-            done.release();
-        },
-        Qt::QueuedConnection);
+    auto* event = new CallEvent(job, &done);
+    post(event);
     done.acquire();
     pxtsan::acquire(&done);
 }
 
 void PXClientManager::customEvent(QEvent* event)
 {
+    // Pairs with the release before postEvent: the event's fields were written by the poster.
+    pxtsan::acquire(event);
     switch (int(event->type())) {
     case ConnectionOpenType:
-        pxtsan::acquire(event);
         onConnectionOpen(static_cast<ConnectionOpenEvent*>(event));
         break;
     case SendPacketType:
-        pxtsan::acquire(event);
         onSendPacket(static_cast<SendPacketEvent*>(event));
         break;
+    case CallType: {
+        auto* call = static_cast<CallEvent*>(event);
+        call->job();
+        pxtsan::release(call->done);
+        call->done->release();
+        break;
+    }
     default:
         QThread::customEvent(event);
         break;

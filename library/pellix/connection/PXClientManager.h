@@ -7,6 +7,7 @@
 #include <QEvent>
 #include <QMap>
 #include <QMutex>
+#include <QSemaphore>
 #include <QString>
 #include <QThread>
 
@@ -14,7 +15,6 @@
 #include <functional>
 
 class PXConnection;
-class QSemaphore;
 class QTcpSocket;
 
 // The one network thread of the process. Every socket of every PXConnection is created,
@@ -41,7 +41,8 @@ class PELLIX_EXPORT PXClientManager : public QThread
 public:
     enum EventType {
         ConnectionOpenType = QEvent::User + 1, // 1001
-        SendPacketType = QEvent::User + 2      // 1002
+        SendPacketType = QEvent::User + 2,     // 1002
+        CallType = QEvent::User + 3            // 1003, internal: runOnThread()
     };
 
     // Connect `connection` to host:port; `done` is released when the attempt is over.
@@ -70,6 +71,19 @@ public:
 
         QTcpSocket* socket;
         QByteArray data;
+        QSemaphore* done;
+    };
+
+    // Runs `job` on the network thread; `done` is released afterwards.
+    class CallEvent : public QEvent
+    {
+    public:
+        CallEvent(const std::function<void()>& j, QSemaphore* d)
+            : QEvent(QEvent::Type(CallType)), job(j), done(d)
+        {}
+        ~CallEvent() override;
+
+        const std::function<void()>& job; // belongs to the poster, which waits
         QSemaphore* done;
     };
 
@@ -122,11 +136,15 @@ private:
     PXClientManager();
     ~PXClientManager() override;
 
+    // Posts an event to this manager (caller's thread).
+    void post(QEvent* event);
     void onConnectionOpen(ConnectionOpenEvent* event);
     void onSendPacket(SendPacketEvent* event);
 
     QMutex mapMutex;
     QMap<QTcpSocket*, PXConnection*> socketMap;
+    // Released once by the thread as its event loop is about to start.
+    QSemaphore running{0};
 
     static std::atomic<PXClientManager*> MInst;
 };

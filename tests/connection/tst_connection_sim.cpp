@@ -1,0 +1,288 @@
+// PXConnection against the real simulator: everything a correct server does.
+
+#include "SimulatorProcess.h"
+
+#include "pellix/connection/PXConnection.h"
+
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <vector>
+
+namespace {
+
+constexpr unsigned int EventRegister = 0xFFFFFF00u;
+
+struct Simulated
+{
+    explicit Simulated(const QStringList& extra = {}) : simulator(extra)
+    {
+        EXPECT_TRUE(simulator.isListening());
+        EXPECT_TRUE(connection.open("127.0.0.1", simulator.port()));
+    }
+    SimulatorProcess simulator;
+    PXConnection connection;
+};
+
+std::vector<unsigned char> pattern(int size, unsigned seed)
+{
+    std::vector<unsigned char> out(size_t(size) + 4);
+    for (int i = 0; i < size; ++i)
+        out[size_t(i)] = static_cast<unsigned char>((unsigned(i) * 131u + seed) >> 3);
+    return out;
+}
+
+bool waitFor(const std::function<bool()>& done, int timeoutMs = 5000)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeoutMs)
+            return false;
+        QThread::yieldCurrentThread();
+    }
+    return true;
+}
+
+} // namespace
+
+TEST(ConnectionSim, EveryWidthReadsBackWhatWasWritten)
+{
+    Simulated s;
+    PXConnection& c = s.connection;
+    unsigned char b = 0;
+    unsigned short h = 0;
+    unsigned int w = 0;
+    EXPECT_EQ(c.write8(0x1001, 0xA5), 0u);
+    EXPECT_EQ(c.read8(0x1001, &b), 0u);
+    EXPECT_EQ(b, 0xA5);
+    EXPECT_EQ(c.write16(0x1002, 0xBEEF), 0u);
+    EXPECT_EQ(c.read16(0x1002, &h), 0u);
+    EXPECT_EQ(h, 0xBEEF);
+    EXPECT_EQ(c.write32(0x1004, 0xDEADBEEF), 0u);
+    EXPECT_EQ(c.read32(0x1004, &w), 0u);
+    EXPECT_EQ(w, 0xDEADBEEFu);
+    // Unaligned 16- and 32-bit reads are assembled from smaller reads.
+    EXPECT_EQ(c.read32(0x1002, &w), 0u);
+    EXPECT_EQ(w, 0xBEEFu | (0xEFu << 16) | (0xBEu << 24));
+    EXPECT_EQ(c.read16(0x1001, &h), 0u);
+    EXPECT_EQ(h, 0xA5 | (0xEF << 8));
+    // The internal space is apart from memory.
+    EXPECT_EQ(c.writei8(0x1001, 0x3C), 0u);
+    EXPECT_EQ(c.readi8(0x1001, &b), 0u);
+    EXPECT_EQ(b, 0x3C);
+    EXPECT_EQ(c.read8(0x1001, &b), 0u);
+    EXPECT_EQ(b, 0xA5);
+}
+
+TEST(ConnectionSim, LargeAndUnalignedBlocks)
+{
+    struct Case
+    {
+        unsigned int address;
+        int size;
+    };
+    Simulated s({"--frame-size", "1000"});
+    for (const Case& test : {Case{0x20000, 1 << 20}, Case{0x300001, 70001}, Case{0x400002, 7},
+                             Case{0x500003, 1}, Case{0x600000, 32769}}) {
+        std::vector<unsigned char> out = pattern(test.size, test.address);
+        ASSERT_EQ(s.connection.writeBlock(test.address, reinterpret_cast<unsigned int*>(out.data()),
+                                          test.size),
+                  0u);
+        std::vector<unsigned char> in(size_t(test.size) + 4, 0xEE);
+        ASSERT_EQ(s.connection.readBlock(test.address, in.data(), test.size), 0u);
+        EXPECT_EQ(std::memcmp(in.data(), out.data(), size_t(test.size)), 0) << test.address;
+        EXPECT_EQ(in[size_t(test.size)], 0xEE) << "wrote past the end";
+    }
+}
+
+TEST(ConnectionSim, StatusPingAndReconnect)
+{
+    Simulated s;
+    unsigned char status = 0;
+    EXPECT_EQ(s.connection.getStatus(&status), 0u);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(s.connection.ping(), 0u);
+    EXPECT_EQ(s.connection.forcePellixReconnect(), 0u);
+    // Reopening gives a working socket again.
+    ASSERT_TRUE(s.connection.open("", 0));
+    EXPECT_EQ(s.connection.ping(), 0u);
+}
+
+TEST(ConnectionSim, EventsInOrderOnlyWhileEnabled)
+{
+    Simulated s;
+    PXConnection& c = s.connection;
+    unsigned int e = 0;
+    EXPECT_EQ(c.popEvent(&e), 20u);
+    EXPECT_EQ(c.waitEvent(&e, 1000), 20u);
+    // Not enabled: raised but not taken.
+    c.write32(EventRegister, 0x99);
+    ASSERT_EQ(c.enableEvents(true), 0u);
+    EXPECT_EQ(c.popEvent(&e), 19u);
+    QElapsedTimer clock;
+    clock.start();
+    EXPECT_EQ(c.waitEvent(&e, 0), 19u);
+    EXPECT_EQ(c.waitEvent(&e, 200), 19u);
+    EXPECT_GE(clock.elapsed(), 190);
+    for (unsigned int id : {0xA1u, 0xB2u, 0xC3u})
+        c.write32(EventRegister, id);
+    for (unsigned int id : {0xA1u, 0xB2u, 0xC3u}) {
+        EXPECT_EQ(c.waitEvent(&e, 5000), 0u);
+        EXPECT_EQ(e, id);
+    }
+    // Two queued, then disabled: unreachable until enabled again, then they come first.
+    c.write32(EventRegister, 1);
+    c.write32(EventRegister, 2);
+    c.ping();
+    ASSERT_EQ(c.enableEvents(false), 0u);
+    EXPECT_EQ(c.popEvent(&e), 20u);
+    c.write32(EventRegister, 3); // not sent by the server now
+    ASSERT_EQ(c.enableEvents(true), 0u);
+    c.write32(EventRegister, 4);
+    for (unsigned int id : {1u, 2u, 4u}) {
+        EXPECT_EQ(c.waitEvent(&e, 5000), 0u);
+        EXPECT_EQ(e, id);
+    }
+    EXPECT_EQ(c.popEvent(&e), 19u);
+    c.write32(EventRegister, 5);
+    c.ping();
+    EXPECT_EQ(c.flushEvents(), 0u);
+    EXPECT_EQ(c.popEvent(&e), 19u);
+}
+
+TEST(ConnectionSim, EventCallbackCountsAndStops)
+{
+    Simulated s;
+    PXConnection& c = s.connection;
+    std::atomic<int> calls{0};
+    c.setEventCallback([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &calls);
+    c.enableEvents(true);
+    c.write32(EventRegister, 10);
+    c.write32(EventRegister, 11);
+    c.ping();
+    EXPECT_TRUE(waitFor([&] { return calls.load() == 2; }));
+    c.setEventCallback(nullptr, &calls);
+    c.write32(EventRegister, 12);
+    unsigned int e;
+    EXPECT_EQ(c.popEvent(&e), 0u);
+    EXPECT_EQ(c.popEvent(&e), 0u);
+    EXPECT_EQ(c.waitEvent(&e, 5000), 0u);
+    EXPECT_EQ(e, 12u);
+    EXPECT_EQ(calls.load(), 2);
+}
+
+TEST(ConnectionSim, BypassOnlyAfterFlowIdsAndTheThreeTakes)
+{
+    Simulated s;
+    PXConnection& c = s.connection;
+    unsigned char data[] = {1, 2, 3, 4, 5, 6};
+    unsigned char flow = 0, buffer[64];
+    int length = -1;
+    // Not subscribed: the echo never comes.
+    c.sendBypassPacket(0x21, data, 6);
+    c.ping();
+    EXPECT_EQ(c.getBypassPacket(&flow, buffer, 64, &length), 8u);
+    EXPECT_EQ(length, 0);
+
+    unsigned char ids[] = {0x21};
+    ASSERT_EQ(c.setBypassFlowIds(ids, 1), 0u);
+    // Stored packet: AD 00 07 21, the six data bytes, checksum: 11 bytes.
+    const unsigned char checksum = 0x21 ^ 1 ^ 2 ^ 3 ^ 4 ^ 5 ^ 6;
+    for (int i = 0; i < 5; ++i)
+        c.sendBypassPacket(0x21, data, 6);
+
+    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 64, &length, 5000), 0u);
+    EXPECT_EQ(flow, 0x21);
+    ASSERT_EQ(length, 11);
+    const unsigned char whole[] = {0xAD, 0, 7, 0x21, 1, 2, 3, 4, 5, 6, checksum};
+    EXPECT_EQ(std::memcmp(buffer, whole, 11), 0);
+    c.ping(); // the other four echoes are queued by now
+
+    EXPECT_EQ(c.getBypassPacket(&flow, buffer, 16, &length), 0u);
+    EXPECT_EQ(length, 7); // data and checksum
+    EXPECT_EQ(std::memcmp(buffer, whole + 4, 7), 0);
+    EXPECT_EQ(c.getBypassPacket(&flow, buffer, 4, &length), 5u); // cut, consumed
+    EXPECT_EQ(length, 4);
+    EXPECT_EQ(c.getBypassData(buffer, 8, &length), 5u); // too small, kept
+    EXPECT_EQ(length, 11);
+    EXPECT_EQ(c.getBypassData(buffer, 11, &length), 0u);
+    EXPECT_EQ(length, 11);
+    EXPECT_EQ(std::memcmp(buffer, whole, 11), 0);
+    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 5, &length, 1000), 5u); // cut, consumed
+    EXPECT_EQ(length, 5);
+    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 64, &length, 0), 8u);
+    EXPECT_EQ(c.getBypassData(buffer, 64, &length), 8u);
+    EXPECT_EQ(length, 0);
+}
+
+TEST(ConnectionSim, LargestBypassPacketAndOneByteMore)
+{
+    Simulated s;
+    PXConnection& c = s.connection;
+    unsigned char ids[] = {0x05};
+    c.setBypassFlowIds(ids, 1);
+    std::vector<unsigned char> data = pattern(65531, 7);
+    EXPECT_EQ(c.sendBypassPacket(0x05, data.data(), 65531), 6u);
+    EXPECT_EQ(c.sendBypassPacket(0x05, data.data(), 65530), 0u);
+    std::vector<unsigned char> in(70000);
+    unsigned char flow = 0;
+    int length = 0;
+    ASSERT_EQ(c.waitBypassPacket(&flow, in.data(), int(in.size()), &length, 5000), 0u);
+    EXPECT_EQ(length, 65535);
+    EXPECT_EQ(std::memcmp(in.data() + 4, data.data(), 65530), 0);
+    // Nothing else was sent: the refused packet did not go out.
+    EXPECT_EQ(c.ping(), 0u);
+    EXPECT_EQ(c.getBypassData(in.data(), int(in.size()), &length), 8u);
+    // An empty packet is legal.
+    EXPECT_EQ(c.sendBypassPacket(0x05, nullptr, 0), 0u);
+    ASSERT_EQ(c.waitBypassPacket(&flow, in.data(), int(in.size()), &length, 5000), 0u);
+    EXPECT_EQ(length, 5);
+}
+
+// A burst of packets within the delay gives one delayed call; the next burst another.
+TEST(ConnectionSim, DelayedCallbackCoalescesABurst)
+{
+    Simulated s;
+    PXConnection& c = s.connection;
+    unsigned char ids[] = {0x30};
+    c.setBypassFlowIds(ids, 1);
+    struct Count
+    {
+        std::atomic<int> calls{0};
+        PXConnection* connection;
+        std::atomic<int> taken{0};
+    } count;
+    count.connection = &c;
+    // The delayed callback holds no lock: it may take the packets itself.
+    auto onDelay = [](void* p) {
+        auto* k = static_cast<Count*>(p);
+        unsigned char flow, buffer[16];
+        int length;
+        while (k->connection->getBypassPacket(&flow, buffer, 16, &length) == 0)
+            ++k->taken;
+        ++k->calls;
+    };
+    ASSERT_EQ(c.setBypassDelayCallback(onDelay, &count, 300), 0u);
+    unsigned char byte = 1;
+    for (int i = 0; i < 10; ++i)
+        c.sendBypassPacket(0x30, &byte, 1);
+    ASSERT_TRUE(waitFor([&] { return count.calls.load() == 1; }));
+    EXPECT_EQ(count.taken.load(), 10);
+    for (int i = 0; i < 3; ++i)
+        c.sendBypassPacket(0x30, &byte, 1);
+    ASSERT_TRUE(waitFor([&] { return count.calls.load() == 2; }));
+    EXPECT_EQ(count.taken.load(), 13);
+    // Switched off: packets are queued, no call.
+    c.setBypassDelayCallback(nullptr, nullptr, 0);
+    c.sendBypassPacket(0x30, &byte, 1);
+    unsigned char flow, buffer[16];
+    int length;
+    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 16, &length, 5000), 0u);
+    EXPECT_EQ(count.calls.load(), 2);
+}
