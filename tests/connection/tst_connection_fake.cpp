@@ -143,8 +143,12 @@ TEST(ConnectionFake, RequestsWithoutSocketFailAtOnceAndSendNothing)
     EXPECT_EQ(server.connectionCount(), 0);
 
     // A failed open leaves the connection registered and without socket.
-    server.stopListening();
-    EXPECT_FALSE(connection.open("127.0.0.1", server.port()));
+    quint16 deadPort;
+    {
+        FakeServer gone;
+        deadPort = gone.port();
+    }
+    EXPECT_FALSE(connection.open("127.0.0.1", deadPort));
     EXPECT_EQ(PXConnection::GetById(connection.getId()), &connection);
     EXPECT_EQ(connection.ping(), 13u);
 }
@@ -260,7 +264,7 @@ TEST(ConnectionFake, SlowReplyStreamThatKeepsProgressingSucceeds)
     QElapsedTimer clock;
     clock.start();
     EXPECT_EQ(c.connection.genericRead(0x100, false, data, 16), 0u);
-    EXPECT_GE(elapsedMs(clock), 7000);
+    EXPECT_GE(elapsedMs(clock), 5500); // longer than one time-out (timers may fire 5% early)
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(data), 16), QByteArray("abcdabcdabcdabcd"));
 }
 

@@ -155,9 +155,13 @@ TEST(ConnectionThreads, ConsumerRacingAWaiter)
         std::thread consumer([&] {
             unsigned char flow, buffer[16];
             int length;
-            while (!stop.load())
+            // Yields between polls: a loop that retakes dataMutex at once can starve the
+            // network thread, which needs the same mutex to queue the packet.
+            while (!stop.load()) {
                 if (connection.getBypassPacket(&flow, buffer, 16, &length) == 0)
                     ++popped;
+                std::this_thread::yield();
+            }
         });
         unsigned char flow, buffer[16];
         int length = -1;
