@@ -178,7 +178,10 @@ int PXNSConnection::blockSendPacket(const QByteArray& packet, int tag, int timeo
             readSocketData();
     }
     const int result = requestStack.takeLast();
-    QTimer::singleShot(0, this, &PXNSConnection::checkAsyncArrived);
+    // Signal what was held back once control is back in the event loop. With nothing held
+    // back the call would find empty lists, so the timer is spared.
+    if (!events.isEmpty() || !bypassPackets.isEmpty())
+        QTimer::singleShot(0, this, &PXNSConnection::checkAsyncArrived);
     return result;
 }
 
