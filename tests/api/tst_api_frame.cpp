@@ -237,6 +237,21 @@ TEST(ApiOpen, OpenSocketConnectsWithoutPingAndOpenDefaultReusesTheLastServer)
     EXPECT_EQ(PXST_Close(second), PXST_RESULT_OK);
 }
 
+TEST(ApiOpen, OpenPingsTheServerItReachedAndHonoursTheForcedServer)
+{
+    MemoryServer server;
+    qputenv("FORCED_PELLIX_HOST", "127.0.0.1");
+    qputenv("FORCED_PELLIX_PORT", QByteArray::number(server.port()));
+    int handle = 0;
+    const unsigned int result = PXST_Open(140, -1, PXL_FLOW_NONE, &handle);
+    qunsetenv("FORCED_PELLIX_HOST");
+    qunsetenv("FORCED_PELLIX_PORT");
+    ASSERT_EQ(result, PXST_RESULT_OK);
+    EXPECT_GT(handle, 0);
+    EXPECT_EQ(server.fake().frames(), QList<QByteArray>{pxproto::ping()});
+    EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
+}
+
 TEST(ApiOpen, FailedOpensGiveNoConnectionAndMinusOne)
 {
     int handle = 42;

@@ -145,7 +145,7 @@ INSTANTIATE_TEST_SUITE_P(
         ArgumentCase{"SetDefaultBaudXonXoff", 102, -1, 2, 115200, {"COM102", "115200", "xonxoff"}},
         ArgumentCase{"ExplicitBaudNone", 103, 57600, 0, 115200, {"COM103", "57600", "none"}},
         ArgumentCase{"UnknownFlowModeIsNone", 104, 230400, 7, 0, {"COM104", "230400", "none"}}),
-    [](const ::testing::TestParamInfo<ArgumentCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<ArgumentCase>& param) { return param.param.name; });
 
 TEST_F(Launch, ServerAlreadyListeningIsUsedAndNothingIsStarted)
 {

@@ -81,7 +81,7 @@ protected:
 
 std::vector<quint32> sequence(int count, quint32 seed)
 {
-    std::vector<quint32> words(size_t(count));
+    std::vector<quint32> words(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i)
         words[size_t(i)] = (quint32(i) + seed) * 2654435761u;
     return words;

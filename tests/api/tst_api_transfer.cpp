@@ -197,7 +197,7 @@ TEST_F(Transfer, FileProblemsGiveTheirCodes)
 TEST_F(Transfer, FailingBlockReadsEndTheTransferWithTheirCode)
 {
     server.poison(0x2004);
-    const QByteArray file = lodFile({"@1000", "1", "@2000", "1", "2"});
+    const QByteArray file = lodFile({"@1000", hex8(patternWord(0x1000)), "@2000", "1", "2"});
     unsigned int fail = 77;
     EXPECT_EQ(PXST_VerifyLod(handle, file.constData(), &fail), PXST_RESULT_TIMEOUT);
     EXPECT_EQ(fail, 0u);
