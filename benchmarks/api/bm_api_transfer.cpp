@@ -107,8 +107,7 @@ void ReadBlock16MiB(benchmark::State& state)
     }
     std::vector<unsigned int> back(s.words.size());
     for (auto _ : state) {
-        const unsigned int result =
-            PXST_ReadBlock(s.handle, ImageAddress, back.data(), ImageBytes);
+        const unsigned int result = PXST_ReadBlock(s.handle, ImageAddress, back.data(), ImageBytes);
         if (result != PXST_RESULT_OK) {
             state.SkipWithError(PXST_ResultText(result));
             break;

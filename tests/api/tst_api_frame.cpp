@@ -143,8 +143,7 @@ TEST(ApiHandleFrame, EveryFunctionChecksTheHandleAndTheSocketFirst)
          [&](int h) { return PXST_BypassWaitPacket(h, &flow, buffer, 16, &length, 10); }},
         {"BypassSendPacket", [&](int h) { return PXST_BypassSendPacket(h, 0x21, buffer, 4); }},
         {"BypassFlushPackets", [](int h) { return PXST_BypassFlushPackets(h); }},
-        {"BypassSetCallback",
-         [](int h) { return PXST_BypassSetCallback(h, noCallback, nullptr); }},
+        {"BypassSetCallback", [](int h) { return PXST_BypassSetCallback(h, noCallback, nullptr); }},
         {"BypassSetDelayCallback",
          [](int h) { return PXST_BypassSetDelayCallback(h, noCallback, nullptr, 10); }},
         {"ReadInternal", [&](int h) { return PXST_ReadInternal(h, 0x10, &byte); }},
@@ -270,8 +269,10 @@ TEST(ApiPassThrough, ValuesAreNarrowedToTheWidthOfTheOperation)
     EXPECT_EQ(PXST_Write16(h, 0x1002, 0x12345), PXST_RESULT_OK);
     EXPECT_EQ(PXST_WriteInternal(h, 0x20, 0x3AB), PXST_RESULT_OK);
     EXPECT_EQ(PXST_Write32(h, 0x1004, 0xCAFEF00D), PXST_RESULT_OK);
-    EXPECT_EQ(server.accesses(), (QList<Access>{write(0x1000, 1), write(0x1002, 2),
-                                                {Access::Write, 0x84, 0x20, 1}, write(0x1004, 4)}));
+    EXPECT_EQ(
+        server.accesses(),
+        (QList<Access>{
+            write(0x1000, 1), write(0x1002, 2), {Access::Write, 0x84, 0x20, 1}, write(0x1004, 4)}));
     EXPECT_EQ(server.byteAt(0x1000), 0xFF);
     EXPECT_EQ(server.byteAt(0x1002), 0x45);
     EXPECT_EQ(server.byteAt(0x1003), 0x23);

@@ -43,7 +43,8 @@ protected:
                                       "mv '%1.part' '%1'\n")
                            .arg(arguments);
         if (runServer)
-            text += QStringLiteral("exec '%1/pellix' \"$@\"\n").arg(SimulatorProcess::binaryFolder());
+            text +=
+                QStringLiteral("exec '%1/pellix' \"$@\"\n").arg(SimulatorProcess::binaryFolder());
         script.write(text.toLocal8Bit());
         script.close();
         const auto executable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
@@ -150,8 +151,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Launch, ServerAlreadyListeningIsUsedAndNothingIsStarted)
 {
     prepare(true);
-    SimulatorProcess running =
-        SimulatorProcess::withArguments({"COM110", "921600", "none"});
+    SimulatorProcess running = SimulatorProcess::withArguments({"COM110", "921600", "none"});
     ASSERT_EQ(running.port(), 7810);
     const HelperRun run = runHelper({"110", "-1", "1"});
     EXPECT_EQ(run.result, 0u);

@@ -59,7 +59,8 @@ protected:
 
     QByteArray path(const char* name) const { return dir.filePath(name).toLocal8Bit(); }
 
-    QByteArray writeLod(const char* name, const QList<QPair<quint32, std::vector<quint32>>>& packets)
+    QByteArray writeLod(const char* name,
+                        const QList<QPair<quint32, std::vector<quint32>>>& packets)
     {
         QByteArray text;
         for (const auto& [address, words] : packets) {
@@ -184,8 +185,8 @@ TEST_F(Simulator, BypassPacketsComeBackOnTheSubscribedFlows)
     int length = 0;
     ASSERT_EQ(PXST_BypassWaitPacket(handle, &flow, buffer, 64, &length, 5000), PXST_RESULT_OK);
     EXPECT_EQ(flow, 0x21);
-    const unsigned char whole[] = {0xAD, 0x00, 0x06, 0x21, 'h', 'e', 'l', 'l', 'o',
-                                   0x21 ^ 'h' ^ 'e' ^ 'l' ^ 'l' ^ 'o'};
+    const unsigned char whole[] = {0xAD, 0x00, 0x06, 0x21, 'h',
+                                   'e',  'l',  'l',  'o',  0x21 ^ 'h' ^ 'e' ^ 'l' ^ 'l' ^ 'o'};
     ASSERT_EQ(length, int(sizeof whole));
     EXPECT_EQ(std::memcmp(buffer, whole, sizeof whole), 0);
 
@@ -209,8 +210,7 @@ TEST_F(Simulator, BypassPacketsComeBackOnTheSubscribedFlows)
     // One delayed call for a burst.
     QSemaphore delayed;
     ASSERT_EQ(PXST_BypassSetCallback(handle, nullptr, nullptr), PXST_RESULT_OK);
-    ASSERT_EQ(PXST_BypassSetDelayCallback(handle, releaseSemaphore, &delayed, 100),
-              PXST_RESULT_OK);
+    ASSERT_EQ(PXST_BypassSetDelayCallback(handle, releaseSemaphore, &delayed, 100), PXST_RESULT_OK);
     for (int i = 0; i < 3; ++i)
         ASSERT_EQ(PXST_BypassSendPacket(handle, 0x21, hi, 2), PXST_RESULT_OK);
     EXPECT_TRUE(delayed.tryAcquire(1, 5000));

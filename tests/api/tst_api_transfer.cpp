@@ -76,18 +76,22 @@ TEST_F(Transfer, MaskedReadUsesTheWidestAccessEachRunAllowsAndSkipsUnselectedByt
         {"odd start", 0x1001, selectAll(4), {read(0x1001, 1), read(0x1002, 2), read(0x1004, 1)}},
         {"start 2 mod 4", 0x1002, selectAll(4), {read(0x1002, 2), read(0x1004, 2)}},
         {"gap", 0x1000, {0xFF, 0x00, 0xFF, 0xFF}, {read(0x1000, 1), read(0x1002, 2)}},
-        {"partial mask selects nothing", 0x1000, {0xFF, 0x0F, 0xFF, 0xFF},
+        {"partial mask selects nothing",
+         0x1000,
+         {0xFF, 0x0F, 0xFF, 0xFF},
          {read(0x1000, 1), read(0x1002, 2)}},
         {"13 bytes", 0x1000, selectAll(13), {read(0x1000, 12), read(0x100C, 1)}},
-        {"15 bytes", 0x1000, selectAll(15),
-         {read(0x1000, 12), read(0x100C, 2), read(0x100E, 1)}},
+        {"15 bytes", 0x1000, selectAll(15), {read(0x1000, 12), read(0x100C, 2), read(0x100E, 1)}},
         {"exactly 4", 0x2000, selectAll(4), {read(0x2000, 4)}},
-        {"run of 5 then a gap", 0x1000, gapped,
+        {"run of 5 then a gap",
+         0x1000,
+         gapped,
          {read(0x1000, 4), read(0x1004, 1), read(0x1006, 2), read(0x1008, 4)}},
-        {"third byte unselected", 0x1000, {0xFF, 0xFF, 0x00, 0xFF, 0xFF},
+        {"third byte unselected",
+         0x1000,
+         {0xFF, 0xFF, 0x00, 0xFF, 0xFF},
          {read(0x1000, 2), read(0x1003, 1), read(0x1004, 1)}},
-        {"one block beyond the block read limit", 0x4000, selectAll(40000),
-         {read(0x4000, 40000)}},
+        {"one block beyond the block read limit", 0x4000, selectAll(40000), {read(0x4000, 40000)}},
         {"nothing selected", 0x1000, std::vector<unsigned char>(8, 0x00), {}},
         {"size 0", 0x1000, {}, {}},
     };
@@ -137,8 +141,8 @@ TEST_F(Transfer, LoadWritesOneBlockPerPacketInFileOrderAndVerifyReadsThemBack)
     unsigned int fail = 77;
     EXPECT_EQ(PXST_LoadLod(handle, file.constData(), 1, &fail), PXST_RESULT_OK);
     EXPECT_EQ(fail, 0u);
-    EXPECT_EQ(server.accesses(), (QList<Access>{write(0x1000, 8), write(0x2000, 4),
-                                                read(0x1000, 8), read(0x2000, 4)}));
+    EXPECT_EQ(server.accesses(), (QList<Access>{write(0x1000, 8), write(0x2000, 4), read(0x1000, 8),
+                                                read(0x2000, 4)}));
     EXPECT_EQ(server.byteAt(0x1000), 0x78);
     EXPECT_EQ(server.byteAt(0x1007), 0x9A);
     EXPECT_EQ(server.byteAt(0x2003), 0xCA);
@@ -178,8 +182,7 @@ TEST_F(Transfer, FileProblemsGiveTheirCodes)
     unsigned int fail = 77;
     EXPECT_EQ(PXST_LoadLod(handle, path("missing.lod").constData(), 1, &fail), PXST_RESULT_FILE);
     EXPECT_EQ(PXST_VerifyLod(handle, path("missing.lod").constData(), &fail), PXST_RESULT_FILE);
-    EXPECT_EQ(PXST_DumpLod(handle, path("no/such/dir.lod").constData(), 0, 1, 0),
-              PXST_RESULT_FILE);
+    EXPECT_EQ(PXST_DumpLod(handle, path("no/such/dir.lod").constData(), 0, 1, 0), PXST_RESULT_FILE);
     EXPECT_TRUE(server.accesses().isEmpty());
 
     // A stray data line after the second packet: both packets are written, then 15.
@@ -267,7 +270,9 @@ TEST_F(Transfer, ProgressVariantsReportEveryChunkOfAtMost64KiB)
     QStringList lines{"@00100000"};
     for (int i = 0; i < 50000; ++i)
         lines << hex8(quint32(i) * 2654435761u);
-    lines << "@F0000000" << "1" << "@00200000";
+    lines << "@F0000000"
+          << "1"
+          << "@00200000";
     const QByteArray file = lodFile(lines);
 
     ProgressLog log;
@@ -291,14 +296,12 @@ TEST_F(Transfer, ProgressVariantsReportEveryChunkOfAtMost64KiB)
     log = {};
     ASSERT_EQ(PXST_VerifyLodProgress(handle, file.constData(), &fail, logProgress, &log),
               PXST_RESULT_OK);
-    EXPECT_EQ(log.done,
-              (std::vector<unsigned long long>{65536, 131072, 196608, 200000, 200000}));
+    EXPECT_EQ(log.done, (std::vector<unsigned long long>{65536, 131072, 196608, 200000, 200000}));
     EXPECT_EQ(log.totals.back(), 200000u);
 
     log = {};
     const QByteArray dump = path("dump.bin");
-    ASSERT_EQ(PXST_DumpLodProgress(handle, dump.constData(), 0x100000, 50000, 1, logProgress,
-                                   &log),
+    ASSERT_EQ(PXST_DumpLodProgress(handle, dump.constData(), 0x100000, 50000, 1, logProgress, &log),
               PXST_RESULT_OK);
     EXPECT_EQ(log.done, (std::vector<unsigned long long>{65536, 131072, 196608, 200000}));
     EXPECT_EQ(log.totals.back(), 200000u);

@@ -60,8 +60,8 @@ QString serverPath()
 {
     const bool ownApplication =
         QCoreApplication::instance() == nullptr || PXClientManager::ownsApplication();
-    const QDir folder = ownApplication ? QDir::current()
-                                       : QDir(QCoreApplication::applicationDirPath());
+    const QDir folder =
+        ownApplication ? QDir::current() : QDir(QCoreApplication::applicationDirPath());
     return folder.absoluteFilePath(QLatin1String(ServerProgram));
 }
 
@@ -108,7 +108,8 @@ extern "C" const char* PXST_ResultText(unsigned int code)
     return "unknown result code";
 }
 
-// ---- opening and closing -------------------------------------------------------------------------
+// ---- opening and closing
+// -------------------------------------------------------------------------
 
 extern "C" unsigned int PXST_Open(int port, int baud, int flowMode, int* handle)
 {
@@ -188,7 +189,8 @@ extern "C" unsigned int PXST_SetDefaultBaud(int baud)
     return PXST_RESULT_OK;
 }
 
-// ---- server control -------------------------------------------------------------------------------
+// ---- server control
+// -------------------------------------------------------------------------------
 
 using pxapi::withConnection;
 
@@ -259,7 +261,8 @@ extern "C" unsigned int PXST_ForcePellixReconnection(int* handle)
     return withConnection(*handle, [](PXConnection& c) { return c.forcePellixReconnect(); });
 }
 
-// ---- events ----------------------------------------------------------------------------------------
+// ---- events
+// ----------------------------------------------------------------------------------------
 
 extern "C" unsigned int PXST_EnableEvents(int handle, int enable)
 {
@@ -287,7 +290,8 @@ extern "C" unsigned int PXST_EventSetCallback(int handle, void (*callback)(void*
                           [&](PXConnection& c) { return c.setEventCallback(callback, userData); });
 }
 
-// ---- bypass flows -----------------------------------------------------------------------------------
+// ---- bypass flows
+// -----------------------------------------------------------------------------------
 
 extern "C" unsigned int PXST_BypassOpen(int port, int baud, int flowMode, unsigned char* flowIds,
                                         int count, int* handle)
@@ -311,13 +315,11 @@ extern "C" unsigned int PXST_BypassEnable(int handle, unsigned char* flowIds, in
 extern "C" unsigned int PXST_BypassGetPacket(int handle, unsigned char* flowId,
                                              unsigned char* buffer, int size, int* length)
 {
-    return withConnection(handle, [&](PXConnection& c) {
-        return c.getBypassPacket(flowId, buffer, size, length);
-    });
+    return withConnection(
+        handle, [&](PXConnection& c) { return c.getBypassPacket(flowId, buffer, size, length); });
 }
 
-extern "C" unsigned int PXST_BypassGetData(int handle, unsigned char* buffer, int size,
-                                           int* length)
+extern "C" unsigned int PXST_BypassGetData(int handle, unsigned char* buffer, int size, int* length)
 {
     return withConnection(handle,
                           [&](PXConnection& c) { return c.getBypassData(buffer, size, length); });
@@ -345,8 +347,7 @@ extern "C" unsigned int PXST_BypassFlushPackets(int handle)
     return withConnection(handle, [](PXConnection& c) { return c.flushBypassPackets(); });
 }
 
-extern "C" unsigned int PXST_BypassSetCallback(int handle, void (*callback)(void*),
-                                               void* userData)
+extern "C" unsigned int PXST_BypassSetCallback(int handle, void (*callback)(void*), void* userData)
 {
     return withConnection(handle,
                           [&](PXConnection& c) { return c.setBypassCallback(callback, userData); });
@@ -360,7 +361,8 @@ extern "C" unsigned int PXST_BypassSetDelayCallback(int handle, void (*callback)
     });
 }
 
-// ---- target memory ---------------------------------------------------------------------------------
+// ---- target memory
+// ---------------------------------------------------------------------------------
 
 extern "C" unsigned int PXST_ReadInternal(int handle, unsigned int address, unsigned char* value)
 {
@@ -424,7 +426,8 @@ extern "C" unsigned int PXST_WriteBlock(int handle, unsigned int address, unsign
     });
 }
 
-// ---- masked and batch reads -----------------------------------------------------------------------
+// ---- masked and batch reads
+// -----------------------------------------------------------------------
 
 unsigned int PXST_BatchRead(int handle, unsigned int address, unsigned char* buffer,
                             unsigned int size)
@@ -476,8 +479,7 @@ extern "C" unsigned int PXST_ReadBlockMasked(int handle, unsigned int address,
                 ++address;
                 continue;
             }
-            const unsigned int width =
-                maskedReadWidth(address, mask + position, size - position);
+            const unsigned int width = maskedReadWidth(address, mask + position, size - position);
             const unsigned int result =
                 c.genericRead(address, false, buffer + position, static_cast<int>(width));
             if (result != PXST_RESULT_OK)
@@ -489,7 +491,8 @@ extern "C" unsigned int PXST_ReadBlockMasked(int handle, unsigned int address,
     });
 }
 
-// ---- unsupported raw data calls --------------------------------------------------------------------
+// ---- unsupported raw data calls
+// --------------------------------------------------------------------
 
 extern "C" unsigned int PXST_RawSendData(int, unsigned char*, int)
 {

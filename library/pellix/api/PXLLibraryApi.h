@@ -189,8 +189,8 @@ PELLIX_EXPORT unsigned int PXST_EventSetCallback(int handle, void (*callback)(vo
 
 /* Opens as PXST_Open does, then subscribes to the `count` bypass flow ids at `flowIds`.
  * Results and blocking as PXST_Open. */
-PELLIX_EXPORT unsigned int PXST_BypassOpen(int port, int baud, int flowMode,
-                                           unsigned char* flowIds, int count, int* handle);
+PELLIX_EXPORT unsigned int PXST_BypassOpen(int port, int baud, int flowMode, unsigned char* flowIds,
+                                           int count, int* handle);
 
 /* Subscribes to the `count` bypass flow ids at `flowIds` (replacing earlier ones) and turns
  * reception of bypass packets on. Results: 0; 3; 12. Returns once the request is written. */
@@ -251,8 +251,7 @@ PELLIX_EXPORT unsigned int PXST_Read32(int handle, unsigned int address, unsigne
 PELLIX_EXPORT unsigned int PXST_ReadBlock(int handle, unsigned int address, void* buffer,
                                           unsigned int size);
 /* Writes one byte (low 8 bits of `value`) to the target's internal space. */
-PELLIX_EXPORT unsigned int PXST_WriteInternal(int handle, unsigned int address,
-                                              unsigned int value);
+PELLIX_EXPORT unsigned int PXST_WriteInternal(int handle, unsigned int address, unsigned int value);
 PELLIX_EXPORT unsigned int PXST_Write8(int handle, unsigned int address, unsigned int value);
 PELLIX_EXPORT unsigned int PXST_Write16(int handle, unsigned int address, unsigned int value);
 PELLIX_EXPORT unsigned int PXST_Write32(int handle, unsigned int address, unsigned int value);
@@ -295,8 +294,7 @@ PELLIX_EXPORT unsigned int PXST_LoadLod(int handle, const char* path, int verify
  * *failAddress (null allowed) is set to 0 first, and on a mismatch to the address of the
  * first differing word. Results: 0; 3; 12; 15; 16; 17 target differs; a block read's code.
  * (Also 16 when memory for a packet's read-back cannot be had.) */
-PELLIX_EXPORT unsigned int PXST_VerifyLod(int handle, const char* path,
-                                          unsigned int* failAddress);
+PELLIX_EXPORT unsigned int PXST_VerifyLod(int handle, const char* path, unsigned int* failAddress);
 
 /* Reads `wordCount` 32-bit words from `address` upwards into a new file at `path`: raw
  * words in the machine's byte order if `binary` is non-zero, else a LOD text packet.
@@ -315,12 +313,10 @@ PELLIX_EXPORT unsigned int PXST_LoadLodProgress(int handle, const char* path, in
                                                 PXST_ProgressCallback callback, void* userData);
 PELLIX_EXPORT unsigned int PXST_VerifyLodProgress(int handle, const char* path,
                                                   unsigned int* failAddress,
-                                                  PXST_ProgressCallback callback,
-                                                  void* userData);
-PELLIX_EXPORT unsigned int PXST_DumpLodProgress(int handle, const char* path,
-                                                unsigned int address, unsigned int wordCount,
-                                                int binary, PXST_ProgressCallback callback,
-                                                void* userData);
+                                                  PXST_ProgressCallback callback, void* userData);
+PELLIX_EXPORT unsigned int PXST_DumpLodProgress(int handle, const char* path, unsigned int address,
+                                                unsigned int wordCount, int binary,
+                                                PXST_ProgressCallback callback, void* userData);
 
 #ifdef __cplusplus
 }
@@ -332,8 +328,8 @@ PELLIX_EXPORT unsigned int PXST_DumpLodProgress(int handle, const char* path,
 PELLIX_EXPORT unsigned int PXST_Ping(int handle);
 
 /* Another name for PXST_ReadBlock. */
-PELLIX_EXPORT unsigned int PXST_BatchRead(int handle, unsigned int address,
-                                          unsigned char* buffer, unsigned int size);
+PELLIX_EXPORT unsigned int PXST_BatchRead(int handle, unsigned int address, unsigned char* buffer,
+                                          unsigned int size);
 
 /* Not supported: returns 30 without looking at its arguments. */
 PELLIX_EXPORT unsigned int PXST_ReadBlockUSB(int handle, unsigned int address,

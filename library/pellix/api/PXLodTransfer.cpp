@@ -119,8 +119,8 @@ unsigned int forEachChunk(Transfer& transfer, unsigned long long bytes, Block&& 
 
 // `countTotal`: a verification of its own, which learns its progress total from the file; a
 // load's verification goes on with the load's total.
-unsigned int verifyLod(int handle, const char* path, unsigned int* failAddress,
-                       Transfer& transfer, bool countTotal)
+unsigned int verifyLod(int handle, const char* path, unsigned int* failAddress, Transfer& transfer,
+                       bool countTotal)
 {
     if (failAddress != nullptr)
         *failAddress = 0;
