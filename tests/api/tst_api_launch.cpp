@@ -25,7 +25,7 @@ struct HelperRun
     qint64 elapsed = -1;
 };
 
-class Launch : public ::testing::Test
+class ApiLaunch : public ::testing::Test
 {
 protected:
     void SetUp() override { ASSERT_TRUE(dir.isValid()); }
@@ -118,12 +118,12 @@ struct ArgumentCase
     QStringList expected;
 };
 
-class LaunchArguments : public Launch, public ::testing::WithParamInterface<ArgumentCase>
+class ApiLaunchArguments : public ApiLaunch, public ::testing::WithParamInterface<ArgumentCase>
 {};
 
 } // namespace
 
-TEST_P(LaunchArguments, ServerIsStartedFromTheApplicationFolderWithPortBaudAndFlowWord)
+TEST_P(ApiLaunchArguments, ServerIsStartedFromTheApplicationFolderWithPortBaudAndFlowWord)
 {
     const ArgumentCase& c = GetParam();
     prepare(true);
@@ -140,7 +140,7 @@ TEST_P(LaunchArguments, ServerIsStartedFromTheApplicationFolderWithPortBaudAndFl
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Api, LaunchArguments,
+    Api, ApiLaunchArguments,
     ::testing::Values(
         ArgumentCase{"DefaultBaudHardware", 101, -1, 1, 0, {"COM101", "921600", "hardware"}},
         ArgumentCase{"SetDefaultBaudXonXoff", 102, -1, 2, 115200, {"COM102", "115200", "xonxoff"}},
@@ -148,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(
         ArgumentCase{"UnknownFlowModeIsNone", 104, 230400, 7, 0, {"COM104", "230400", "none"}}),
     [](const ::testing::TestParamInfo<ArgumentCase>& param) { return param.param.name; });
 
-TEST_F(Launch, ServerAlreadyListeningIsUsedAndNothingIsStarted)
+TEST_F(ApiLaunch, ServerAlreadyListeningIsUsedAndNothingIsStarted)
 {
     prepare(true);
     SimulatorProcess running = SimulatorProcess::withArguments({"COM110", "921600", "none"});
@@ -160,7 +160,7 @@ TEST_F(Launch, ServerAlreadyListeningIsUsedAndNothingIsStarted)
 }
 
 // The one case that waits out the whole 10 s start-up wait.
-TEST_F(Launch, ServerThatNeverListensGivesNoConnectionAfterTenSeconds)
+TEST_F(ApiLaunch, ServerThatNeverListensGivesNoConnectionAfterTenSeconds)
 {
     prepare(false);
     const HelperRun run = runHelper({"111", "-1", "0"});

@@ -37,7 +37,7 @@ bool waitUntilNothingListens(quint16 port, int timeoutMs = 10000)
     return false;
 }
 
-class Simulator : public ::testing::Test
+class ApiSimulator : public ::testing::Test
 {
 protected:
     void start(int serialPort)
@@ -95,7 +95,7 @@ void releaseSemaphore(void* semaphore)
 
 } // namespace
 
-TEST_F(Simulator, MemoryAndQueriesRoundTrip)
+TEST_F(ApiSimulator, MemoryAndQueriesRoundTrip)
 {
     start(120);
     EXPECT_EQ(PXST_HandleStatus(handle), 1);
@@ -144,7 +144,7 @@ TEST_F(Simulator, MemoryAndQueriesRoundTrip)
         ASSERT_EQ(masked[i], mask[i] == 0xFF ? source[i] : 0) << i;
 }
 
-TEST_F(Simulator, EventsAreQueuedAnnouncedAndSwitchedOff)
+TEST_F(ApiSimulator, EventsAreQueuedAnnouncedAndSwitchedOff)
 {
     start(121);
     unsigned int event = 0;
@@ -172,7 +172,7 @@ TEST_F(Simulator, EventsAreQueuedAnnouncedAndSwitchedOff)
     EXPECT_EQ(PXST_EventSetCallback(handle, nullptr, nullptr), PXST_RESULT_OK);
 }
 
-TEST_F(Simulator, BypassPacketsComeBackOnTheSubscribedFlows)
+TEST_F(ApiSimulator, BypassPacketsComeBackOnTheSubscribedFlows)
 {
     port = 122;
     unsigned char ids[] = {0x21, 0x22};
@@ -220,7 +220,7 @@ TEST_F(Simulator, BypassPacketsComeBackOnTheSubscribedFlows)
     EXPECT_EQ(PXST_BypassGetData(handle, buffer, 64, &length), PXST_RESULT_NO_PACKET);
 }
 
-TEST_F(Simulator, LoadWithVerifyPutsEveryPacketButTheSkippedOneIntoMemory)
+TEST_F(ApiSimulator, LoadWithVerifyPutsEveryPacketButTheSkippedOneIntoMemory)
 {
     start(123);
     const std::vector<quint32> big = sequence(3000, 7);
@@ -239,7 +239,7 @@ TEST_F(Simulator, LoadWithVerifyPutsEveryPacketButTheSkippedOneIntoMemory)
     EXPECT_EQ(word, 3u);
 }
 
-TEST_F(Simulator, VerifyFindsTheFirstChangedWord)
+TEST_F(ApiSimulator, VerifyFindsTheFirstChangedWord)
 {
     start(124);
     const QByteArray file = writeLod("image.lod", {{0x10000, sequence(1000, 3)}});
@@ -253,7 +253,7 @@ TEST_F(Simulator, VerifyFindsTheFirstChangedWord)
     EXPECT_EQ(fail, 0u);
 }
 
-TEST_F(Simulator, DumpWritesLodTextAndRawWords)
+TEST_F(ApiSimulator, DumpWritesLodTextAndRawWords)
 {
     start(125);
     unsigned int words[] = {0x00000001, 0x00ABCDEF, 0xFFFFFFFF};
@@ -279,7 +279,7 @@ TEST_F(Simulator, DumpWritesLodTextAndRawWords)
     EXPECT_EQ(PXST_LoadLod(handle, text.constData(), 1, &fail), PXST_RESULT_OK);
 }
 
-TEST_F(Simulator, ServerControlCallsSucceedAndKillStopsTheServer)
+TEST_F(ApiSimulator, ServerControlCallsSucceedAndKillStopsTheServer)
 {
     start(126);
     EXPECT_EQ(PXST_ChangeFlowMode(handle, PXL_FLOW_HARDWARE), PXST_RESULT_OK);
@@ -326,7 +326,7 @@ void recordProgress(unsigned long long done, unsigned long long total, void* use
 
 } // namespace
 
-TEST_F(Simulator, ProgressOfALoadWithVerifyRunsToTheTotal)
+TEST_F(ApiSimulator, ProgressOfALoadWithVerifyRunsToTheTotal)
 {
     start(127);
     const QByteArray file = writeLod("image.lod", {{0x100000, sequence(262144, 9)}}); // 1 MiB

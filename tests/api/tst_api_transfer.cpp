@@ -17,7 +17,7 @@ using namespace apitest;
 
 namespace {
 
-class Transfer : public ::testing::Test
+class ApiTransfer : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -66,7 +66,7 @@ std::vector<unsigned char> selectAll(size_t size)
 
 } // namespace
 
-TEST_F(Transfer, MaskedReadUsesTheWidestAccessEachRunAllowsAndSkipsUnselectedBytes)
+TEST_F(ApiTransfer, MaskedReadUsesTheWidestAccessEachRunAllowsAndSkipsUnselectedBytes)
 {
     std::vector<unsigned char> gapped = selectAll(12);
     gapped[5] = 0x00;
@@ -112,7 +112,7 @@ TEST_F(Transfer, MaskedReadUsesTheWidestAccessEachRunAllowsAndSkipsUnselectedByt
     }
 }
 
-TEST_F(Transfer, MaskedReadStopsAtTheFirstFailingReadKeepingWhatWasRead)
+TEST_F(ApiTransfer, MaskedReadStopsAtTheFirstFailingReadKeepingWhatWasRead)
 {
     server.poison(0x1002);
     unsigned char mask[] = {0xFF, 0x00, 0xFF, 0xFF, 0xFF};
@@ -125,7 +125,7 @@ TEST_F(Transfer, MaskedReadStopsAtTheFirstFailingReadKeepingWhatWasRead)
     EXPECT_EQ(server.accesses(), (QList<Access>{read(0x1000, 1), read(0x1002, 2)}));
 }
 
-TEST_F(Transfer, BatchReadIsTheBlockRead)
+TEST_F(ApiTransfer, BatchReadIsTheBlockRead)
 {
     unsigned char buffer[10] = {};
     EXPECT_EQ(PXST_BatchRead(handle, 0x1000, buffer, 10), PXST_RESULT_OK);
@@ -134,7 +134,7 @@ TEST_F(Transfer, BatchReadIsTheBlockRead)
         EXPECT_EQ(buffer[i], patternByte(0x1000 + i));
 }
 
-TEST_F(Transfer, LoadWritesOneBlockPerPacketInFileOrderAndVerifyReadsThemBack)
+TEST_F(ApiTransfer, LoadWritesOneBlockPerPacketInFileOrderAndVerifyReadsThemBack)
 {
     const QByteArray file = lodFile({"# image", "@00001000", "12345678", "9ABCDEF0", "",
                                      "@F0000000", "DEADBEEF", "@00002000", "CAFEF00D"});
@@ -154,7 +154,7 @@ TEST_F(Transfer, LoadWritesOneBlockPerPacketInFileOrderAndVerifyReadsThemBack)
     EXPECT_EQ(server.accesses(), (QList<Access>{write(0x1000, 8), write(0x2000, 4)}));
 }
 
-TEST_F(Transfer, VerifyReportsTheFirstDifferingWord)
+TEST_F(ApiTransfer, VerifyReportsTheFirstDifferingWord)
 {
     const quint32 base = 0x1000;
     QStringList lines{"@00001000"};
@@ -177,7 +177,7 @@ TEST_F(Transfer, VerifyReportsTheFirstDifferingWord)
     EXPECT_TRUE(server.accesses().isEmpty());
 }
 
-TEST_F(Transfer, FileProblemsGiveTheirCodes)
+TEST_F(ApiTransfer, FileProblemsGiveTheirCodes)
 {
     unsigned int fail = 77;
     EXPECT_EQ(PXST_LoadLod(handle, path("missing.lod").constData(), 1, &fail), PXST_RESULT_FILE);
@@ -197,7 +197,7 @@ TEST_F(Transfer, FileProblemsGiveTheirCodes)
               PXST_RESULT_LOD_FORMAT);
 }
 
-TEST_F(Transfer, FailingBlockReadsEndTheTransferWithTheirCode)
+TEST_F(ApiTransfer, FailingBlockReadsEndTheTransferWithTheirCode)
 {
     server.poison(0x2004);
     const QByteArray file = lodFile({"@1000", hex8(patternWord(0x1000)), "@2000", "1", "2"});
@@ -211,7 +211,7 @@ TEST_F(Transfer, FailingBlockReadsEndTheTransferWithTheirCode)
     EXPECT_TRUE(readFile(QString::fromLocal8Bit(dump)).isEmpty()) << "a failed dump is empty";
 }
 
-TEST_F(Transfer, UnacknowledgedBlockWriteEndsTheLoadAfterEarlierPacketsWereWritten)
+TEST_F(ApiTransfer, UnacknowledgedBlockWriteEndsTheLoadAfterEarlierPacketsWereWritten)
 {
     server.poison(0x2000);
     const QByteArray file = lodFile({"@1000", "11223344", "@2000", "1", "@3000", "1"});
@@ -222,7 +222,7 @@ TEST_F(Transfer, UnacknowledgedBlockWriteEndsTheLoadAfterEarlierPacketsWereWritt
     EXPECT_EQ(server.accesses(), (QList<Access>{write(0x1000, 4), write(0x2000, 4)}));
 }
 
-TEST_F(Transfer, DumpWritesLodTextOrRawWords)
+TEST_F(ApiTransfer, DumpWritesLodTextOrRawWords)
 {
     const QByteArray text = path("dump.lod");
     ASSERT_EQ(PXST_DumpLod(handle, text.constData(), 0x1000, 2, 0), PXST_RESULT_OK);
@@ -264,7 +264,7 @@ void logProgress(unsigned long long done, unsigned long long total, void* userDa
 
 } // namespace
 
-TEST_F(Transfer, ProgressVariantsReportEveryChunkOfAtMost64KiB)
+TEST_F(ApiTransfer, ProgressVariantsReportEveryChunkOfAtMost64KiB)
 {
     // 50000 words = 200000 bytes: chunks of 65536, 65536, 65536 and 3392 bytes.
     QStringList lines{"@00100000"};
