@@ -1,0 +1,139 @@
+#include "PXToolCommands.h"
+
+#include "PXToolText.h"
+
+#include <pellix/api/PXLLibraryApi.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace pxtool {
+
+namespace {
+
+const std::vector<OptionSpec>* optionsOf(const std::string& name)
+{
+    const Command* command = findCommand(name);
+    return command ? &command->options : nullptr;
+}
+
+// PXST_Open starts "pellix" from the application's folder, which in a program without a Qt
+// application object is the current folder: open from pxtool's own folder, where the build
+// and the installation put the server, and return to the caller's folder at once.
+unsigned int openStartingServer(const std::string& programFolder, int port, int baud, int flowMode,
+                                int* handle)
+{
+    const int previous = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool moved = previous >= 0 && !programFolder.empty() && chdir(programFolder.c_str()) == 0;
+    const unsigned int result = PXST_Open(port, baud, static_cast<PXLFlowMode>(flowMode), handle);
+    if (moved && fchdir(previous) != 0)
+        std::perror("pxtool: cannot return to the working folder");
+    if (previous >= 0)
+        close(previous);
+    return result;
+}
+
+int openConnection(Session& session, const Command& command, const std::string& programFolder)
+{
+    const Arguments& args = session.args;
+    const bool bySocket = args.has("host") || args.has("tcp-port");
+    if (bySocket && args.has("port"))
+        return session.usage("--port cannot be combined with --host or --tcp-port");
+    if (!args.has("port") && (args.has("baud") || args.has("flow")))
+        return session.usage("--baud and --flow apply to a server started for --port N");
+    char where[96];
+    if (bySocket) {
+        if (!args.has("tcp-port"))
+            return session.usage("--host needs --tcp-port");
+        std::uint64_t tcpPort = 0;
+        if (!session.number(args.value("tcp-port"), "TCP port", 0xFFFF, &tcpPort))
+            return ExitUsage;
+        const std::string host = args.value("host", "127.0.0.1");
+        const unsigned int result = PXST_OpenSocket(host.c_str(), int(tcpPort), &session.handle);
+        std::snprintf(where, sizeof where, "no server at %s:%u", host.c_str(), unsigned(tcpPort));
+        return result ? session.fail(result, where) : int(ExitOk);
+    }
+    if (!args.has("port"))
+        return session.usage("give the target's port with --port N, or a server with --host "
+                             "HOST --tcp-port PORT");
+    std::uint64_t port = 0;
+    std::uint64_t baud = 0;
+    if (!session.number(args.value("port"), "port number", 0x7FFFFFFF, &port) ||
+        (args.has("baud") && !session.number(args.value("baud"), "baud rate", 0x7FFFFFFF, &baud)))
+        return ExitUsage;
+    const int flowMode = args.has("flow") ? parseFlowMode(args.value("flow")) : 0;
+    if (flowMode < 0)
+        return session.usage("bad --flow '" + args.value("flow") +
+                             "': expected none, hardware or xonxoff");
+    const unsigned int tcpPort = unsigned((port + 7700) % 65536);
+    unsigned int result = 0;
+    if (command.connect == Connect::StartServer && !args.has("no-start")) {
+        result = openStartingServer(programFolder, int(port), args.has("baud") ? int(baud) : -1,
+                                    flowMode, &session.handle);
+        std::snprintf(where, sizeof where, "no server for COM%llu at 127.0.0.1:%u, none started",
+                      static_cast<unsigned long long>(port), tcpPort);
+    } else {
+        result = PXST_OpenSocket("127.0.0.1", int(tcpPort), &session.handle);
+        std::snprintf(where, sizeof where, "no server for COM%llu at 127.0.0.1:%u",
+                      static_cast<unsigned long long>(port), tcpPort);
+    }
+    return result ? session.fail(result, where) : int(ExitOk);
+}
+
+} // namespace
+
+int runTool(const std::vector<std::string>& argv, const std::string& programFolder)
+{
+    Session session;
+    std::string error;
+    if (!parseArguments(argv, globalOptions(), optionsOf, &session.args, &error))
+        return session.usage(error);
+    const Arguments& args = session.args;
+
+    if (args.command.empty()) {
+        if (args.has("help")) {
+            printToolHelp(stdout);
+            return ExitOk;
+        }
+        return session.usage("no command given");
+    }
+    if (args.command == "help") {
+        if (args.positional.empty()) {
+            printToolHelp(stdout);
+            return ExitOk;
+        }
+        const Command* command = findCommand(args.positional.front());
+        if (!command)
+            return session.usage("unknown command '" + args.positional.front() + "'");
+        printCommandHelp(stdout, *command);
+        return ExitOk;
+    }
+    const Command* command = findCommand(args.command);
+    if (!command)
+        return session.usage("unknown command '" + args.command + "'");
+    session.command = command->name;
+    if (args.has("help")) {
+        printCommandHelp(stdout, *command);
+        return ExitOk;
+    }
+    if (args.positional.size() < command->minArguments ||
+        args.positional.size() > command->maxArguments) {
+        const std::string expected =
+            std::string("expected '") + command->name +
+            (*command->synopsis ? std::string(" ") + command->synopsis : std::string()) + "'";
+        return session.usage(args.positional.size() < command->minArguments
+                                 ? "missing argument: " + expected
+                                 : "too many arguments: " + expected);
+    }
+    session.quiet = args.has("quiet");
+    session.progress = !session.quiet && (args.has("progress") || isatty(STDERR_FILENO));
+
+    if (command->connect != Connect::None)
+        session.connector = [&] { return openConnection(session, *command, programFolder); };
+    const int status = command->run(session);
+    if (session.handle > 0)
+        PXST_Close(session.handle);
+    return status;
+}
+
+} // namespace pxtool

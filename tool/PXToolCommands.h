@@ -1,0 +1,50 @@
+#ifndef PELLIX_PXTOOLCOMMANDS_H
+#define PELLIX_PXTOOLCOMMANDS_H
+
+// The command table of pxtool and its entry point.
+
+#include "PXToolArgs.h"
+#include "PXToolSession.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace pxtool {
+
+// How a command reaches the server.
+enum class Connect {
+    None,        // needs no connection
+    StartServer, // by port number: start the pellix server beside pxtool when none answers
+    NoStart,     // never start a server (kill: stopping a server must not start one)
+};
+
+struct Command
+{
+    const char* name;
+    const char* synopsis;    // the arguments, e.g. "ADDRESS SIZE"
+    const char* summary;     // one line for the command list
+    const char* description; // the text of "pxtool help <command>"
+    std::vector<OptionSpec> options;
+    std::size_t minArguments;
+    std::size_t maxArguments; // SIZE_MAX for "any number"
+    Connect connect;
+    int (*run)(Session& session);
+};
+
+const std::vector<Command>& commands();
+const Command* findCommand(const std::string& name);
+const std::vector<OptionSpec>& globalOptions();
+
+// Help texts, written to `stream`.
+void printToolHelp(std::FILE* stream);
+void printCommandHelp(std::FILE* stream, const Command& command);
+
+// Runs pxtool with `argv` (without the program name) and returns its exit status.
+// `programFolder` is the folder of the pxtool executable: PXST_Open starts the server from the
+// current folder in a program without a Qt application object, so the tool opens from there.
+int runTool(const std::vector<std::string>& argv, const std::string& programFolder);
+
+} // namespace pxtool
+
+#endif
