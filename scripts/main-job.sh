@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# The main job, from a fresh machine to a verified firmware round trip:
+#   1. installs what is missing and builds the library, the pellix simulator and pxtool
+#      (release preset, only those three targets),
+#   2. generates a 1 MiB sample firmware image (LOD text and the same words as binary),
+#   3. with pxtool on serial port 57 (TCP 7757): loads it with verification, which starts the
+#      simulator beside pxtool, dumps the range back as binary and as LOD text, compares the
+#      dump with the image word for word, and stops the simulator.
+# Prints the throughput of each transfer; exits non-zero on any failure or mismatch.
+# Usage: scripts/main-job.sh   (PELLIX_PRESET=<preset> builds another preset instead)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+preset=${PELLIX_PRESET:-release}
+port=57
+address=0x00100000
+size=$((1024 * 1024))
+words=$((size / 4))
+
+scripts/install-deps.sh
+echo "=== build (${preset}): pellix_library pellix pxtool"
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset" -j "$(nproc)" --target pellix_library pellix pxtool
+
+bin="build/${preset}/bin"
+work="build/${preset}/main-job"
+mkdir -p "$work"
+rm -f "$work"/dump.*
+pxtool=("$bin/pxtool" --port "$port")
+
+# Stops the simulator of port 57 and waits until nothing answers there any more, so that a
+# later start does not find a server on its way out.
+stop_server() {
+    "${pxtool[@]}" kill --quiet 2>/dev/null || return 0
+    for _ in $(seq 100); do
+        "${pxtool[@]}" --no-start ping >/dev/null 2>&1 || return 0
+        sleep 0.05
+    done
+    echo "main job: the server on port ${port} did not stop" >&2
+    return 1
+}
+# A simulator left over from an interrupted run would hold old memory: start from a fresh one.
+stop_server
+trap 'stop_server || true' EXIT
+
+echo "=== firmware: ${size} bytes at ${address}"
+python3 examples/make-firmware.py --lod "$work/firmware.lod" --bin "$work/firmware.bin" \
+    --address "$address" --size "$size"
+
+echo "=== load with verification, dump, compare (port ${port})"
+"${pxtool[@]}" load "$work/firmware.lod" --verify
+"${pxtool[@]}" dump "$address" "$words" "$work/dump.bin" --binary
+"${pxtool[@]}" dump "$address" "$words" "$work/dump.lod"
+
+if ! cmp -s "$work/firmware.bin" "$work/dump.bin"; then
+    echo "main job: FAILED: the binary dump differs from the image:" >&2
+    cmp "$work/firmware.bin" "$work/dump.bin" >&2 || true
+    exit 1
+fi
+# The LOD dump is one packet: its word lines must be the image's word lines in order.
+if ! diff -q <(grep -v -e '^#' -e '^@' -e '^$' "$work/firmware.lod") \
+        <(grep -v -e '^@' "$work/dump.lod") >/dev/null; then
+    echo "main job: FAILED: the LOD dump differs from the image" >&2
+    exit 1
+fi
+if [[ "$(head -n 1 "$work/dump.lod")" != "@$(printf '%08X' "$address")" ]]; then
+    echo "main job: FAILED: the LOD dump does not start at ${address}" >&2
+    exit 1
+fi
+
+stop_server
+trap - EXIT
+echo "main job: OK: ${size} bytes loaded, verified and dumped back identically"
