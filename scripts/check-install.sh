@@ -67,8 +67,11 @@ for example in c cpp qt; do
 done
 
 echo "=== example c: built with pkg-config"
-cc "$root/examples/c/main.c" -o "$work/pellix-example-c-pkgconfig" \
-    $(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --cflags --libs pellix)
+# The .pc file names the prefix the build was configured for; this one was given at install
+# time, so it is passed in.
+pkg_flags=$(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --define-variable=prefix="$prefix" \
+    --cflags --libs pellix)
+cc "$root/examples/c/main.c" -o "$work/pellix-example-c-pkgconfig" $pkg_flags
 run_example "pellix-example-c (pkg-config)" "$work/pellix-example-c-pkgconfig"
 
 if [[ -x "$prefix/bin/pxtool" ]]; then

@@ -4,6 +4,7 @@
 
 #include <pellix/api/PXLLibraryApi.h>
 
+#include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -17,15 +18,55 @@ const std::vector<OptionSpec>* optionsOf(const std::string& name)
     return command ? &command->options : nullptr;
 }
 
-// PXST_Open starts "pellix" from the application's folder, which in a program without a Qt
-// application object is the current folder: open from pxtool's own folder, where the build
-// and the installation put the server, and return to the caller's folder at once.
+// The standard streams of pxtool, pointed at /dev/null for the lifetime of the object. A server
+// that PXST_Open starts inherits them and outlives pxtool: it must not write into the caller's
+// output nor keep a pipe open that a script reads pxtool's output from.
+class DetachedStreams
+{
+public:
+    DetachedStreams()
+    {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (null < 0)
+            return;
+        for (int fd = 0; fd < 3; ++fd) {
+            saved[fd] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+            dup2(null, fd);
+        }
+        close(null);
+    }
+    ~DetachedStreams()
+    {
+        for (int fd = 0; fd < 3; ++fd) {
+            if (saved[fd] >= 0) {
+                dup2(saved[fd], fd);
+                close(saved[fd]);
+            }
+        }
+    }
+    DetachedStreams(const DetachedStreams&) = delete;
+    DetachedStreams& operator=(const DetachedStreams&) = delete;
+
+private:
+    int saved[3] = {-1, -1, -1};
+};
+
+// PXST_Open starts "pellix" from the application's folder, which may be the current folder
+// in a program that has not created a Qt application object of its own: open from pxtool's
+// folder, where the build and the installation put the server, and return to the caller's
+// folder at once.
 unsigned int openStartingServer(const std::string& programFolder, int port, int baud, int flowMode,
                                 int* handle)
 {
     const int previous = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const bool moved = previous >= 0 && !programFolder.empty() && chdir(programFolder.c_str()) == 0;
-    const unsigned int result = PXST_Open(port, baud, static_cast<PXLFlowMode>(flowMode), handle);
+    unsigned int result = 0;
+    {
+        DetachedStreams detached;
+        result = PXST_Open(port, baud, static_cast<PXLFlowMode>(flowMode), handle);
+    }
     if (moved && fchdir(previous) != 0)
         std::perror("pxtool: cannot return to the working folder");
     if (previous >= 0)

@@ -46,9 +46,8 @@ bool run(PXConnection& connection)
     std::vector<unsigned int> back(image.size());
     const int bytes = int(image.size() * 4);
     if (!check("writeBlock", connection.writeBlock(0x100000, image.data(), bytes)) ||
-        !check("readBlock", connection.readBlock(0x100000,
-                                                 reinterpret_cast<unsigned char*>(back.data()),
-                                                 bytes)))
+        !check("readBlock", connection.readBlock(
+                                0x100000, reinterpret_cast<unsigned char*>(back.data()), bytes)))
         return false;
     const bool blockOk = back == image;
     std::printf("64 KiB block %s\n", blockOk ? "matches" : "differs");

@@ -41,19 +41,19 @@ int main(int argc, char** argv)
         if (events.size() == 2 && !echoed.isEmpty())
             app.quit();
     };
-    QObject::connect(&connection, &PXNSConnection::eventArrived,
-                     [&](qint64 stamp, uint32_t event) {
-                         out << QDateTime::fromMSecsSinceEpoch(stamp).toString(Qt::ISODateWithMs)
-                             << " event " << event << Qt::endl;
-                         events.append(event);
-                         finishWhenDone();
-                     });
+    QObject::connect(&connection, &PXNSConnection::eventArrived, [&](qint64 stamp, uint32_t event) {
+        out << QDateTime::fromMSecsSinceEpoch(stamp).toString(Qt::ISODateWithMs) << " event "
+            << event << Qt::endl;
+        events.append(event);
+        finishWhenDone();
+    });
     QObject::connect(&connection, &PXNSConnection::bypassArrived,
                      [&](qint64 stamp, const QByteArray& packet) {
                          // Start byte, 16-bit length, flow id, data, checksum.
                          const QByteArray data = packet.mid(4, packet.size() - 5);
                          out << QDateTime::fromMSecsSinceEpoch(stamp).toString(Qt::ISODateWithMs)
-                             << " bypass flow 0x" << QString::number(uchar(packet.value(3)), 16)
+                             << " bypass flow 0x"
+                             << QString::number(packet.size() > 3 ? uchar(packet.at(3)) : 0, 16)
                              << ": " << data << Qt::endl;
                          echoed = data;
                          finishWhenDone();
