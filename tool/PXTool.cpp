@@ -12,7 +12,7 @@ namespace pxtool {
 
 namespace {
 
-const std::vector<OptionSpec>* optionsOf(const std::string& name)
+const std::vector<OptionDef>* optionsOf(const std::string& name)
 {
     const Command* command = findCommand(name);
     return command ? &command->options : nullptr;
@@ -169,8 +169,7 @@ int runTool(const std::vector<std::string>& argv, const std::string& programFold
     session.quiet = args.has("quiet");
     session.progress = !session.quiet && (args.has("progress") || isatty(STDERR_FILENO));
 
-    if (command->connect != Connect::None)
-        session.connector = [&] { return openConnection(session, *command, programFolder); };
+    session.connector = [&] { return openConnection(session, *command, programFolder); };
     const int status = command->run(session);
     if (session.handle > 0)
         PXST_Close(session.handle);

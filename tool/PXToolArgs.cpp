@@ -4,9 +4,9 @@ namespace pxtool {
 
 namespace {
 
-const OptionSpec* findOption(const std::vector<OptionSpec>& options, const std::string& name)
+const OptionDef* findOption(const std::vector<OptionDef>& options, const std::string& name)
 {
-    for (const OptionSpec& option : options) {
+    for (const OptionDef& option : options) {
         if (name == option.name)
             return &option;
     }
@@ -15,11 +15,11 @@ const OptionSpec* findOption(const std::vector<OptionSpec>& options, const std::
 
 } // namespace
 
-bool parseArguments(const std::vector<std::string>& argv, const std::vector<OptionSpec>& globals,
+bool parseArguments(const std::vector<std::string>& argv, const std::vector<OptionDef>& globals,
                     const CommandOptionsLookup& commandOptions, Arguments* out, std::string* error)
 {
     Arguments result;
-    const std::vector<OptionSpec>* own = nullptr;
+    const std::vector<OptionDef>* own = nullptr;
     bool optionsEnded = false;
     for (std::size_t i = 0; i < argv.size(); ++i) {
         std::string argument = argv[i];
@@ -57,10 +57,10 @@ bool parseArguments(const std::vector<std::string>& argv, const std::vector<Opti
             name.erase(equals);
             inlineValue = true;
         }
-        const OptionSpec* spec = findOption(globals, name);
-        if (!spec && own)
-            spec = findOption(*own, name);
-        if (!spec) {
+        const OptionDef* known = findOption(globals, name);
+        if (!known && own)
+            known = findOption(*own, name);
+        if (!known) {
             *error = "unknown option '--" + name + "'";
             if (result.command.empty()) {
                 // A command option before the command name is the likeliest slip.
@@ -72,14 +72,14 @@ bool parseArguments(const std::vector<std::string>& argv, const std::vector<Opti
             *error = "option '--" + name + "' given twice";
             return false;
         }
-        if (!spec->valueName) {
+        if (!known->valueName) {
             if (inlineValue) {
                 *error = "option '--" + name + "' takes no value";
                 return false;
             }
         } else if (!inlineValue) {
             if (i + 1 >= argv.size()) {
-                *error = "option '--" + name + "' needs a value (" + spec->valueName + ")";
+                *error = "option '--" + name + "' needs a value (" + known->valueName + ")";
                 return false;
             }
             value = argv[++i];

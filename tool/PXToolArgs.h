@@ -12,7 +12,7 @@
 
 namespace pxtool {
 
-struct OptionSpec
+struct OptionDef
 {
     const char* name;      // without the leading "--"
     const char* valueName; // null for a flag
@@ -34,12 +34,12 @@ struct Arguments
 };
 
 // Looks up the options of a command by name; null for an unknown command.
-using CommandOptionsLookup = std::function<const std::vector<OptionSpec>*(const std::string&)>;
+using CommandOptionsLookup = std::function<const std::vector<OptionDef>*(const std::string&)>;
 
 // Splits `argv` (without the program name) into command, arguments and options.
 // "-h" stands for "--help" and "-q" for "--quiet". Returns false with a message for an unknown
 // option, a missing or unexpected option value, or an option given twice.
-bool parseArguments(const std::vector<std::string>& argv, const std::vector<OptionSpec>& globals,
+bool parseArguments(const std::vector<std::string>& argv, const std::vector<OptionDef>& globals,
                     const CommandOptionsLookup& commandOptions, Arguments* out, std::string* error);
 
 } // namespace pxtool

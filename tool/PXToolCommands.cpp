@@ -734,11 +734,11 @@ int cmdBypassSend(Session& session)
 
 namespace {
 
-const OptionSpec OutOption{"out", "FILE", "write the raw bytes to FILE instead of a hex dump"};
-const OptionSpec CountOption{"count", "N", "stop after N arrivals"};
-const OptionSpec TimeoutOption{"timeout", "MS",
-                               "stop after MS milliseconds (an error if --count is not reached)"};
-const OptionSpec WaitOption{"wait", "MS", "wait at most MS milliseconds for one arrival"};
+const OptionDef OutOption{"out", "FILE", "write the raw bytes to FILE instead of a hex dump"};
+const OptionDef CountOption{"count", "N", "stop after N arrivals"};
+const OptionDef TimeoutOption{"timeout", "MS",
+                              "stop after MS milliseconds (an error if --count is not reached)"};
+const OptionDef WaitOption{"wait", "MS", "wait at most MS milliseconds for one arrival"};
 
 } // namespace
 
@@ -1016,9 +1016,9 @@ const Command* findCommand(const std::string& name)
     return nullptr;
 }
 
-const std::vector<OptionSpec>& globalOptions()
+const std::vector<OptionDef>& globalOptions()
 {
-    static const std::vector<OptionSpec> options = {
+    static const std::vector<OptionDef> options = {
         {"port", "N",
          "serial port number of the target; the server listens on 127.0.0.1:7700+N and is\n"
          "started from pxtool's folder when none answers"},
@@ -1038,9 +1038,9 @@ const std::vector<OptionSpec>& globalOptions()
 
 namespace {
 
-void printOptions(std::FILE* stream, const std::vector<OptionSpec>& options)
+void printOptions(std::FILE* stream, const std::vector<OptionDef>& options)
 {
-    for (const OptionSpec& option : options) {
+    for (const OptionDef& option : options) {
         std::string head = std::string("  --") + option.name;
         if (option.valueName)
             head += std::string(" ") + option.valueName;

@@ -14,7 +14,6 @@ namespace pxtool {
 
 // How a command reaches the server.
 enum class Connect {
-    None,        // needs no connection
     StartServer, // by port number: start the pellix server beside pxtool when none answers
     NoStart,     // never start a server (kill: stopping a server must not start one)
 };
@@ -25,7 +24,7 @@ struct Command
     const char* synopsis;    // the arguments, e.g. "ADDRESS SIZE"
     const char* summary;     // one line for the command list
     const char* description; // the text of "pxtool help <command>"
-    std::vector<OptionSpec> options;
+    std::vector<OptionDef> options;
     std::size_t minArguments;
     std::size_t maxArguments; // SIZE_MAX for "any number"
     Connect connect;
@@ -34,7 +33,7 @@ struct Command
 
 const std::vector<Command>& commands();
 const Command* findCommand(const std::string& name);
-const std::vector<OptionSpec>& globalOptions();
+const std::vector<OptionDef>& globalOptions();
 
 // Help texts, written to `stream`.
 void printToolHelp(std::FILE* stream);

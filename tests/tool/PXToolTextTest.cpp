@@ -141,11 +141,11 @@ TEST(PXToolText, ProgressLine)
 
 // ---- argument splitting ------------------------------------------------------------------
 
-const std::vector<OptionSpec> kGlobals = {
+const std::vector<OptionDef> kGlobals = {
     {"port", "N", ""}, {"quiet", nullptr, ""}, {"help", nullptr, ""}};
-const std::vector<OptionSpec> kReadOptions = {{"out", "FILE", ""}, {"binary", nullptr, ""}};
+const std::vector<OptionDef> kReadOptions = {{"out", "FILE", ""}, {"binary", nullptr, ""}};
 
-const std::vector<OptionSpec>* lookup(const std::string& name)
+const std::vector<OptionDef>* lookup(const std::string& name)
 {
     return name == "read" ? &kReadOptions : nullptr;
 }
