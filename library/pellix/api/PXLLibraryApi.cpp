@@ -119,7 +119,7 @@ extern "C" unsigned int PXST_Open(int port, int baud, int flowMode, int* handle)
         if (!connection.open(host, tcpPort)) {
             const int rate = baud == -1 ? gDefaultBaud.load(std::memory_order_relaxed) : baud;
             const QStringList arguments{
-                QStringLiteral("COM%1").arg(port), QString::number(rate),
+                QStringLiteral("COM") + QString::number(port), QString::number(rate),
                 QLatin1String(pxproto::flowModeWord(static_cast<quint32>(flowMode)))};
             QProcess::startDetached(serverPath(), arguments);
             waitForServer(tcpPort);
