@@ -4,6 +4,7 @@
 #include "SimulatorProcess.h"
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
