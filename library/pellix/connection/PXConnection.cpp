@@ -29,14 +29,18 @@ bool waitOn(QWaitCondition& condition, QMutex& mutex, unsigned long timeout)
     return woken;
 }
 
-// How long a request looks at its pending bit before it sleeps on the wait condition. A reply
-// from a local server usually arrives within this time, and the caller then skips the sleep
-// and the wake-up of the futex. Worth it only where another core can run the network thread.
+// How long a short request looks at its pending bit before it sleeps on the wait condition.
+// The reply of a local server usually arrives within this time, and the caller then skips the
+// futex sleep and wake-up. The look yields the processor on every round, so on a busy machine
+// the network thread and the server run instead. Only where another core can run them.
 qint64 spinNanoseconds()
 {
-    static const qint64 spin = QThread::idealThreadCount() > 1 ? 60000 : 0;
+    static const qint64 spin = QThread::idealThreadCount() > 1 ? 50000 : 0;
     return spin;
 }
+
+// Requests whose reply is a few bytes; a block read waits without looking first.
+constexpr int ShortRequest = 64;
 
 } // namespace
 
@@ -218,25 +222,17 @@ void PXConnection::dispatchFrame(const QByteArray& frame)
 // ---- requests ---------------------------------------------------------------------------------
 
 // Waits for the reply that clears `flag`, dataMutex held on entry and on return. True when the
-// flag was cleared. A short look at the flag with dataMutex released comes first: the reply
-// usually arrives within it, and the caller then needs no wake-up.
-bool PXConnection::waitReply(quint32 flag, unsigned long timeout)
+// flag was cleared. With `look`, a short look at the flag with dataMutex released comes first:
+// the reply usually arrives within it, and the caller then needs no wake-up.
+bool PXConnection::waitReply(quint32 flag, unsigned long timeout, bool look)
 {
-    const qint64 spin = spinNanoseconds();
+    const qint64 spin = look ? spinNanoseconds() : 0;
     if (spin > 0) {
         QElapsedTimer clock;
         clock.start();
         dataMutex.unlock();
-        do {
-            for (int i = 0; i < 64; ++i) {
-                if (!(pendingFlags.load(std::memory_order_acquire) & flag))
-                    break;
-#if defined(__x86_64__) || defined(__i386__)
-                __builtin_ia32_pause();
-#endif
-            }
-        } while ((pendingFlags.load(std::memory_order_acquire) & flag) &&
-                 clock.nsecsElapsed() < spin);
+        while ((pendingFlags.load(std::memory_order_acquire) & flag) && clock.nsecsElapsed() < spin)
+            QThread::yieldCurrentThread();
         dataMutex.lock();
         if (!(pendingFlags.load(std::memory_order_relaxed) & flag))
             return true;
@@ -264,7 +260,7 @@ unsigned int PXConnection::genericRead(unsigned int address, bool internal, void
                                                   false);
     qint32 last = size;
     for (;;) {
-        waitReply(PendingRead, ReplyTimeout);
+        waitReply(PendingRead, ReplyTimeout, size <= ShortRequest && last == size);
         if (readRemaining < 0)
             return 13;
         if (!(pendingFlags.load(std::memory_order_relaxed) & PendingRead))
@@ -290,7 +286,7 @@ unsigned int PXConnection::genericWrite(unsigned int address, bool internal, voi
     QMutexLocker lock(&dataMutex);
     pendingFlags.fetch_or(PendingWrite, std::memory_order_relaxed);
     PXClientManager::Instance()->sendSocketPacket(s, frame, false);
-    if (waitReply(PendingWrite, ReplyTimeout))
+    if (waitReply(PendingWrite, ReplyTimeout, size <= ShortRequest))
         return 0;
     pendingFlags.fetch_and(~quint32(PendingWrite), std::memory_order_relaxed);
     return 13;
@@ -567,7 +563,7 @@ unsigned int PXConnection::runQuery(quint32 flag, const QByteArray& request, uns
     QMutexLocker data(&dataMutex);
     pendingFlags.fetch_or(flag, std::memory_order_relaxed);
     PXClientManager::Instance()->sendSocketPacket(s, request, false);
-    if (waitReply(flag, timeout))
+    if (waitReply(flag, timeout, true))
         return 0;
     pendingFlags.fetch_and(~flag, std::memory_order_relaxed);
     return 13;
@@ -627,7 +623,7 @@ unsigned int PXConnection::getStatus(unsigned char* status)
     QMutexLocker data(&dataMutex);
     pendingFlags.fetch_or(PendingStatus, std::memory_order_relaxed);
     PXClientManager::Instance()->sendSocketPacket(s, pxproto::status(), false);
-    if (!waitReply(PendingStatus, ReplyTimeout)) {
+    if (!waitReply(PendingStatus, ReplyTimeout, true)) {
         pendingFlags.fetch_and(~quint32(PendingStatus), std::memory_order_relaxed);
         return 13;
     }

@@ -177,7 +177,7 @@ private:
 
     unsigned int sendCommand(const QByteArray& request);
     unsigned int runQuery(quint32 flag, const QByteArray& request, unsigned long timeout);
-    bool waitReply(quint32 flag, unsigned long timeout);
+    bool waitReply(quint32 flag, unsigned long timeout, bool look);
     void dispatchFrame(const QByteArray& frame);
     unsigned int takeWholePacket(unsigned char* flowId, unsigned char* buffer, int size,
                                  int* length);
