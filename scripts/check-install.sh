@@ -33,9 +33,9 @@ pkgconfig_dir=$(dirname "$(find "$prefix" -name pellix.pc | head -n 1)")
 [[ -f "$package_dir/pellixConfig.cmake" ]] || { echo "no CMake package installed" >&2; exit 1; }
 [[ -f "$pkgconfig_dir/pellix.pc" ]] || { echo "no pkg-config file installed" >&2; exit 1; }
 
-# The installed server when there is one, else the one of the build.
+# The installed server, as an installed program would start it.
 simulator="$prefix/bin/pellix"
-[[ -x "$simulator" ]] || simulator="$build/bin/pellix"
+[[ -x "$simulator" ]] || { echo "pellix was not installed" >&2; exit 1; }
 "$simulator" COM0 921600 none --port 0 >"$work/simulator.out" 2>"$work/simulator.err" &
 simulator_pid=$!
 port=""
@@ -67,10 +67,8 @@ for example in c cpp qt; do
 done
 
 echo "=== example c: built with pkg-config"
-# The .pc file names the prefix the build was configured for; this one was given at install
-# time, so it is passed in.
-pkg_flags=$(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --define-variable=prefix="$prefix" \
-    --cflags --libs pellix)
+# The .pc file finds its prefix relative to itself, wherever the install put it.
+pkg_flags=$(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --cflags --libs pellix)
 cc "$root/examples/c/main.c" -o "$work/pellix-example-c-pkgconfig" $pkg_flags
 run_example "pellix-example-c (pkg-config)" "$work/pellix-example-c-pkgconfig"
 
