@@ -1,0 +1,171 @@
+// The server end of one TCP connection for the connection fuzzers: a listening socket on
+// 127.0.0.1 (any free port, opened once per process), and the accepted peer of each client.
+// Plain POSIX sockets, used from the fuzzing thread only, with poll() deadlines so that no
+// input can hang the fuzzer.
+
+#ifndef PELLIX_FUZZ_FUZZPEER_H
+#define PELLIX_FUZZ_FUZZPEER_H
+
+#include "pellix/protocol/PXParser.h"
+#include "pellix/protocol/PXProtocol.h"
+
+#include <QByteArray>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace fuzzpeer {
+
+[[noreturn]] inline void fail(const char* what)
+{
+    std::fprintf(stderr, "fuzz peer: %s (errno %d)\n", what, errno);
+    std::abort();
+}
+
+// The listening socket, created on first use. Returns its port.
+inline quint16 listenPort(int* listener)
+{
+    static int fd = -1;
+    static quint16 port = 0;
+    if (fd < 0) {
+        fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0)
+            fail("socket");
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(fd, 16) != 0)
+            fail("bind/listen");
+        socklen_t size = sizeof address;
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+        port = ntohs(address.sin_port);
+    }
+    *listener = fd;
+    return port;
+}
+
+// One accepted client.
+class Peer
+{
+public:
+    // Accepts the connection that a client has just made (its connect has completed, so the
+    // kernel holds it in the backlog).
+    Peer()
+    {
+        int listener = -1;
+        listenPort(&listener);
+        pollfd p{listener, POLLIN, 0};
+        if (::poll(&p, 1, 5000) != 1)
+            fail("no client to accept");
+        fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0)
+            fail("accept");
+        const int one = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    }
+    ~Peer() { closeAbort(); }
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    // Reads client frames until one with flow id `flow` has come; false after timeoutMs or
+    // when the client has closed.
+    bool waitForFrame(unsigned char flow, int timeoutMs)
+    {
+        for (;;) {
+            for (;;) {
+                const QByteArray& frame = parser.getPacket(false);
+                if (frame.isEmpty())
+                    break;
+                if (pxproto::flowId(frame) == flow)
+                    return true;
+            }
+            pollfd p{fd, POLLIN, 0};
+            if (::poll(&p, 1, timeoutMs) != 1)
+                return false;
+            unsigned char bytes[4096];
+            const ssize_t n = ::read(fd, bytes, sizeof bytes);
+            if (n <= 0)
+                return false;
+            parser.feedData(bytes, int(n));
+        }
+    }
+
+    // Writes everything (blocking); false when the client has gone.
+    bool send(const QByteArray& bytes)
+    {
+        qsizetype done = 0;
+        while (done < bytes.size()) {
+            const ssize_t n =
+                ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), MSG_NOSIGNAL);
+            if (n <= 0)
+                return false;
+            done += n;
+        }
+        return true;
+    }
+
+    // Orderly close: the client sees the end of the stream.
+    void closeGracefully()
+    {
+        if (fd >= 0) {
+            ::close(fd);
+            fd = -1;
+        }
+    }
+
+    // Close with a reset, leaving no TIME_WAIT entry behind (many inputs per second).
+    void closeAbort()
+    {
+        if (fd >= 0) {
+            linger off{1, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
+            ::close(fd);
+            fd = -1;
+        }
+    }
+
+private:
+    int fd = -1;
+    PXParser parser{PXParser::ServerFrames};
+};
+
+// Bytes that complete whatever partial frame `stream` leaves at its end in a ServerFrames
+// parser (zeros, which cannot start a frame of their own), so that a reply written after
+// them is cut as a frame of its own.
+inline QByteArray completion(const QByteArray& stream)
+{
+    PXParser parser(PXParser::ServerFrames);
+    parser.feedData(stream);
+    QByteArray filler;
+    for (int round = 0; round < 4; ++round) {
+        while (!parser.getPacket(false).isEmpty()) {
+        }
+        const int buffered = parser.bufferedSize();
+        if (buffered == 0)
+            break;
+        int need;
+        if (buffered < pxproto::HeaderSize) {
+            need = pxproto::HeaderSize - buffered;
+        } else {
+            const QByteArray head = parser.buffered();
+            need = pxproto::getBe16(head.constData() + 1) + pxproto::HeaderSize - buffered;
+        }
+        const QByteArray zeros(need, '\0');
+        parser.feedData(zeros);
+        filler += zeros;
+    }
+    return filler;
+}
+
+} // namespace fuzzpeer
+
+#endif

@@ -1,0 +1,139 @@
+// Open/close churn: thousands of connections made, used and destroyed. Afterwards the
+// process has as many threads and file descriptors as before (the network thread, made once,
+// is counted in the baseline), and LeakSanitizer (asan preset) reports nothing at exit.
+
+#include "RobustnessSupport.h"
+#include "SimulatorProcess.h"
+
+#include "pellix/connection/PXConnection.h"
+#include "pellix/nsconnection/PXNSConnection.h"
+
+#include <QCoreApplication>
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int Cycles = robust::Sanitized ? 300 : 2000;
+
+void noop(void*) {}
+
+// Threads and descriptors settle asynchronously (sockets are deleted on the network thread,
+// or later on this one): poll until they are back, with a deadline.
+void expectBackTo(int threads, int fds)
+{
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_TRUE(robust::waitUntil(
+        [&] {
+            QCoreApplication::processEvents();
+            return robust::threadCount() <= threads && robust::fdCount() <= fds;
+        },
+        5000))
+        << "threads " << robust::threadCount() << " (was " << threads << "), fds "
+        << robust::fdCount() << " (was " << fds << ")";
+}
+
+} // namespace
+
+// PXConnection: open, a request, callbacks set (the delayed one too), destroy; some opens
+// fail (nothing listens), some connections are reopened before they go.
+TEST(Churn, ConnectionsComeAndGo)
+{
+    SimulatorProcess simulator;
+    ASSERT_TRUE(simulator.isListening());
+    {
+        // Warm up: the network thread and its application object exist from here on.
+        PXConnection first;
+        ASSERT_TRUE(first.open(QStringLiteral("127.0.0.1"), simulator.port()));
+        ASSERT_EQ(first.ping(), 0u);
+    }
+    const int threads = robust::threadCount();
+    const int fds = robust::fdCount();
+
+    for (int i = 0; i < Cycles; ++i) {
+        auto* connection = new PXConnection;
+        ASSERT_TRUE(connection->open(QStringLiteral("127.0.0.1"), simulator.port())) << i;
+        connection->setEventCallback(noop, nullptr);
+        connection->setBypassDelayCallback(noop, nullptr, 1);
+        if (i % 3 == 0) {
+            unsigned int value = 0;
+            ASSERT_EQ(connection->read32(0x100, &value), 0u);
+        } else {
+            ASSERT_EQ(connection->ping(), 0u);
+        }
+        if (i % 10 == 0) { // reopen: the old socket and delayed callback are retired
+            ASSERT_TRUE(connection->open(QString(), 0));
+        }
+        if (i % 50 == 0) { // a failed open leaves no socket behind
+            EXPECT_FALSE(connection->open(QStringLiteral("127.0.0.1"), 1));
+        }
+        delete connection;
+    }
+    expectBackTo(threads, fds);
+}
+
+// Several threads churning at once, each with its own connections.
+TEST(Churn, ConcurrentOpenClose)
+{
+    SimulatorProcess simulator;
+    ASSERT_TRUE(simulator.isListening());
+    {
+        PXConnection first;
+        ASSERT_TRUE(first.open(QStringLiteral("127.0.0.1"), simulator.port()));
+    }
+    const int threads = robust::threadCount();
+    const int fds = robust::fdCount();
+    std::atomic<int> failures{0};
+    std::vector<std::thread> churners;
+    for (int t = 0; t < 4; ++t)
+        churners.emplace_back([&] {
+            for (int i = 0; i < Cycles / 4; ++i) {
+                PXConnection connection;
+                if (!connection.open(QStringLiteral("127.0.0.1"), simulator.port()) ||
+                    connection.ping() != 0)
+                    ++failures;
+            }
+        });
+    for (auto& t : churners)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
+    expectBackTo(threads, fds);
+}
+
+// PXNSConnection: open, events raised and signalled (or dropped with the object), a
+// request, close or destroy.
+TEST(Churn, NSConnectionsComeAndGo)
+{
+    SimulatorProcess simulator;
+    ASSERT_TRUE(simulator.isListening());
+    {
+        PXNSConnection first(nullptr);
+        ASSERT_TRUE(first.open(QStringLiteral("127.0.0.1"), simulator.port()));
+        ASSERT_EQ(first.ping(), 0u);
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    const int threads = robust::threadCount();
+    const int fds = robust::fdCount();
+    int arrivals = 0;
+    for (int i = 0; i < Cycles; ++i) {
+        auto* connection = new PXNSConnection(nullptr);
+        QObject::connect(connection, &PXNSConnection::eventArrived, connection,
+                         [&arrivals](qint64, uint32_t) { ++arrivals; });
+        ASSERT_TRUE(connection->open(QStringLiteral("127.0.0.1"), simulator.port())) << i;
+        if (i % 3 == 0) {
+            ASSERT_EQ(connection->enableEvents(true), 0u);
+            ASSERT_EQ(connection->write32(0xFFFFFF00u, unsigned(i)), 0u);
+        }
+        ASSERT_EQ(connection->ping(), 0u);
+        if (i % 2 == 1)
+            QCoreApplication::processEvents(); // signal what the ping held back
+        else
+            connection->close();
+        delete connection;
+    }
+    expectBackTo(threads, fds);
+    EXPECT_GT(arrivals, 0);
+}
