@@ -1,0 +1,125 @@
+// PXST_Open when the server program beside the application is broken: missing, not
+// executable, exiting at once, or listening only after 9 s. Each case runs a host program
+// copied into a folder of its own; PXST_Open must give 11 (or 0 for the late server) with
+// the right handle, leave no unreaped child in that program, and leave no process of the
+// stand-in behind. Serial port numbers 300 to 349 belong to these tests.
+
+#include "RobustnessSupport.h"
+#include "SimulatorProcess.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+enum class Server { Missing, NotExecutable, ExitsAtOnce, ListensAfterNineSeconds };
+
+struct OpenCase
+{
+    const char* name;
+    Server server;
+    int port;
+    unsigned int result;
+    int minMs;
+    int maxMs;
+};
+
+void PrintTo(const OpenCase& c, std::ostream* out)
+{
+    *out << c.name;
+}
+
+// Processes whose command line mentions `text` (other than this test process).
+QStringList processesMentioning(const QString& text)
+{
+    QStringList found;
+    const QString self = QString::number(QCoreApplication::applicationPid());
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        if (pid == self || !pid.at(0).isDigit())
+            continue;
+        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(pid));
+        if (!cmdline.open(QIODevice::ReadOnly))
+            continue;
+        const QString line = QString::fromLocal8Bit(cmdline.readAll().replace('\0', ' '));
+        if (line.contains(text))
+            found << pid + QLatin1Char(' ') + line;
+    }
+    return found;
+}
+
+class OpenFault : public ::testing::TestWithParam<OpenCase>
+{};
+
+} // namespace
+
+TEST_P(OpenFault, RightResultAndNothingLeftBehind)
+{
+    const OpenCase c = GetParam();
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString helper = dir.filePath(QStringLiteral("open_faults_helper"));
+    ASSERT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/open_faults_helper", helper));
+    const auto executable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+    ASSERT_TRUE(QFile::setPermissions(helper, executable));
+
+    if (c.server != Server::Missing) {
+        QFile script(dir.filePath(QStringLiteral("pellix")));
+        ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+        QString text = QStringLiteral("#!/bin/sh\n");
+        if (c.server == Server::ExitsAtOnce)
+            text += QStringLiteral("exit 3\n");
+        else if (c.server == Server::ListensAfterNineSeconds)
+            text += QStringLiteral("sleep 9\nexec '%1/pellix' \"$@\"\n")
+                        .arg(SimulatorProcess::binaryFolder());
+        script.write(text.toLocal8Bit());
+        script.close();
+        ASSERT_TRUE(script.setPermissions(
+            c.server == Server::NotExecutable ? QFile::ReadOwner | QFile::WriteOwner : executable));
+    }
+
+    QProcess process;
+    process.setProgram(helper);
+    process.setArguments({QString::number(c.port)});
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.start();
+    ASSERT_TRUE(process.waitForFinished(60000));
+    const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
+    static const QRegularExpression line(
+        QStringLiteral("result (\\d+) handle (-?\\d+) elapsed (\\d+) zombies (\\d+)"));
+    const auto match = line.match(out);
+    ASSERT_TRUE(match.hasMatch()) << out.toStdString();
+    EXPECT_EQ(match.captured(1).toUInt(), c.result);
+    if (c.result == 0) {
+        EXPECT_GT(match.captured(2).toInt(), 0);
+    } else {
+        EXPECT_EQ(match.captured(2).toInt(), -1);
+    }
+    EXPECT_GE(match.captured(3).toLongLong(), c.minMs);
+    EXPECT_LT(match.captured(3).toLongLong(), c.maxMs);
+    EXPECT_EQ(match.captured(4).toInt(), 0) << "unreaped children after PXST_Open";
+
+    // The stand-in (and a server it ran, told to stop by the helper) is gone.
+    const QString com = QStringLiteral("COM%1 ").arg(c.port);
+    EXPECT_TRUE(robust::waitUntil(
+        [&] {
+            return processesMentioning(dir.path()).isEmpty() && processesMentioning(com).isEmpty();
+        },
+        10000))
+        << processesMentioning(dir.path()).join(QLatin1Char('\n')).toStdString()
+        << processesMentioning(com).join(QLatin1Char('\n')).toStdString();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Servers, OpenFault,
+    ::testing::Values(OpenCase{"Missing", Server::Missing, 301, 11, 10000, 20000},
+                      OpenCase{"NotExecutable", Server::NotExecutable, 302, 11, 10000, 20000},
+                      OpenCase{"ExitsAtOnce", Server::ExitsAtOnce, 303, 11, 10000, 20000},
+                      OpenCase{"ListensAfterNineSeconds", Server::ListensAfterNineSeconds, 304, 0,
+                               9000, 15000}),
+    [](const ::testing::TestParamInfo<OpenCase>& p) { return std::string(p.param.name); });
