@@ -1,0 +1,116 @@
+#ifndef PELLIX_BENCHMARKS_SUITESUPPORT_H
+#define PELLIX_BENCHMARKS_SUITESUPPORT_H
+
+// Shared pieces of the benchmark suite: the one simulator every benchmark talks to, the raw
+// socket client that is the baseline of each measurement, the smoke-run switch, and the
+// latency timer that records per-call samples.
+
+#include "pellix/protocol/PXParser.h"
+#include "pellix/protocol/PXProtocol.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QByteArray>
+
+#include <chrono>
+#include <vector>
+
+namespace suite {
+
+// Address whose 32-bit writes raise events in the simulator (its default).
+constexpr unsigned int EventRegister = 0xFFFFFF00u;
+// Where the block benchmarks read and write.
+constexpr unsigned int DataAddress = 0x00100000u;
+// Flow id of the bypass round trips (the simulator echoes it).
+constexpr unsigned char BypassFlow = 0x42;
+
+// True when PELLIX_BENCH_SMOKE is set: the CI only checks that every benchmark runs, so data
+// sets shrink and the scaling sweeps stop early.
+bool smoke();
+// 1 MiB, or 64 KiB in a smoke run.
+int blockSize();
+// Events per burst: 1000 (under the queue cap of 1001), or 100 in a smoke run.
+int eventBurst();
+
+// The simulator of the whole run ("pellix --port 0" beside this binary), started on first use.
+unsigned short simulatorPort();
+
+// A blocking client on its own socket with TCP_NODELAY: frames built with pxproto, cut with
+// PXParser, one request at a time. It is the least any client can do per request, so it is
+// the floor each library path is compared to. A failure aborts the run (it means the
+// simulator is gone, and no figure of the run would be worth anything).
+class RawClient
+{
+public:
+    RawClient();
+    ~RawClient();
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    void send(const QByteArray& frame);
+    // The next frame from the server (blocks).
+    const QByteArray& next();
+    // The next frame with this flow id; others are skipped.
+    const QByteArray& nextOf(unsigned char flow);
+
+    // One read request for `size` bytes (a block read above 4), its read-data replies copied
+    // into `out`.
+    void read(unsigned int address, void* out, int size);
+    // One write request and its acknowledgement.
+    void write(unsigned int address, const void* data, int size);
+    // Reads or writes `size` bytes in requests of at most 32768 bytes, one after the other,
+    // as the library's block calls cut them.
+    void readBlock(unsigned int address, void* out, int size);
+    void writeBlock(unsigned int address, const void* data, int size);
+    void ping();
+
+private:
+    int fd = -1;
+    PXParser parser{PXParser::ServerFrames};
+    std::vector<unsigned char> inbox;
+};
+
+// Per-call timing of a latency benchmark: add() one sample per call, finish() sets the
+// counters median_us and p99_us (averaged over threads in threaded runs) and hands the
+// samples to the CSV dump.
+class LatencySamples
+{
+public:
+    // `name` labels the samples in the dump; threaded runs share it.
+    LatencySamples(benchmark::State& state, const char* name);
+    void add(std::chrono::steady_clock::duration elapsed)
+    {
+        samples.push_back(std::chrono::duration<double, std::micro>(elapsed).count());
+    }
+    void finish();
+
+private:
+    benchmark::State& state;
+    const char* name;
+    std::vector<double> samples;
+};
+
+// Times `call` once per iteration into median/p99 counters and the sample dump.
+template <typename Call>
+void timeCalls(benchmark::State& state, const char* name, Call call)
+{
+    LatencySamples samples(state, name);
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        call();
+        samples.add(std::chrono::steady_clock::now() - start);
+    }
+    samples.finish();
+}
+
+// Writes the recorded samples as CSV ("benchmark,us") to the file named by
+// PELLIX_BENCH_SAMPLES, if set. Called once at exit.
+void writeSamples();
+
+// Raises `count` events: the event-register writes go out as one pipelined burst on the
+// producer's socket, then their acknowledgements are drained.
+void raiseEvents(RawClient& producer, int count);
+
+} // namespace suite
+
+#endif
