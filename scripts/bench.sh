@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds the benchmark suite with the release preset, runs it in full with several
+# repetitions, and writes into build/release/bench/:
+#   suite.json         Google Benchmark JSON of every run and its aggregates
+#   samples.csv        every latency sample (benchmark,us)
+#   summary.md         figures and ratios to the raw-socket client, per target
+#   read32-latency.png the latency distribution of read32, raw against the library
+# Extra arguments go to the suite (for example --benchmark_filter=Read32).
+# PELLIX_BENCH_REPETITIONS sets the repetitions (default 5).
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+PELLIX_WITH_PLOTS=1 scripts/install-deps.sh
+cmake --preset release >/dev/null
+cmake --build build/release -j2 --target pellix_bench_suite
+
+out=build/release/bench
+mkdir -p "$out"
+PELLIX_BENCH_SAMPLES="$out/samples.csv" build/release/bin/pellix_bench_suite \
+    --benchmark_repetitions="${PELLIX_BENCH_REPETITIONS:-5}" \
+    --benchmark_min_time=0.3 \
+    --benchmark_out="$out/suite.json" --benchmark_out_format=json \
+    "$@"
+python3 scripts/bench_summary.py "$out/suite.json" >"$out/summary.md"
+python3 scripts/plot_latency.py "$out/samples.csv" "$out/read32-latency.png"
+cat "$out/summary.md"
+echo "bench: results in $out"

@@ -1,0 +1,124 @@
+#!/usr/bin/env python3
+"""Turns the benchmark suite's JSON into a Markdown table: each library figure beside its
+raw-socket baseline from the same run, the ratio, and the target where there is one.
+
+Usage: bench_summary.py suite.json > summary.md
+
+Figures are the median over repetitions (Google Benchmark's "median" aggregate), or the
+single run when the suite ran once. Latency is the median of single calls (median_us)."""
+
+import json
+import sys
+
+# Parts of a name that say which client ran, and the modes that follow some of them.
+CLIENTS = {"Connection", "NSConnection", "CApi", "Connections", "SharedConnection"}
+MODES = {"Callback", "WaitEvent", "Signal"}
+
+# Target per (measurement, client): ("le"|"ge", ratio to raw). Parser and LOD reader targets
+# are absolute.
+RATIO_TARGETS = {
+    "Read32/Connection": ("le", 1.5),
+    "Write32/Connection": ("le", 1.5),
+    "Read32/CApi": ("le", 1.5),
+    "Write32/CApi": ("le", 1.5),
+    "ReadBlock/Connection": ("ge", 0.8),
+    "WriteBlock/Connection": ("ge", 0.8),
+    "ReadBlock/CApi": ("ge", 0.8),
+    "WriteBlock/CApi": ("ge", 0.8),
+    "Events/Connection/Callback": ("ge", 0.9),
+    "Events/CApi/Callback": ("ge", 0.9),
+}
+ABSOLUTE_TARGETS = {
+    "Parser/frame:4096": ("bytes_per_second", 2e9, "GB/s", 1e9),
+    "LodParse": ("bytes_per_second", 300e6, "MB/s", 1e6),
+}
+
+
+def figures(path):
+    with open(path) as f:
+        data = json.load(f)
+    runs, medians = {}, {}
+    for b in data["benchmarks"]:
+        name = b.get("run_name", b["name"])
+        if b.get("run_type") == "aggregate":
+            if b.get("aggregate_name") == "median":
+                medians[name] = b
+        elif b.get("error_occurred"):
+            runs.setdefault(name, None)
+        else:
+            runs.setdefault(name, b)
+    merged = dict(runs)
+    merged.update(medians)
+    return data.get("context", {}), merged
+
+
+def short(name):
+    return name.replace("/real_time", "")
+
+
+def baseline(name):
+    parts = short(name).split("/")
+    out, swapped = [], False
+    for p in parts:
+        if p in CLIENTS and not swapped:
+            out.append("Raw")
+            swapped = True
+        elif p in MODES:
+            continue
+        else:
+            out.append(p)
+    return "/".join(out) if swapped else None
+
+
+def metric(b):
+    """(value, unit, higher_is_better) of one benchmark entry."""
+    if "median_us" in b:
+        return b["median_us"], "us", False
+    if "bytes_per_second" in b:
+        return b["bytes_per_second"] / 1e6, "MB/s", True
+    if "items_per_second" in b:
+        return b["items_per_second"] / 1e3, "k/s", True
+    return b["real_time"], b.get("time_unit", "ns"), False
+
+
+def main():
+    context, runs = figures(sys.argv[1])
+    by_short = {short(n): b for n, b in runs.items()}
+    print("| benchmark | figure | raw | ratio to raw | target | met |")
+    print("|---|---|---|---|---|---|")
+    for name in sorted(by_short, key=lambda n: list(by_short).index(n)):
+        b = by_short[name]
+        if b is None:
+            print(f"| {name} | failed | | | | |")
+            continue
+        value, unit, _ = metric(b)
+        base = baseline(name)
+        raw_text = ratio_text = target_text = met_text = ""
+        if base and by_short.get(base):
+            raw_value, _, _ = metric(by_short[base])
+            ratio = value / raw_value if raw_value else float("nan")
+            raw_text = f"{raw_value:.1f} {unit}"
+            ratio_text = f"{ratio:.2f}x"
+            key = name.split("/threads")[0]
+            if key in RATIO_TARGETS:
+                sense, limit = RATIO_TARGETS[key]
+                target_text = f"{'<=' if sense == 'le' else '>='} {limit}x"
+                met_text = "yes" if (ratio <= limit if sense == "le" else ratio >= limit) else "no"
+        if name in ABSOLUTE_TARGETS:
+            field, limit, label, scale = ABSOLUTE_TARGETS[name]
+            target_text = f">= {limit / scale:g} {label}"
+            met_text = "yes" if b[field] >= limit else "no"
+        if "items_per_second" in b and "bytes_per_second" in b:
+            value_text = f"{value:.1f} {unit}, {b['items_per_second'] / 1e6:.1f} M frames/s"
+        else:
+            value_text = f"{value:.1f} {unit}"
+        if "p99_us" in b:
+            value_text += f" (p99 {b['p99_us']:.0f})"
+        print(f"| {name} | {value_text} | {raw_text} | {ratio_text} | {target_text} | {met_text} |")
+    print()
+    print(f"Load average during the run: {context.get('load_avg', '?')}; "
+          f"{context.get('num_cpus', '?')} CPUs at {context.get('mhz_per_cpu', '?')} MHz.")
+
+
+if __name__ == "__main__":
+    main()
