@@ -16,6 +16,12 @@ PELLIX_WITH_PLOTS=1 scripts/install-deps.sh
 cmake --preset release >/dev/null
 cmake --build build/release -j2 --target pellix_bench_suite
 
+# The distribution's interpreter, which has the python3-matplotlib package.
+python=python3
+if [[ -x /usr/bin/python3 ]]; then
+    python=/usr/bin/python3
+fi
+
 out=build/release/bench
 mkdir -p "$out"
 PELLIX_BENCH_SAMPLES="$out/samples.csv" build/release/bin/pellix_bench_suite \
@@ -23,7 +29,7 @@ PELLIX_BENCH_SAMPLES="$out/samples.csv" build/release/bin/pellix_bench_suite \
     --benchmark_min_time=0.3 \
     --benchmark_out="$out/suite.json" --benchmark_out_format=json \
     "$@"
-python3 scripts/bench_summary.py "$out/suite.json" >"$out/summary.md"
-python3 scripts/plot_latency.py "$out/samples.csv" "$out/read32-latency.png"
+"$python" scripts/bench_summary.py "$out/suite.json" >"$out/summary.md"
+"$python" scripts/plot_latency.py "$out/samples.csv" "$out/read32-latency.png"
 cat "$out/summary.md"
 echo "bench: results in $out"

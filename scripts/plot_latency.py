@@ -30,8 +30,8 @@ def main():
         sys.exit(f"no {measurement} samples in {source}")
 
     everything = sorted(v for values in samples.values() for v in values)
-    low = max(everything[0], 1.0)
-    high = everything[int(0.999 * (len(everything) - 1))]
+    low = max(everything[0] * 0.9, 1.0)
+    high = everything[int(0.995 * (len(everything) - 1))] * 1.2
     bins = [low * (high / low) ** (i / 80) for i in range(81)]
 
     figure, (hist, cdf) = plt.subplots(1, 2, figsize=(11, 4.2))
@@ -42,8 +42,8 @@ def main():
         median = values[len(values) // 2]
         label = f"{client}: median {median:.1f} us (n={len(values)})"
         colour = COLOURS[client]
-        hist.hist(values, bins=bins, histtype="step", density=True, color=colour, label=label,
-                  linewidth=1.4)
+        hist.hist(values, bins=bins, histtype="step", weights=[1 / len(values)] * len(values),
+                  color=colour, label=label, linewidth=1.4)
         hist.axvline(median, color=colour, linestyle=":", linewidth=1)
         ys = [(i + 1) / len(values) for i in range(len(values))]
         cdf.plot(values, ys, color=colour, label=client, linewidth=1.4)
@@ -52,11 +52,11 @@ def main():
         axis.set_xlim(low, high)
         axis.set_xlabel("latency per call (us, log scale)")
         axis.grid(True, which="both", alpha=0.25)
-    hist.set_ylabel("density")
+    hist.set_ylabel("fraction of calls per bin")
     hist.set_title(f"{measurement}: distribution of single calls")
     hist.legend(fontsize=8)
     cdf.set_ylabel("fraction of calls at or below")
-    cdf.set_title(f"{measurement}: cumulative (up to the 99.9th percentile)")
+    cdf.set_title(f"{measurement}: cumulative (up to the 99.5th percentile)")
     cdf.legend(fontsize=8, loc="lower right")
     figure.tight_layout()
     figure.savefig(target, dpi=90)
