@@ -172,7 +172,8 @@ void LatencySamples::finish()
     std::lock_guard<std::mutex> lock(gSamplesMutex);
     std::vector<double>& kept = gSamples[name];
     const size_t room = MaxSamplesPerName - std::min(MaxSamplesPerName, kept.size());
-    kept.insert(kept.end(), samples.begin(), samples.begin() + long(std::min(room, samples.size())));
+    kept.insert(kept.end(), samples.begin(),
+                samples.begin() + long(std::min(room, samples.size())));
 }
 
 void writeSamples()

@@ -375,7 +375,8 @@ void maskedApi(benchmark::State& state, bool full)
     state.SetBytesProcessed(int64_t(state.iterations()) * maskedSize());
 }
 
-// ---- events --------------------------------------------------------------------------------------
+// ---- events
+// --------------------------------------------------------------------------------------
 
 // Raises a burst per iteration and waits (yielding) until `seen` has grown by the burst.
 void eventBursts(benchmark::State& state, const std::atomic<int>& seen,
@@ -556,7 +557,8 @@ void loadVerifyApi(benchmark::State& state)
     state.SetBytesProcessed(int64_t(state.iterations()) * image.bytes());
 }
 
-// ---- parser and LOD reader -----------------------------------------------------------------------
+// ---- parser and LOD reader
+// -----------------------------------------------------------------------
 
 void parser(benchmark::State& state)
 {
@@ -749,16 +751,19 @@ void registerAll()
     throughput("LoadVerify16MiB/Raw", loadVerifyRaw);
     throughput("LoadVerify16MiB/CApi", loadVerifyApi);
 
-    benchmark::RegisterBenchmark("Parser", parser)->ArgName("frame")->Arg(9)->Arg(4096)->Unit(
-        benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("Parser", parser)
+        ->ArgName("frame")
+        ->Arg(9)
+        ->Arg(4096)
+        ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("LodParse", lodParse)->Unit(benchmark::kMillisecond);
 
-    const std::vector<int> connections = smoke() ? std::vector<int>{1, 4}
-                                                 : std::vector<int>{1, 4, 16, 64};
-    const std::vector<int> sharing = smoke() ? std::vector<int>{1, 4}
-                                             : std::vector<int>{1, 2, 4, 8, 16};
-    const std::vector<int> blockConnections = smoke() ? std::vector<int>{1, 4}
-                                                      : std::vector<int>{1, 4, 16};
+    const std::vector<int> connections =
+        smoke() ? std::vector<int>{1, 4} : std::vector<int>{1, 4, 16, 64};
+    const std::vector<int> sharing =
+        smoke() ? std::vector<int>{1, 4} : std::vector<int>{1, 2, 4, 8, 16};
+    const std::vector<int> blockConnections =
+        smoke() ? std::vector<int>{1, 4} : std::vector<int>{1, 4, 16};
     for (int n : connections) {
         latency("Scale/Read32/Raw", scaleRead32Raw)->Threads(n);
         latency("Scale/Read32/Connections", scaleRead32Connections)->Threads(n);
