@@ -20,6 +20,21 @@ QBasicMutex serverAddressMutex;
 
 std::atomic<bool> applicationCreatedHere{false};
 
+// Deletes a detached socket on the network thread, which owns it. Posted by the library
+// itself rather than through QObject::deleteLater(), whose event QtCore allocates unseen by
+// ThreadSanitizer: this one carries the hand-off hints that every posted event of the
+// manager carries.
+class SocketDisposalEvent : public QEvent
+{
+public:
+    static constexpr int Type = QEvent::User + 4; // 1004
+
+    explicit SocketDisposalEvent(QTcpSocket* s) : QEvent(QEvent::Type(Type)), socket(s) {}
+    ~SocketDisposalEvent() override = default;
+
+    QTcpSocket* socket;
+};
+
 // Serialises the library's posts. QCoreApplication::postEvent appends to the target thread's
 // event list under a mutex inside QtCore that ThreadSanitizer cannot see; this one it sees.
 QBasicMutex postMutex;
@@ -142,8 +157,9 @@ void PXClientManager::connectionClose(PXConnection* connection)
         return;
     socketMap.remove(socket);
     connection->socket.store(nullptr, std::memory_order_release);
-    // The socket belongs to this thread's event loop: close and delete it there.
-    socket->deleteLater();
+    // The socket belongs to this thread's event loop: close and delete it there, after the
+    // packets already posted for it.
+    post(new SocketDisposalEvent(socket));
 }
 
 void PXClientManager::sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait)
@@ -191,6 +207,9 @@ void PXClientManager::customEvent(QEvent* event)
         call->done->release();
         break;
     }
+    case SocketDisposalEvent::Type:
+        delete static_cast<SocketDisposalEvent*>(event)->socket;
+        break;
     default:
         QThread::customEvent(event);
         break;
