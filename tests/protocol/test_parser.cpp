@@ -69,6 +69,21 @@ TEST_F(Parser, SmallestFrameComesOutOnce)
     EXPECT_TRUE(parser.getPacket(false).isEmpty());
 }
 
+TEST_F(Parser, PacketStorageIsReusedOnlyWhenNobodyHoldsIt)
+{
+    const QByteArray big = pxproto::readData(0x10, "0123456789", 10);
+    feed("BB 00 00 80");
+    parser.feedData(big + pxproto::ping() + big);
+    const QByteArray& current = parser.getPacket(false);
+    EXPECT_EQ(current, hex("BB 00 00 80"));
+    EXPECT_EQ(parser.getPacket(false), big);
+    const QByteArray kept = current;
+    EXPECT_EQ(parser.getPacket(false), pxproto::ping());
+    EXPECT_EQ(kept, big);
+    EXPECT_EQ(parser.getPacket(false), big);
+    EXPECT_TRUE(parser.getPacket(false).isEmpty());
+}
+
 TEST_F(Parser, ByteByByteFeedYieldsFrameOnlyAtItsLastByte)
 {
     const QByteArray frame = pxproto::readData(0x1234, "\x01\x02\x03\x04", 4);
@@ -107,25 +122,28 @@ TEST_F(Parser, DropsLeadingBytesWithOneLineEach)
 
 TEST_F(Parser, ResynchronisesOnNextStartByte)
 {
-    feed("BB 00 00 80 7E 01 BB 00 00 00");
-    EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 80"));
+    // A start byte inside a payload is not special: frames are cut by length.
+    feed("BB 00 01 80 BB 7E 01 BB 00 00 00");
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 01 80 BB"));
     EXPECT_EQ(parser.logs(), lines({"Resync drop bytes: 7e", "Resync drop bytes: 01"}));
     EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 00"));
     EXPECT_TRUE(parser.logs().isEmpty());
 }
 
-TEST_F(Parser, StartByteInsidePayloadIsNotSpecial)
+// A fed array may be kept by sharing; later changes by its owner must not reach the parser.
+TEST_F(Parser, FedArraysAreNotAffectedByTheirOwner)
 {
-    feed("BB 00 02 B5 BB BB BB 00 00 80");
-    EXPECT_EQ(drain(), (QList<QByteArray>{hex("BB 00 02 B5 BB BB"), hex("BB 00 00 80")}));
-}
+    QByteArray owned = hex("01 BB 00 01 80 AA BB 00");
+    parser.feedData(owned);
+    owned.fill('\0');
+    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 01 80 AA")});
+    feed("00 80");
+    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 00 80")});
 
-TEST_F(Parser, PartialFrameIsKeptUntilItsRestArrives)
-{
-    feed("BB 01 00 7F 00");
-    EXPECT_TRUE(parser.getPacket(false).isEmpty());
-    EXPECT_EQ(parser.bufferedSize(), 5);
-    EXPECT_FALSE(parser.isNestedWaiting());
+    char raw[] = "\xBB\x00\x01\x7F\x55";
+    parser.feedData(QByteArray::fromRawData(raw, 5));
+    raw[4] = 0;
+    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 01 7F 55")});
 }
 
 struct StaleCase
@@ -173,8 +191,6 @@ TEST_F(Parser, StaleRuleAppliesOnEmptyFeedAndNeverAfterReset)
     EXPECT_EQ(parser.bufferedSize(), 0);
     EXPECT_TRUE(parser.getPacket(false).isEmpty());
 
-    feed("BB 00 02");
-    parser.reset();
     feed("BB 00 01");
     gNow += 5000;
     parser.reset();
@@ -300,6 +316,29 @@ TEST_F(Parser, DebugReplyAtFrontIsReleasedAtOnce)
     EXPECT_TRUE(parser.logs().isEmpty());
 }
 
+TEST_F(Parser, ReplyWithinTwoBytesOfTheFrontIsTakenOutAtOnce)
+{
+    use(PXParser::EscapedDebugStream);
+    const QByteArray reply = debugReply(0x01020304);
+    for (int offset = 1; offset <= 3; ++offset) {
+        parser.reset();
+        parser.feedData(hex("AD 00 00").left(offset) + reply);
+        EXPECT_EQ(parser.getPacket(false), offset < 3 ? reply : QByteArray()) << offset;
+        EXPECT_EQ(parser.getPacket(true), offset < 3 ? QByteArray() : reply) << offset;
+    }
+}
+
+TEST_F(Parser, CompletePacketIsHeldUntilTenBytesFollowIt)
+{
+    use(PXParser::EscapedDebugStream);
+    const QByteArray packet = pxproto::debugPacket(0x05, "0123", 4);
+    const QByteArray behind = pxproto::debugPacket(0x06, "0123456789", 10);
+    parser.feedData(packet + behind.left(9));
+    EXPECT_TRUE(parser.getPacket(false).isEmpty());
+    parser.feedData(behind.mid(9, 1));
+    EXPECT_EQ(parser.getPacket(false), packet);
+}
+
 TEST_F(Parser, ReplyWithWrongChecksumIsCutByLength)
 {
     use(PXParser::EscapedDebugStream);
@@ -404,7 +443,10 @@ TEST(ParserStress, AccountsForEveryByte)
             std::vector<unsigned char> piece(stream.begin() + at, stream.begin() + at + size);
             at += size;
             gNow += random() % 100 == 0 ? 2000 : 1;
-            parser.feedData(piece.data(), size);
+            if (random() % 2)
+                parser.feedData(piece.data(), size);
+            else
+                parser.feedData(QByteArray(reinterpret_cast<const char*>(piece.data()), size));
             countDrops();
             for (unsigned char b : piece)
                 fed += (type != PXParser::EscapedDebugStream || b != PXParser::EscapeByte) ? 1 : 0;

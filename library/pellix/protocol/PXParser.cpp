@@ -79,18 +79,17 @@ void PXParser::compact()
     }
 }
 
-void PXParser::appendRaw(const unsigned char* data, int size)
+// While nothing is buffered, drops the bytes before the first start byte with one line each;
+// returns how many were dropped.
+int PXParser::skipToStart(const unsigned char* data, int size)
 {
-    int from = 0;
-    if (bufferedSize() == 0) {
-        const void* found = std::memchr(data, startByte, size_t(size));
-        from = found ? int(static_cast<const unsigned char*>(found) - data) : size;
-        for (int i = 0; i < from; ++i)
-            logLines.append(PXLogString("Drop Byte: %02x", data[i]));
-        if (from == size)
-            return;
-    }
-    buffer.append(reinterpret_cast<const char*>(data) + from, size - from);
+    if (bufferedSize() > 0)
+        return 0;
+    const void* found = std::memchr(data, startByte, size_t(size));
+    const int from = found ? int(static_cast<const unsigned char*>(found) - data) : size;
+    for (int i = 0; i < from; ++i)
+        logLines.append(PXLogString("Drop Byte: %02x", data[i]));
+    return from;
 }
 
 // XON/XOFF input: 0x5C is consumed and XORs the next byte with 0xFF.
@@ -119,30 +118,60 @@ void PXParser::appendUnescaped(const unsigned char* data, int size)
     buffer.resize(int(out - begin));
 }
 
-void PXParser::feedData(const unsigned char* data, int size)
+// Reads the clock, discards a partial packet whose rest is overdue, and records the time.
+void PXParser::beginFeed()
 {
     const qint64 now = clockFunction ? clockFunction() : QDateTime::currentMSecsSinceEpoch();
     if (lastFeedTime != 0 && bufferedSize() > 0 && now - lastFeedTime >= StaleInterval)
         dropStale();
     lastFeedTime = now;
+}
+
+void PXParser::feedData(const unsigned char* data, int size)
+{
+    beginFeed();
     if (size <= 0)
         return;
     compact();
-    if (unescape)
+    if (unescape) {
         appendUnescaped(data, size);
-    else
-        appendRaw(data, size);
+        return;
+    }
+    const int from = skipToStart(data, size);
+    buffer.append(reinterpret_cast<const char*>(data) + from, size - from);
 }
 
 void PXParser::feedData(const QByteArray& data)
 {
-    feedData(reinterpret_cast<const unsigned char*>(data.constData()), int(data.size()));
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data.constData());
+    const int size = int(data.size());
+    // A piece that arrives while nothing is buffered is kept by sharing the array instead of
+    // copying it, provided the array owns its bytes (one made by fromRawData has capacity 0).
+    if (unescape || size <= 0 || data.capacity() == 0) {
+        feedData(bytes, size);
+        return;
+    }
+    beginFeed();
+    compact();
+    if (bufferedSize() > 0) {
+        buffer.append(data);
+        return;
+    }
+    const int from = skipToStart(bytes, size);
+    if (from < size) {
+        buffer = data;
+        head = from;
+    }
 }
 
 const QByteArray& PXParser::getPacket(bool flush)
 {
     logLines.clear();
-    packet.clear();
+    // Keep the storage for the next packet unless the caller holds a copy of this one.
+    if (packet.isDetached())
+        packet.resize(0);
+    else
+        packet = QByteArray();
     if (flush)
         flushPacket();
     else
@@ -194,9 +223,15 @@ bool PXParser::flushPacket()
     return true;
 }
 
+void PXParser::setPacket(const unsigned char* data, int length)
+{
+    packet.resize(length);
+    std::memcpy(packet.data(), data, size_t(length));
+}
+
 void PXParser::outputPacket(int length)
 {
-    packet = QByteArray(reinterpret_cast<const char*>(live()), length);
+    setPacket(live(), length);
     head += length;
     while (bufferedSize() > 0 && live()[0] != startByte) {
         logLines.append(PXLogString("Resync drop bytes: %02x", live()[0]));
@@ -217,7 +252,7 @@ bool PXParser::checkDebugPacket(int offset)
         outputPacket(n);
         return true;
     }
-    packet = QByteArray(reinterpret_cast<const char*>(live()) + offset, n);
+    setPacket(live() + offset, n);
     buffer.remove(head + offset, n);
     logLines.append(PXLogString("Extract nested packet: %s", PXLogBytes(packet, 10).constData()));
     return true;

@@ -23,7 +23,8 @@
 //                       with 10-byte debug replies found inside other packets taken out first
 //
 // Cost is linear in the bytes fed: packets are cut by advancing a read position, and the
-// consumed front is released in bulk.
+// consumed front is released in bulk. A QByteArray fed while nothing is buffered is shared,
+// not copied.
 //
 // Thread safety: none. One parser belongs to one thread at a time.
 class PELLIX_EXPORT PXParser
@@ -93,9 +94,11 @@ private:
     bool parsePacket();
     bool flushPacket();
     void outputPacket(int length);
+    void setPacket(const unsigned char* data, int length);
     bool checkDebugPacket(int offset);
     bool digDebugPacket(int from, int to);
-    void appendRaw(const unsigned char* data, int size);
+    void beginFeed();
+    int skipToStart(const unsigned char* data, int size);
     void appendUnescaped(const unsigned char* data, int size);
     void compact();
     void dropStale();
