@@ -35,6 +35,9 @@ endfunction()
 #   QT_MAIN  links a main() that creates a QCoreApplication before running the tests.
 #   TSAN     marks the binary as threaded: the ThreadSanitizer job runs the tests
 #            labelled "threaded" only.
+# A discovered test carries at most one label of its own (the discovery step loses list
+# separators), so TSAN and LABELS exclude each other. For an area label on every test of a
+# folder, use set_property(DIRECTORY PROPERTY LABELS <area>), which adds to both.
 function(pellix_add_test)
     cmake_parse_arguments(T "QT_MAIN;TSAN" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
     add_executable(${T_NAME} ${T_SOURCES})
@@ -46,15 +49,22 @@ function(pellix_add_test)
     endif()
     set(labels ${T_LABELS})
     if(T_TSAN)
-        list(APPEND labels threaded)
+        if(labels)
+            message(FATAL_ERROR "pellix_add_test(${T_NAME}): TSAN and LABELS exclude each other; "
+                                "label the folder with set_property(DIRECTORY PROPERTY LABELS ...)")
+        endif()
+        set(labels threaded)
+    endif()
+    list(LENGTH labels label_count)
+    if(label_count GREATER 1)
+        message(FATAL_ERROR "pellix_add_test(${T_NAME}): at most one label")
     endif()
     if(NOT T_TIMEOUT)
         set(T_TIMEOUT 120)
     endif()
     set(properties TIMEOUT ${T_TIMEOUT})
     if(labels)
-        list(JOIN labels "\\;" joined)
-        list(APPEND properties LABELS "${joined}")
+        list(APPEND properties LABELS ${labels})
     endif()
     gtest_discover_tests(${T_NAME}
         DISCOVERY_MODE PRE_TEST
