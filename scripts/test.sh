@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs the whole test suite:
-#   1. Qt 6 under AddressSanitizer + UndefinedBehaviorSanitizer (any report fails the run),
-#   2. Qt 5.15,
-#   3. the threaded tests under ThreadSanitizer (Qt 6).
-# Usage: scripts/test.sh [asan|qt5|tsan ...]   (default: all three)
+#   asan     Qt 6 under AddressSanitizer + UndefinedBehaviorSanitizer (any report fails),
+#   qt5      Qt 5.15,
+#   tsan     the threaded tests under ThreadSanitizer (Qt 6),
+#   install  install into a temporary prefix, build the examples against it and run them,
+#   fuzz     every libFuzzer target for PELLIX_FUZZ_SECONDS (default 30) with ASan + UBSan.
+# Usage: scripts/test.sh [stage ...]   (default: all five, in that order)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,7 +15,7 @@ jobs=$(nproc)
 test_jobs=$((jobs * 3))
 configs=("$@")
 if ((${#configs[@]} == 0)); then
-    configs=(asan qt5 tsan)
+    configs=(asan qt5 tsan install fuzz)
 fi
 
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1"
@@ -24,6 +26,18 @@ export QT_QPA_PLATFORM=offscreen
 
 status=0
 for config in "${configs[@]}"; do
+    case "$config" in
+    install)
+        echo "=== install: package, examples against it"
+        scripts/check-install.sh release || status=1
+        continue
+        ;;
+    fuzz)
+        echo "=== fuzz: ${PELLIX_FUZZ_SECONDS:-30} s per target"
+        FUZZ_BUILD_JOBS=$jobs scripts/fuzz.sh "${PELLIX_FUZZ_SECONDS:-30}" || status=1
+        continue
+        ;;
+    esac
     echo "=== ${config}: configure and build"
     cmake --preset "$config" >/dev/null
     cmake --build --preset "$config" -j "$jobs"
