@@ -6,7 +6,8 @@
 #   summary.md         figures and ratios to the raw-socket client, per target
 #   read32-latency.png the latency distribution of read32, raw against the library
 # Extra arguments go to the suite (for example --benchmark_filter=Read32).
-# PELLIX_BENCH_REPETITIONS sets the repetitions (default 5).
+# PELLIX_BENCH_REPETITIONS sets the repetitions (default 5), PELLIX_BENCH_OUT the output
+# folder (default build/release/bench).
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -22,7 +23,7 @@ if [[ -x /usr/bin/python3 ]]; then
     python=/usr/bin/python3
 fi
 
-out=build/release/bench
+out=${PELLIX_BENCH_OUT:-build/release/bench}
 mkdir -p "$out"
 PELLIX_BENCH_SAMPLES="$out/samples.csv" build/release/bin/pellix_bench_suite \
     --benchmark_repetitions="${PELLIX_BENCH_REPETITIONS:-5}" \

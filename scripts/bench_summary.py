@@ -29,7 +29,8 @@ RATIO_TARGETS = {
     "Events/CApi/Callback": ("ge", 0.9),
 }
 ABSOLUTE_TARGETS = {
-    "Parser/frame:4096": ("bytes_per_second", 2e9, "GB/s", 1e9),
+    "Parser/frame:4096/source:65536": ("bytes_per_second", 2e9, "GB/s", 1e9),
+    "Parser/frame:4096/source:4194304": ("bytes_per_second", 2e9, "GB/s", 1e9),
     "LodParse": ("bytes_per_second", 300e6, "MB/s", 1e6),
 }
 

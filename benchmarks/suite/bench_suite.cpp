@@ -16,7 +16,8 @@
 //                                   Raw counts the event frames on a socket of its own
 //   LoadVerify16MiB                 PXST_LoadLod with verification of a 16 MiB LOD image;
 //                                   Raw writes and reads back the same bytes
-//   Parser/frame:N                  PXParser on 9-byte and 4 KiB frames in 64 KiB pieces
+//   Parser/frame:N/source:M         PXParser on 9-byte and 4 KiB frames in 64 KiB pieces, from
+//                                   one hot 64 KiB buffer or a 4 MiB stream
 //   LodParse                        LOD_NextLodPacket over a LOD file, bytes/s of text
 //   Scale/*                         read32 and 1 MiB reads with 1-64 connections driven by
 //                                   as many threads, and 1-16 threads on one connection
@@ -560,23 +561,32 @@ void loadVerifyApi(benchmark::State& state)
 // ---- parser and LOD reader
 // -----------------------------------------------------------------------
 
+// Cuts 4 MiB of read-data frames per iteration, fed in pieces of at most 64 KiB (whole frames,
+// so that a piece can be fed again). source:65536 feeds the same 64 KiB again and again, as a
+// socket loop that reads into one receive buffer does (the bytes are in cache); source:4194304
+// walks a 4 MiB stream, which comes from memory.
 void parser(benchmark::State& state)
 {
     const int frameSize = int(state.range(0));
-    constexpr int Piece = 64 << 10;
+    const int sourceSize = smoke() ? std::min(int(state.range(1)), 256 << 10) : int(state.range(1));
+    const int perIteration = smoke() ? 256 << 10 : 4 << 20;
+    const int piece = (64 << 10) / frameSize * frameSize;
     const QByteArray data(frameSize - 8, '\x5A');
     const QByteArray frame = pxproto::readData(0x1000, data.constData(), int(data.size()));
-    const int streamSize = smoke() ? 256 << 10 : 4 << 20;
-    QByteArray stream;
-    while (stream.size() + frameSize <= streamSize)
-        stream += frame;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(stream.constData());
-    const int size = int(stream.size());
+    QByteArray source;
+    while (source.size() + piece <= sourceSize)
+        for (int i = 0; i < piece / frameSize; ++i)
+            source += frame;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(source.constData());
+    const int size = int(source.size());
     PXParser p(PXParser::ServerFrames);
     int64_t frames = 0;
+    int64_t fed = 0;
+    int at = 0;
     for (auto _ : state) {
-        for (int at = 0; at < size; at += Piece) {
-            p.feedData(bytes + at, std::min(Piece, size - at));
+        for (int done = 0; done < perIteration; done += piece) {
+            p.feedData(bytes + at, piece);
+            at = at + piece < size ? at + piece : 0;
             for (;;) {
                 const QByteArray& packet = p.getPacket(false);
                 if (packet.isEmpty())
@@ -584,12 +594,13 @@ void parser(benchmark::State& state)
                 benchmark::DoNotOptimize(packet.constData());
                 ++frames;
             }
+            fed += piece;
         }
     }
-    if (frames != int64_t(state.iterations()) * (size / frameSize))
+    if (frames != fed / frameSize)
         state.SkipWithError("frames lost");
     state.SetItemsProcessed(frames);
-    state.SetBytesProcessed(int64_t(state.iterations()) * size);
+    state.SetBytesProcessed(fed);
 }
 
 struct LodText
@@ -752,9 +763,10 @@ void registerAll()
     throughput("LoadVerify16MiB/CApi", loadVerifyApi);
 
     benchmark::RegisterBenchmark("Parser", parser)
-        ->ArgName("frame")
-        ->Arg(9)
-        ->Arg(4096)
+        ->ArgNames({"frame", "source"})
+        ->Args({9, 64 << 10})
+        ->Args({4096, 64 << 10})
+        ->Args({4096, 4 << 20})
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("LodParse", lodParse)->Unit(benchmark::kMillisecond);
 
