@@ -28,6 +28,7 @@ mkdir -p "$out"
 PELLIX_BENCH_SAMPLES="$out/samples.csv" build/release/bin/pellix_bench_suite \
     --benchmark_repetitions="${PELLIX_BENCH_REPETITIONS:-5}" \
     --benchmark_min_time=0.3 \
+    --benchmark_enable_random_interleaving=true \
     --benchmark_out="$out/suite.json" --benchmark_out_format=json \
     "$@"
 "$python" scripts/bench_summary.py "$out/suite.json" >"$out/summary.md"

@@ -19,6 +19,8 @@
 //   Parser/frame:N/source:M         PXParser on 9-byte and 4 KiB frames in 64 KiB pieces, from
 //                                   one hot 64 KiB buffer or a 4 MiB stream
 //   LodParse                        LOD_NextLodPacket over a LOD file, bytes/s of text
+//   Paired/*                        raw and library calls alternated in one loop, ratio of the
+//                                   medians (see paired())
 //   Scale/*                         read32 and 1 MiB reads with 1-64 connections driven by
 //                                   as many threads, and 1-16 threads on one connection
 //
@@ -35,6 +37,7 @@
 #include <QCoreApplication>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -702,6 +705,120 @@ void scaleReadBlockConnections(benchmark::State& state)
     });
 }
 
+// ---- paired: library and raw call by call -------------------------------------------------------
+
+// On a shared machine the load changes from one second to the next, so a library figure and a
+// raw figure taken a few seconds apart can differ for reasons of neither. Here every iteration
+// times one raw call and one library call back to back (alternating which goes first), and the
+// ratio is taken between the medians of the two sample sets: both saw the same load.
+// Counters: raw_us and lib_us (medians per call) and ratio:
+//   latency: ratio = lib_us / raw_us (lower is better)
+//   blocks:  ratio = raw_us / lib_us, the library's throughput as a share of raw (higher is
+//            better)
+template <typename Raw, typename Lib>
+void paired(benchmark::State& state, bool throughput, Raw raw, Lib lib)
+{
+    std::vector<double> rawSamples;
+    std::vector<double> libSamples;
+    bool rawFirst = true;
+    const auto timed = [](auto&& call) {
+        const auto start = std::chrono::steady_clock::now();
+        call();
+        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
+            .count();
+    };
+    for (auto _ : state) {
+        if (rawFirst) {
+            rawSamples.push_back(timed(raw));
+            libSamples.push_back(timed(lib));
+        } else {
+            libSamples.push_back(timed(lib));
+            rawSamples.push_back(timed(raw));
+        }
+        rawFirst = !rawFirst;
+    }
+    const auto median = [](std::vector<double>& v) {
+        if (v.empty())
+            return 0.0;
+        std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
+        return v[v.size() / 2];
+    };
+    const double rawUs = median(rawSamples);
+    const double libUs = median(libSamples);
+    state.counters["raw_us"] = rawUs;
+    state.counters["lib_us"] = libUs;
+    if (rawUs > 0 && libUs > 0)
+        state.counters["ratio"] = throughput ? rawUs / libUs : libUs / rawUs;
+}
+
+void pairedRead32(benchmark::State& state, bool api)
+{
+    RawClient rawClient;
+    PXConnection& c = connection();
+    const int h = apiHandle();
+    unsigned int value = 0;
+    paired(
+        state, false, [&] { rawClient.read(LatencyAddress, &value, 4); },
+        [&] {
+            check(state,
+                  api ? PXST_Read32(h, LatencyAddress, &value) : c.read32(LatencyAddress, &value),
+                  "read32");
+        });
+}
+
+void pairedWrite32(benchmark::State& state, bool api)
+{
+    RawClient rawClient;
+    PXConnection& c = connection();
+    const int h = apiHandle();
+    const unsigned int value = 0x12345678;
+    paired(
+        state, false, [&] { rawClient.write(LatencyAddress, &value, 4); },
+        [&] {
+            check(state,
+                  api ? PXST_Write32(h, LatencyAddress, value) : c.write32(LatencyAddress, value),
+                  "write32");
+        });
+}
+
+void pairedReadBlock(benchmark::State& state, bool api)
+{
+    RawClient rawClient;
+    PXConnection& c = connection();
+    const int h = apiHandle();
+    const int size = blockSize();
+    std::vector<unsigned int> rawBuffer(size_t(size) / 4);
+    std::vector<unsigned int> libBuffer(size_t(size) / 4);
+    paired(
+        state, true, [&] { rawClient.readBlock(DataAddress, rawBuffer.data(), size); },
+        [&] {
+            check(state,
+                  api ? PXST_ReadBlock(h, DataAddress, libBuffer.data(), unsigned(size))
+                      : c.readBlock(DataAddress, reinterpret_cast<unsigned char*>(libBuffer.data()),
+                                    size),
+                  "readBlock");
+        });
+    state.SetBytesProcessed(int64_t(state.iterations()) * size * 2);
+}
+
+void pairedWriteBlock(benchmark::State& state, bool api)
+{
+    RawClient rawClient;
+    PXConnection& c = connection();
+    const int h = apiHandle();
+    const int size = blockSize();
+    std::vector<unsigned int> buffer(size_t(size) / 4, 0x5A5A5A5Au);
+    paired(
+        state, true, [&] { rawClient.writeBlock(DataAddress, buffer.data(), size); },
+        [&] {
+            check(state,
+                  api ? PXST_WriteBlock(h, DataAddress, buffer.data(), unsigned(size))
+                      : c.writeBlock(DataAddress, buffer.data(), size),
+                  "writeBlock");
+        });
+    state.SetBytesProcessed(int64_t(state.iterations()) * size * 2);
+}
+
 // ---- registration -------------------------------------------------------------------------------
 
 using Function = void (*)(benchmark::State&);
@@ -749,6 +866,20 @@ void registerAll()
             ->UseRealTime()
             ->Unit(benchmark::kMillisecond);
         benchmark::RegisterBenchmark(("MaskedRead/" + pattern + "/CApi").c_str(), maskedApi, full)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+    }
+
+    for (const bool api : {false, true}) {
+        const std::string client = api ? "CApi" : "Connection";
+        benchmark::RegisterBenchmark(("Paired/Read32/" + client).c_str(), pairedRead32, api)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("Paired/Write32/" + client).c_str(), pairedWrite32, api)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("Paired/ReadBlock/" + client).c_str(), pairedReadBlock, api)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("Paired/WriteBlock/" + client).c_str(), pairedWriteBlock, api)
             ->UseRealTime()
             ->Unit(benchmark::kMillisecond);
     }
