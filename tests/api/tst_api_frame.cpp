@@ -2,6 +2,7 @@
 // argument narrowing, the open family, status, and the calls that need no server.
 
 #include "ApiTestSupport.h"
+#include "RefusedPort.h"
 
 #include "pellix/api/PXLLibraryApi.h"
 #include "pellix/connection/PXConnection.h"
@@ -34,14 +35,9 @@ int openTo(quint16 port)
     return handle;
 }
 
-// A TCP port on which nothing listens (bound once by the system, then released).
 quint16 deadPort()
 {
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    const quint16 port = probe.serverPort();
-    probe.close();
-    return port;
+    return refusedPort();
 }
 
 // The frames of one flow id that the server received.

@@ -3,6 +3,7 @@
 
 #include "FakeServer.h"
 #include "MemoryResponder.h"
+#include "RefusedPort.h"
 
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXConnection.h"
@@ -143,12 +144,7 @@ TEST(ConnectionFake, RequestsWithoutSocketFailAtOnceAndSendNothing)
     EXPECT_EQ(server.connectionCount(), 0);
 
     // A failed open leaves the connection registered and without socket.
-    quint16 deadPort;
-    {
-        FakeServer gone;
-        deadPort = gone.port();
-    }
-    EXPECT_FALSE(connection.open("127.0.0.1", deadPort));
+    EXPECT_FALSE(connection.open("127.0.0.1", refusedPort()));
     EXPECT_EQ(PXConnection::GetById(connection.getId()), &connection);
     EXPECT_EQ(connection.ping(), 13u);
 }
@@ -484,15 +480,10 @@ TEST(ConnectionFake, ReopenKeepsQueuesAndDropsTheDelayedCallback)
 
 TEST(ConnectionFake, OpenFailsWhenNothingListens)
 {
-    quint16 port;
-    {
-        FakeServer gone;
-        port = gone.port();
-    }
     PXConnection connection;
     QElapsedTimer clock;
     clock.start();
-    EXPECT_FALSE(connection.open("127.0.0.1", port));
+    EXPECT_FALSE(connection.open("127.0.0.1", refusedPort()));
     EXPECT_LT(clock.elapsed(), 2500);
     EXPECT_FALSE(connection.isConnected());
 }

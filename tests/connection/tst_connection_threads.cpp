@@ -223,6 +223,8 @@ TEST(ConnectionThreads, DestroyWhileServerSends)
     // A second connection whose delayed callback fires well after the first one's would have.
     PXConnection witness;
     ASSERT_TRUE(witness.open("127.0.0.1", server.port()));
+    // The server must have taken the new client before "the most recent client" means it.
+    ASSERT_TRUE(server.waitForConnections(2));
     witness.setBypassFlowIds(ids, 1);
     std::atomic<int> witnessCalls{0};
     witness.setBypassDelayCallback([](void* p) { ++*static_cast<std::atomic<int>*>(p); },

@@ -3,6 +3,7 @@
 
 #include "FakeServer.h"
 #include "NSConnectionTestSupport.h"
+#include "RefusedPort.h"
 
 #include "pellix/nsconnection/PXNSConnection.h"
 #include "pellix/protocol/PXProtocol.h"
@@ -183,13 +184,8 @@ TEST(NSConnectionClosed, EveryOperationReturns12)
 TEST(NSConnectionOpen, FailsWithoutListenerAndStaysClosed)
 {
     ForcedAddress clean;
-    quint16 deadPort;
-    {
-        FakeServer gone;
-        deadPort = gone.port();
-    }
     PXNSConnection connection;
-    EXPECT_FALSE(connection.open(QStringLiteral("127.0.0.1"), deadPort));
+    EXPECT_FALSE(connection.open(QStringLiteral("127.0.0.1"), refusedPort()));
     EXPECT_EQ(connection.ping(), 12u);
 }
 

@@ -112,7 +112,11 @@ int FakeServer::resolve(int client) const
 {
     if (client >= 0)
         return client;
-    std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
+    // A client's connect can complete before this thread has accepted it: from the test's
+    // thread, "the most recent client" waits for the first one to be taken.
+    if (std::this_thread::get_id() != thread.get_id())
+        changed.wait_for(lock, std::chrono::seconds(5), [this] { return clients > 0; });
     return clients - 1;
 }
 

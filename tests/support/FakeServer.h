@@ -23,7 +23,9 @@ class PXParser;
 //
 // The constructor returns once the server listens. Every method may be called from the
 // test's thread or from inside the responder (which runs on the server's thread).
-// Clients are numbered from 0 in connection order; -1 means the most recent one.
+// Clients are numbered from 0 in connection order; -1 means the most recent one (from the
+// test's thread it waits for the first client to be accepted; after opening a further
+// client, call waitForConnections() before addressing it as -1).
 //
 // State shared with the test thread is guarded by std::mutex, so ThreadSanitizer sees every
 // hand-off.
