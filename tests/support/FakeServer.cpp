@@ -163,11 +163,17 @@ void FakeServer::readClient(int client)
     }
     Responder current;
     {
+        // The record gets copies of its own: an array shared with this thread's temporaries
+        // would be freed by the test's thread through reference counts that Qt's own,
+        // uninstrumented code drops, which ThreadSanitizer cannot pair up.
+        const auto own = [](const QByteArray& b) { return QByteArray(b.constData(), b.size()); };
         std::lock_guard<std::mutex> lock(mutex);
-        allBytes += bytes;
-        bytesByClient[size_t(client)] += bytes;
-        allFrames += cut;
-        framesByClient[size_t(client)] += cut;
+        allBytes.append(bytes.constData(), bytes.size());
+        bytesByClient[size_t(client)].append(bytes.constData(), bytes.size());
+        for (const QByteArray& frame : cut) {
+            allFrames.append(own(frame));
+            framesByClient[size_t(client)].append(own(frame));
+        }
         current = responder;
     }
     changed.notify_all();
@@ -236,22 +242,30 @@ bool FakeServer::waitForConnections(int count, int timeoutMs) const
                             [&] { return clients >= count; });
 }
 
+// Both hand out deep copies, for the same reason the record holds its own.
 QByteArray FakeServer::received(int client) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    if (client == AllClients)
-        return allBytes;
     const int index = client >= 0 ? client : clients - 1;
-    return index >= 0 && index < clients ? bytesByClient[size_t(index)] : QByteArray();
+    const QByteArray* bytes = client == AllClients            ? &allBytes
+                              : index >= 0 && index < clients ? &bytesByClient[size_t(index)]
+                                                              : nullptr;
+    return bytes ? QByteArray(bytes->constData(), bytes->size()) : QByteArray();
 }
 
 QList<QByteArray> FakeServer::frames(int client) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    if (client == AllClients)
-        return allFrames;
     const int index = client >= 0 ? client : clients - 1;
-    return index >= 0 && index < clients ? framesByClient[size_t(index)] : QList<QByteArray>();
+    const QList<QByteArray>* list = client == AllClients            ? &allFrames
+                                    : index >= 0 && index < clients ? &framesByClient[size_t(index)]
+                                                                    : nullptr;
+    QList<QByteArray> out;
+    if (list) {
+        for (const QByteArray& frame : *list)
+            out.append(QByteArray(frame.constData(), frame.size()));
+    }
+    return out;
 }
 
 bool FakeServer::waitForBytes(int count, int timeoutMs, int client) const
