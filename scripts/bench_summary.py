@@ -135,6 +135,8 @@ def main():
             value_text = f"{value:.1f} {unit}"
         if "p99_us" in b:
             value_text += f" (p99 {b['p99_us']:.0f})"
+        if "median_us" in b and "items_per_second" in b:
+            value_text += f", {b['items_per_second'] / 1e3:.1f} k calls/s in all"
         print(f"| {name} | {value_text} | {raw_text} | {ratio_text} | {target_text} | {met_text} |")
     print()
     print(f"Load average during the run: {context.get('load_avg', '?')}; "
