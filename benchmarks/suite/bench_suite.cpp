@@ -253,6 +253,25 @@ void bypassApi(benchmark::State& state)
     PXST_Close(h);
 }
 
+// One 32 KiB read (one request, eight reply frames): the latency of a block request, whose
+// median and p99 show how steady the block throughput is.
+void read32KiBRaw(benchmark::State& state)
+{
+    RawClient raw;
+    std::vector<unsigned char> buffer(pxproto::MaxBlockChunk);
+    timeCalls(state, "Read32KiB/Raw",
+              [&] { raw.read(DataAddress, buffer.data(), pxproto::MaxBlockChunk); });
+}
+
+void read32KiBConnection(benchmark::State& state)
+{
+    PXConnection& c = connection();
+    std::vector<unsigned char> buffer(pxproto::MaxBlockChunk);
+    timeCalls(state, "Read32KiB/Connection", [&] {
+        check(state, c.readBlock(DataAddress, buffer.data(), pxproto::MaxBlockChunk), "readBlock");
+    });
+}
+
 // ---- block throughput -------------------------------------------------------------------------
 
 template <typename Transfer>
@@ -959,6 +978,8 @@ void registerAll()
     latency("Bypass/NSConnection", bypassNS);
     latency("Bypass/CApi", bypassApi);
 
+    latency("Read32KiB/Raw", read32KiBRaw);
+    latency("Read32KiB/Connection", read32KiBConnection);
     throughput("ReadBlock/Raw", readBlockRaw);
     throughput("ReadBlock/Connection", readBlockConnection);
     throughput("ReadBlock/NSConnection", readBlockNS);
