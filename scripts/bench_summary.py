@@ -14,20 +14,9 @@ import sys
 CLIENTS = {"Connection", "NSConnection", "CApi", "Connections", "SharedConnection"}
 MODES = {"Callback", "WaitEvent", "Signal"}
 
-# Target per (measurement, client): ("le"|"ge", ratio to raw). Parser and LOD reader targets
-# are absolute.
-RATIO_TARGETS = {
-    "Read32/Connection": ("le", 1.5),
-    "Write32/Connection": ("le", 1.5),
-    "Read32/CApi": ("le", 1.5),
-    "Write32/CApi": ("le", 1.5),
-    "ReadBlock/Connection": ("ge", 0.8),
-    "WriteBlock/Connection": ("ge", 0.8),
-    "ReadBlock/CApi": ("ge", 0.8),
-    "WriteBlock/CApi": ("ge", 0.8),
-    "Events/Connection/Callback": ("ge", 0.9),
-    "Events/CApi/Callback": ("ge", 0.9),
-}
+# Targets are judged on the paired benchmarks (library and raw call by call, same load); the
+# separate figures get their ratio but no verdict. Parser and LOD reader targets are absolute.
+RATIO_TARGETS = {}
 # Paired benchmarks carry their own ratio (library against raw, call by call).
 PAIRED_TARGETS = {
     "Read32": ("le", 1.5),
