@@ -1,12 +1,16 @@
 // Drives the real pellix executable over raw sockets: every reply, the simulated target's
 // memory and events, bypass echo, several clients, the command line and hostile input.
 
-#include "SimHarness.h"
+#include "SimulatorProcess.h"
 
+#include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXProtocol.h"
 
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
+#include <QProcess>
 #include <QRandomGenerator>
+#include <QTcpSocket>
 #include <QTemporaryFile>
 #include <QTest>
 
@@ -17,7 +21,7 @@
 
 namespace {
 
-constexpr quint32 PXSimDefaultEventRegister = 0xFFFFFF00u;
+using namespace pxproto;
 
 QByteArray bytes(std::initializer_list<int> values)
 {
@@ -29,225 +33,211 @@ QByteArray bytes(std::initializer_list<int> values)
 
 QByteArray payload(const QByteArray& frame)
 {
-    return frame.mid(pxproto::HeaderSize);
+    return frame.mid(HeaderSize);
 }
 
 QByteArray write32(quint32 address, quint32 value)
 {
     unsigned char data[4];
-    pxproto::putLe32(data, value);
-    return pxproto::writeRequest(address, false, data, 4);
+    putLe32(data, value);
+    return writeRequest(address, false, data, 4);
 }
 
-// Reads `count` bytes with one block read and checks that the read-data frames follow each
-// other without gaps and stay within `frameSize` data bytes each.
-QByteArray blockReadAll(SimClient& client, quint32 address, quint32 count, int frameSize,
-                        int* frames = nullptr)
+// A raw client socket that sends prebuilt frames and cuts the replies with PXParser.
+struct SimClient
 {
-    client.send(pxproto::blockRead(address, count));
-    QByteArray data;
-    quint32 expected = address;
-    int n = 0;
-    while (quint32(data.size()) < count) {
-        const QByteArray frame = client.next();
-        if (frame.isEmpty() || pxproto::flowId(frame) != pxproto::reply::ReadData)
-            break;
-        const QByteArray body = payload(frame);
-        EXPECT_EQ(pxproto::getLe32(body.constData()), expected);
-        EXPECT_LE(body.size() - 4, frameSize);
-        EXPECT_GT(body.size(), 4);
-        data.append(body.mid(4));
-        expected += quint32(body.size() - 4);
-        ++n;
+    explicit SimClient(quint16 port)
+    {
+        socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+        EXPECT_TRUE(socket.waitForConnected(5000));
     }
-    if (frames)
-        *frames = n;
-    return data;
-}
+    void send(const QByteArray& frame) { socket.write(frame), socket.flush(); }
+    // The next frame from the server, or an empty array when none came within 5 s.
+    QByteArray next()
+    {
+        QDeadlineTimer deadline(5000);
+        for (;;) {
+            const QByteArray frame = parser.getPacket(false);
+            if (!frame.isEmpty())
+                return frame;
+            if (socket.bytesAvailable() <= 0 &&
+                (deadline.hasExpired() || socket.state() != QAbstractSocket::ConnectedState ||
+                 !socket.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())))) &&
+                socket.bytesAvailable() <= 0)
+                return QByteArray();
+            parser.feedData(socket.readAll());
+        }
+    }
+    // True when the server closed the connection (frames before the end are discarded).
+    bool waitClosed()
+    {
+        while (!next().isEmpty()) {
+        }
+        return socket.state() != QAbstractSocket::ConnectedState;
+    }
+    // Sends a ping and returns the frames that came before its reply, which must come.
+    // Proves that earlier requests were answered with exactly those frames.
+    QList<QByteArray> framesBeforePing()
+    {
+        send(ping());
+        QList<QByteArray> frames;
+        for (QByteArray frame = next(); frame != pingReply(); frame = next()) {
+            if (frame.isEmpty()) {
+                ADD_FAILURE() << "no ping reply";
+                break;
+            }
+            frames.append(frame);
+        }
+        return frames;
+    }
+    // Reads `count` bytes with one block read (sent here unless already sent); checks that the
+    // read-data frames follow each other without gaps and carry at most `frameSize` data bytes.
+    QByteArray blockReadAll(quint32 address, quint32 count, int frameSize, int* frames = nullptr,
+                            bool alreadySent = false)
+    {
+        if (!alreadySent)
+            send(blockRead(address, count));
+        QByteArray data;
+        int n = 0;
+        while (quint32(data.size()) < count) {
+            const QByteArray body = payload(next());
+            if (body.size() <= 4)
+                break;
+            EXPECT_EQ(getLe32(body.constData()), address + quint32(data.size()));
+            EXPECT_LE(body.size() - 4, frameSize);
+            data.append(body.mid(4));
+            ++n;
+        }
+        if (frames)
+            *frames = n;
+        return data;
+    }
+
+    QTcpSocket socket;
+    PXParser parser{PXParser::ServerFrames};
+};
 
 class Simulator : public ::testing::Test
 {
 protected:
     // Starts a server on a free port with the given extra options.
-    void startServer(QStringList extra = {})
+    void startServer(const QStringList& extra = {})
     {
-        extra << "--port"
-              << "0";
-        ASSERT_TRUE(server.start(extra)) << server.errorOutput().constData();
+        server = std::make_unique<SimulatorProcess>(extra);
+        ASSERT_TRUE(server->isListening()) << server->errorOutput().toStdString();
     }
     std::unique_ptr<SimClient> connectClient()
     {
-        auto client = std::make_unique<SimClient>();
-        EXPECT_TRUE(client->connectTo(server.port()));
-        return client;
+        return std::make_unique<SimClient>(server->port());
     }
     // Every server ends cleanly: a crash or a sanitizer report in it fails the test.
     void TearDown() override
     {
-        if (server.port() == 0)
-            return;
-        if (server.raw().state() != QProcess::NotRunning)
-            server.raw().terminate();
-        EXPECT_EQ(server.waitExit(), 0) << server.errorOutput().constData();
-    }
-    // Polls the server's standard error until it holds `text`, for at most timeoutMs.
-    bool waitForLog(const char* text, int timeoutMs = 10000)
-    {
-        QElapsedTimer timer;
-        timer.start();
-        while (!server.errorOutput().contains(text)) {
-            if (timer.elapsed() > timeoutMs)
-                return false;
-            QTest::qWait(10);
-        }
-        return true;
+        if (server->pid() > 0) // every test starts one
+            ::kill(server->pid(), SIGTERM);
+        EXPECT_EQ(server->waitForExit(10000), 0) << server->errorOutput().toStdString();
     }
 
-    SimProcess server;
+    std::unique_ptr<SimulatorProcess> server;
 };
 
-// ---- replies to every request ---------------------------------------------------------------
-
-struct ReplyCase
-{
-    const char* name;
-    QByteArray request;
-    int replyFlow; // -1: no reply
-    QByteArray replyPayload;
-};
+// ---- replies to every request, malformed requests and noise ---------------------------------
 
 TEST_F(Simulator, EveryRequestGetsItsReplyOrNone)
 {
     startServer({"--verbose"});
     const unsigned char ids[] = {0x10, 0x20};
-    const ReplyCase cases[] = {
-        {"ping", pxproto::ping(), pxproto::reply::Ping, {}},
-        {"status", pxproto::status(), pxproto::reply::Status, bytes({1})},
-        {"force reconnect", pxproto::forceReconnect(), pxproto::reply::Completion, {}},
-        {"break", pxproto::comBreak(), pxproto::reply::Completion, {}},
-        {"write8", pxproto::writeRequest(0x100, false, "\x5A", 1), pxproto::reply::WriteAck, {}},
-        {"read8", pxproto::singleRead(pxproto::access::Read8, 0x100), pxproto::reply::ReadData,
-         bytes({0x00, 0x01, 0, 0, 0x5A})},
-        {"enable events", pxproto::enableEvents(true), -1, {}},
-        {"disable events", pxproto::enableEvents(false), -1, {}},
-        {"bypass ids", pxproto::setBypassFlowIds(ids, 2), -1, {}},
-        {"bypass send, not subscribed", pxproto::bypassSend(0x30, "ab", 2), -1, {}},
-        {"baud rate", pxproto::setBaudRate(115200), -1, {}},
-        {"flow mode", pxproto::setFlowMode(2), -1, {}},
-        {"USB ids", pxproto::setUsbId(0x1234, 0xABCD), -1, {}},
-        {"auto-bauding", pxproto::autoBauding(), -1, {}},
-        {"client type", pxproto::setClientType(pxl_client_type_t(7)), -1, {}},
-        {"persistent", pxproto::setPersistent(true), -1, {}},
-        {"clean", pxproto::clean(), -1, {}},
-        {"flush FIFOs", pxproto::flushFifos(), -1, {}},
-        {"unknown flow", pxproto::emptyFrame(0x55), -1, {}},
-        {"reply flow sent as request", pxproto::writeAck(), -1, {}},
-        {"block read of 0 bytes", pxproto::blockRead(0x100, 0), -1, {}},
-    };
-    auto client = connectClient();
-    for (const ReplyCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        client->send(c.request);
-        if (c.replyFlow >= 0) {
-            const QByteArray reply = client->next();
-            ASSERT_FALSE(reply.isEmpty());
-            EXPECT_EQ(pxproto::flowId(reply), c.replyFlow);
-            EXPECT_EQ(payload(reply), c.replyPayload);
+    // Requests and their reply; an empty reply: none at all.
+    const std::pair<QByteArray, QByteArray> cases[] = {
+        {ping(), pingReply()},
+        {status(), statusReply(1)},
+        {forceReconnect(), completion()},
+        {comBreak(), completion()},
+        {writeRequest(0x100, false, "\x5A", 1), writeAck()},
+        {singleRead(access::Read8, 0x100), readData(0x100, "\x5A", 1)},
+        {enableEvents(true), {}},
+        {enableEvents(false), {}},
+        {setBypassFlowIds(ids, 2), {}},
+        {bypassSend(0x30, "ab", 2), {}},
+        {setBaudRate(115200), {}},
+        {setFlowMode(2), {}},
+        {setUsbId(0x1234, 0xABCD), {}},
+        {autoBauding(), {}},
+        {clean(), {}},
+        {flushFifos(), {}},
+        {setClientType(pxl_client_type_t(7)), {}},
+        {setPersistent(true), {}},
+        {emptyFrame(0x55), {}},
+        {writeAck(), {}},
+        {blockRead(0x100, 0), {}},
+        // Requests whose payload does not fit their flow are skipped without a reply.
+        {frame(request::Status, "x", 1), {}},
+        {frame(request::Ping, "x", 1), {}},
+        {frame(request::Kill, "x", 1), {}},
+        {frame(request::Read, "\x02\x00\x00\x00", 4), {}},
+        {frame(request::Read, "\x02\x00\x00\x00\x00\x00", 6), {}},
+        {frame(request::Read, "\x07\x00\x00\x00\x00", 5), {}},
+        {writeRequest(0x10, false, "ab", 2).replace(4, 1, "\x80"), {}},  // write8, 2 bytes
+        {writeRequest(0x10, false, "abc", 3).replace(4, 1, "\x82"), {}}, // write32, 3 bytes
+        {writeRequest(0x10, false, "abc", 3).replace(4, 1, "\x90"), {}}, // unknown code
+        {frame(request::BlockRead, "\x02\0\0\0\0\x10\0\0\0", 9), {}},
+        {frame(request::EnableEvents, "\x01\x01", 2), {}},
+        {frame(request::SetBypassFlowIds, "\x03\0\0\0\x01", 5), {}},
+        {frame(request::BypassSend, "\xAD\x00\x05\x01\x02", 5), {}},
+        {frame(request::BypassSend, "\xAB\x00\x02\x01\x02\x03", 6), {}},
+        {frame(request::SetBaudRate, "\x01\x02", 2), {}},
+        {frame(request::SetUsbId, "\x01\x02\x03\x04", 4), {}},
+        // Bytes that cannot start a frame are dropped up to the next start byte; a frame
+        // whose payload is garbage is skipped as a whole.
+        {bytes({0x00, 0x12, 0xFF, 0x7E}), {}},
+        {frame(0xFF, "\x99\x99\x99\x99\x99\x99\x99", 7), {}}};
+    SimClient client(server->port());
+    for (const auto& [request, reply] : cases) {
+        SCOPED_TRACE(PXLogBytes(request, 16).constData());
+        client.send(request);
+        if (!reply.isEmpty()) {
+            EXPECT_EQ(client.next(), reply);
         }
         // Nothing else came before the answer to a ping sent afterwards.
-        bool pinged = false;
-        EXPECT_TRUE(client->framesBeforePing(&pinged).isEmpty());
-        ASSERT_TRUE(pinged);
+        EXPECT_TRUE(client.framesBeforePing().isEmpty());
     }
+    // The skipped writes left memory untouched.
+    client.send(singleRead(access::Read32, 0x10));
+    EXPECT_EQ(payload(client.next()), bytes({0x10, 0, 0, 0, 0, 0, 0, 0}));
     // The settings are recorded in the verbose log.
-    client->send(pxproto::kill());
-    EXPECT_EQ(server.waitExit(), 0);
-    const QByteArray log = server.errorOutput();
+    client.send(kill());
+    EXPECT_EQ(server->waitForExit(), 0);
+    const QString log = server->errorOutput();
     for (const char* text :
          {"baud rate 115200", "flow mode 2 (xonxoff)", "USB identifiers 0x1234 0xABCD",
           "client type 7", "persistent on", "auto-bauding", "unknown flow 0x55"})
-        EXPECT_TRUE(log.contains(text)) << text << "\n" << log.constData();
-}
-
-// Requests whose payload does not fit their flow are skipped without a reply, and the
-// connection carries on with the next frame.
-TEST_F(Simulator, MalformedRequestsAreSkipped)
-{
-    startServer();
-    const QByteArray cases[] = {
-        pxproto::frame(pxproto::request::Status, "x", 1),
-        pxproto::frame(pxproto::request::Ping, "x", 1),
-        pxproto::frame(pxproto::request::Kill, "x", 1),
-        pxproto::frame(pxproto::request::Read, "\x02\x00\x00\x00", 4),
-        pxproto::frame(pxproto::request::Read, "\x02\x00\x00\x00\x00\x00", 6),
-        pxproto::frame(pxproto::request::Read, "\x07\x00\x00\x00\x00", 5),
-        pxproto::writeRequest(0x10, false, "ab", 2).replace(4, 1, "\x80"),  // write8, 2 bytes
-        pxproto::writeRequest(0x10, false, "abc", 3).replace(4, 1, "\x82"), // write32, 3 bytes
-        pxproto::writeRequest(0x10, false, "abc", 3).replace(4, 1, "\x90"), // unknown code
-        pxproto::frame(pxproto::request::BlockRead, "\x02\0\0\0\0\x10\0\0\0", 9),
-        pxproto::frame(pxproto::request::EnableEvents, "\x01\x01", 2),
-        pxproto::frame(pxproto::request::SetBypassFlowIds, "\x03\0\0\0\x01", 5),
-        pxproto::frame(pxproto::request::BypassSend, "\xAD\x00\x05\x01\x02", 5),
-        pxproto::frame(pxproto::request::BypassSend, "\xAB\x00\x02\x01\x02\x03", 6),
-        pxproto::frame(pxproto::request::SetBaudRate, "\x01\x02", 2),
-        pxproto::frame(pxproto::request::SetUsbId, "\x01\x02\x03\x04", 4),
-    };
-    auto client = connectClient();
-    for (const QByteArray& request : cases) {
-        SCOPED_TRACE(PXLogBytes(request, 16).constData());
-        client->send(request);
-        bool pinged = false;
-        EXPECT_TRUE(client->framesBeforePing(&pinged).isEmpty());
-        ASSERT_TRUE(pinged);
-    }
-    // The skipped writes left memory untouched.
-    client->send(pxproto::singleRead(pxproto::access::Read32, 0x10));
-    EXPECT_EQ(payload(client->next()), bytes({0x10, 0, 0, 0, 0, 0, 0, 0}));
+        EXPECT_TRUE(log.contains(QLatin1String(text))) << text << "\n" << log.toStdString();
 }
 
 // ---- memory ----------------------------------------------------------------------------------
 
-TEST_F(Simulator, WritesOfEveryWidthReadBackLittleEndian)
+TEST_F(Simulator, WritesOfEveryWidthReadBackLittleEndianApartFromTheInternalSpace)
 {
     startServer();
     auto client = connectClient();
-    const unsigned char w16[] = {0x34, 0x12};
-    const unsigned char w32[] = {0xDD, 0xCC, 0xBB, 0xAA};
-    const unsigned char block[] = {1, 2, 3};
-    for (const QByteArray& request : {pxproto::writeRequest(0x1000, false, "\x7F", 1),
-                                      pxproto::writeRequest(0x1002, false, w16, 2),
-                                      pxproto::writeRequest(0x1004, false, w32, 4),
-                                      pxproto::writeRequest(0x1008, false, block, 3),
-                                      pxproto::writeRequest(0x100B, false, nullptr, 0)}) {
+    const unsigned char w16[] = {0x34, 0x12}, w32[] = {0xDD, 0xCC, 0xBB, 0xAA}, block[] = {1, 2, 3};
+    for (const QByteArray& request :
+         {writeRequest(0x1000, false, "\x7F", 1), writeRequest(0x1002, false, w16, 2),
+          writeRequest(0x1004, false, w32, 4), writeRequest(0x1008, false, block, 3),
+          writeRequest(0x100B, false, nullptr, 0), writeRequest(0x10, true, "\xAA\xBB", 2),
+          writeRequest(0x20, false, "\xCC", 1)}) {
         client->send(request);
-        const QByteArray ack = client->next();
-        ASSERT_FALSE(ack.isEmpty());
-        EXPECT_EQ(pxproto::flowId(ack), pxproto::reply::WriteAck);
-        EXPECT_EQ(ack.size(), 4);
+        EXPECT_EQ(client->next(), writeAck());
     }
-    struct Read
-    {
-        unsigned char code;
-        quint32 address;
-        QByteArray data;
-    };
-    const Read reads[] = {
-        {pxproto::access::Read8, 0x1000, bytes({0x7F})},
-        {pxproto::access::Read8, 0x1001, bytes({0x00})},
-        {pxproto::access::Read16, 0x1002, bytes({0x34, 0x12})},
-        {pxproto::access::Read32, 0x1004, bytes({0xDD, 0xCC, 0xBB, 0xAA})},
-        {pxproto::access::Read32, 0x1008, bytes({1, 2, 3, 0})},
-        {pxproto::access::Read32, 0x7654320, bytes({0, 0, 0, 0})},
-        {pxproto::access::Read16, 0x1005, bytes({0xCC, 0xBB})},
-    };
-    for (const Read& r : reads) {
-        SCOPED_TRACE(r.address);
-        client->send(pxproto::singleRead(r.code, r.address));
-        const QByteArray frame = client->next();
-        ASSERT_FALSE(frame.isEmpty());
-        EXPECT_EQ(pxproto::flowId(frame), pxproto::reply::ReadData);
-        EXPECT_EQ(pxproto::getLe32(payload(frame).constData()), r.address);
-        EXPECT_EQ(payload(frame).mid(4), r.data);
+    // "<access code> <address> <data read>"; codes 0: 8-bit, 1: 16-bit, 2: 32-bit, 4: internal.
+    for (const char* line : {"0 1000 7f", "0 1001 00", "1 1002 3412", "1 1005 ccbb",
+                             "2 1004 ddccbbaa", "2 1008 01020300", "2 7654320 00000000", "4 10 aa",
+                             "4 11 bb", "4 20 00", "0 10 00", "0 20 cc"}) {
+        const QList<QByteArray> field = QByteArray(line).split(' ');
+        const quint32 address = field[1].toUInt(nullptr, 16);
+        const QByteArray data = QByteArray::fromHex(field[2]);
+        client->send(singleRead(static_cast<unsigned char>(field[0].toUInt()), address));
+        EXPECT_EQ(client->next(), readData(address, data.constData(), int(data.size()))) << line;
     }
 }
 
@@ -260,63 +250,15 @@ TEST_F(Simulator, BlockReadArrivesInFramesThatReassemble)
     QByteArray pattern(1000, Qt::Uninitialized);
     for (int i = 0; i < pattern.size(); ++i)
         pattern[i] = char(i * 7 + 3);
-    client->send(pxproto::writeRequest(0x20003, false, pattern.constData(), int(pattern.size())));
-    ASSERT_EQ(pxproto::flowId(client->next()), pxproto::reply::WriteAck);
-
+    client->send(writeRequest(0x20003, false, pattern.constData(), int(pattern.size())));
+    ASSERT_EQ(client->next(), writeAck());
     int frames = 0;
-    EXPECT_EQ(blockReadAll(*client, 0x20003, 1000, 100, &frames), pattern);
+    EXPECT_EQ(client->blockReadAll(0x20003, 1000, 100, &frames), pattern);
     EXPECT_EQ(frames, 10);
-    EXPECT_EQ(blockReadAll(*client, 0x20000, 5, 100), bytes({0, 0, 0, 3, 10}));
-
-    client->send(pxproto::writeRequest(0, false, "\x11\x22", 2));
-    ASSERT_EQ(pxproto::flowId(client->next()), pxproto::reply::WriteAck);
-    EXPECT_EQ(blockReadAll(*client, 0xFFFFFFFE, 4, 100), bytes({0, 0, 0x11, 0x22}));
-}
-
-TEST_F(Simulator, LargeBlockReadOfOneMebibyte)
-{
-    startServer();
-    auto client = connectClient();
-    QByteArray pattern(1 << 20, Qt::Uninitialized);
-    for (int i = 0; i < pattern.size(); ++i)
-        pattern[i] = char(i ^ (i >> 9));
-    for (int offset = 0; offset < pattern.size(); offset += pxproto::MaxBlockChunk) {
-        client->send(pxproto::writeRequest(0x80000000u + quint32(offset), false,
-                                           pattern.constData() + offset, pxproto::MaxBlockChunk));
-        ASSERT_EQ(pxproto::flowId(client->next()), pxproto::reply::WriteAck);
-    }
-    int frames = 0;
-    EXPECT_EQ(blockReadAll(*client, 0x80000000u, quint32(pattern.size()), 4096, &frames), pattern);
-    EXPECT_EQ(frames, 256);
-}
-
-TEST_F(Simulator, InternalSpaceIsSeparateFromMemory)
-{
-    startServer();
-    auto client = connectClient();
-    client->send(pxproto::writeRequest(0x10, true, "\xAA\xBB", 2));
-    ASSERT_EQ(pxproto::flowId(client->next()), pxproto::reply::WriteAck);
-    client->send(pxproto::writeRequest(0x20, false, "\xCC", 1));
-    ASSERT_EQ(pxproto::flowId(client->next()), pxproto::reply::WriteAck);
-
-    const struct
-    {
-        unsigned char code;
-        quint32 address;
-        int value;
-    } reads[] = {
-        {pxproto::access::ReadInternal, 0x10, 0xAA}, {pxproto::access::ReadInternal, 0x11, 0xBB},
-        {pxproto::access::ReadInternal, 0x20, 0x00}, {pxproto::access::Read8, 0x10, 0x00},
-        {pxproto::access::Read8, 0x20, 0xCC},
-    };
-    for (const auto& r : reads) {
-        SCOPED_TRACE(r.address);
-        client->send(pxproto::singleRead(r.code, r.address));
-        const QByteArray body = payload(client->next());
-        ASSERT_EQ(body.size(), 5);
-        EXPECT_EQ(pxproto::getLe32(body.constData()), r.address);
-        EXPECT_EQ(static_cast<unsigned char>(body[4]), r.value);
-    }
+    EXPECT_EQ(client->blockReadAll(0x20000, 5, 100), bytes({0, 0, 0, 3, 10}));
+    client->send(writeRequest(0, false, "\x11\x22", 2));
+    ASSERT_EQ(client->next(), writeAck());
+    EXPECT_EQ(client->blockReadAll(0xFFFFFFFE, 4, 100), bytes({0, 0, 0x11, 0x22}));
 }
 
 TEST_F(Simulator, ImagePreloadsMemory)
@@ -328,116 +270,74 @@ TEST_F(Simulator, ImagePreloadsMemory)
     image.close();
     startServer({"--image", image.fileName()});
     auto client = connectClient();
-    EXPECT_EQ(blockReadAll(*client, 0x1000, 12, 4096),
+    EXPECT_EQ(client->blockReadAll(0x1000, 12, 4096),
               bytes({0x78, 0x56, 0x34, 0x12, 0xF0, 0xDE, 0xBC, 0x9A, 0, 0, 0, 0}));
-    EXPECT_EQ(blockReadAll(*client, 0x2000, 8, 4096), bytes({0xFF, 0, 0, 0, 0, 0, 0, 0}));
-    client->send(pxproto::singleRead(pxproto::access::Read32, 0xF0000000u));
+    EXPECT_EQ(client->blockReadAll(0x2000, 8, 4096), bytes({0xFF, 0, 0, 0, 0, 0, 0, 0}));
+    client->send(singleRead(access::Read32, 0xF0000000u));
     EXPECT_EQ(payload(client->next()).mid(4), bytes({0, 0, 0, 0}));
 }
 
-// ---- events ----------------------------------------------------------------------------------
+// ---- events and bypass -----------------------------------------------------------------------
 
 TEST_F(Simulator, EventsReachOnlyEnabledClients)
 {
     startServer({"--event-register", "0x4000"});
-    auto writer = connectClient();
-    auto enabled = connectClient();
-    auto disabled = connectClient();
-    auto never = connectClient();
-    enabled->send(pxproto::enableEvents(true));
-    disabled->send(pxproto::enableEvents(true));
-    disabled->send(pxproto::enableEvents(false));
-    for (SimClient* c : {enabled.get(), disabled.get()}) {
-        bool pinged = false;
-        c->framesBeforePing(&pinged);
-        ASSERT_TRUE(pinged);
-    }
+    auto writer = connectClient(), enabled = connectClient(), disabled = connectClient(),
+         never = connectClient();
+    enabled->send(enableEvents(true));
+    disabled->send(enableEvents(true));
+    disabled->send(enableEvents(false));
+    EXPECT_TRUE(enabled->framesBeforePing().isEmpty());
+    EXPECT_TRUE(disabled->framesBeforePing().isEmpty());
 
     writer->send(write32(0x4000, 0x42));
-    EXPECT_EQ(pxproto::flowId(writer->next()), pxproto::reply::WriteAck);
+    EXPECT_EQ(writer->next(), writeAck());
     // A block write covering the register raises the value it holds there.
     const unsigned char block[] = {1, 2, 0xEF, 0xBE, 0xAD, 0xDE, 3};
-    writer->send(pxproto::writeRequest(0x3FFE, false, block, 7));
-    EXPECT_EQ(pxproto::flowId(writer->next()), pxproto::reply::WriteAck);
+    writer->send(writeRequest(0x3FFE, false, block, 7));
+    EXPECT_EQ(writer->next(), writeAck());
     // Writes that miss part of the register raise nothing.
-    writer->send(pxproto::writeRequest(0x4001, false, block, 4));
-    writer->send(pxproto::writeRequest(0x4000, false, "\x01\x02", 2));
+    writer->send(writeRequest(0x4001, false, block, 4));
+    writer->send(writeRequest(0x4000, false, "\x01\x02", 2));
     writer->send(write32(0x4004, 0x99));
 
-    bool pinged = false;
-    const QList<QByteArray> frames = enabled->framesBeforePing(&pinged);
-    ASSERT_TRUE(pinged);
-    ASSERT_EQ(frames.size(), 2);
-    EXPECT_EQ(frames[0], bytes({0xBB, 0, 5, 0x41, 0x42, 0, 0, 0, 0}));
-    EXPECT_EQ(frames[1], pxproto::event(0xDEADBEEF));
-    for (SimClient* c : {writer.get(), disabled.get(), never.get()}) {
-        const QList<QByteArray> others = c->framesBeforePing(&pinged);
-        ASSERT_TRUE(pinged);
-        for (const QByteArray& f : others)
-            EXPECT_NE(pxproto::flowId(f), pxproto::reply::Event);
-    }
+    EXPECT_EQ(enabled->framesBeforePing(),
+              (QList<QByteArray>{bytes({0xBB, 0, 5, 0x41, 0x42, 0, 0, 0, 0}), event(0xDEADBEEF)}));
+    for (SimClient* c : {writer.get(), disabled.get(), never.get()})
+        for (const QByteArray& f : c->framesBeforePing())
+            EXPECT_NE(flowId(f), reply::Event);
     // The register keeps what was written to it, as memory does.
-    writer->send(pxproto::singleRead(pxproto::access::Read32, 0x4000));
+    writer->send(singleRead(access::Read32, 0x4000));
     EXPECT_EQ(payload(writer->next()).mid(4), bytes({0x01, 0x02, 0x02, 0xEF}));
 }
-
-TEST_F(Simulator, DefaultEventRegister)
-{
-    startServer();
-    auto client = connectClient();
-    client->send(pxproto::enableEvents(true));
-    client->send(write32(PXSimDefaultEventRegister, 7));
-    EXPECT_EQ(pxproto::flowId(client->next()), pxproto::reply::WriteAck);
-    EXPECT_EQ(client->next(), pxproto::event(7));
-}
-
-// ---- bypass ----------------------------------------------------------------------------------
 
 TEST_F(Simulator, BypassEchoReachesOnlySubscribedClients)
 {
     startServer();
-    auto a = connectClient();
-    auto b = connectClient();
-    auto c = connectClient();
-    const unsigned char flowsA[] = {5};
-    const unsigned char flowsB[] = {5, 7};
-    const unsigned char flowsC[] = {7};
-    const unsigned char flowsC2[] = {9};
-    a->send(pxproto::setBypassFlowIds(flowsA, 1));
-    b->send(pxproto::setBypassFlowIds(flowsB, 2));
-    c->send(pxproto::setBypassFlowIds(flowsC, 1));
-    c->send(pxproto::setBypassFlowIds(flowsC2, 1)); // replaces {7}
-    bool pinged = false;
-    for (SimClient* s : {a.get(), b.get(), c.get()}) {
-        s->framesBeforePing(&pinged);
-        ASSERT_TRUE(pinged);
-    }
+    auto a = connectClient(), b = connectClient(), c = connectClient();
+    const unsigned char flowsA[] = {5}, flowsB[] = {5, 7}, flowsC[] = {7}, flowsC2[] = {9};
+    a->send(setBypassFlowIds(flowsA, 1));
+    b->send(setBypassFlowIds(flowsB, 2));
+    c->send(setBypassFlowIds(flowsC, 1));
+    c->send(setBypassFlowIds(flowsC2, 1)); // replaces {7}
+    for (SimClient* s : {a.get(), b.get(), c.get()})
+        EXPECT_TRUE(s->framesBeforePing().isEmpty());
 
-    a->send(pxproto::bypassSend(5, "\x01\x02", 2));
+    a->send(bypassSend(5, "\x01\x02", 2));
     // A bad checksum is echoed with a good one.
-    QByteArray bad = pxproto::bypassSend(7, "xyz", 3);
+    QByteArray bad = bypassSend(7, "xyz", 3);
     bad[bad.size() - 1] = char(bad.at(bad.size() - 1) ^ 0x55);
     a->send(bad);
-    c->send(pxproto::bypassSend(9, nullptr, 0));
+    c->send(bypassSend(9, nullptr, 0));
 
     const QByteArray echo5 = bytes({0xBB, 0, 7, 0xB5, 0xAD, 0, 3, 5, 1, 2, 6});
-    const QByteArray echo7 = pxproto::bypassFrame(pxproto::debugPacket(7, "xyz", 3));
-    const QByteArray echo9 = pxproto::bypassFrame(pxproto::debugPacket(9, nullptr, 0));
+    const QByteArray echo7 = bypassFrame(debugPacket(7, "xyz", 3));
+    const QByteArray echo9 = bypassFrame(debugPacket(9, nullptr, 0));
     // The senders go first: once a sender's ping is answered, its echoes are on their way
     // to every subscriber.
-    const struct
-    {
-        SimClient* client;
-        QList<QByteArray> expected;
-    } expectations[] = {
-        {a.get(), {echo5}},
-        {c.get(), {echo9}},
-        {b.get(), {echo5, echo7}},
-    };
-    for (const auto& e : expectations) {
-        EXPECT_EQ(e.client->framesBeforePing(&pinged), e.expected);
-        EXPECT_TRUE(pinged);
-    }
+    EXPECT_EQ(a->framesBeforePing(), QList<QByteArray>{echo5});
+    EXPECT_EQ(c->framesBeforePing(), QList<QByteArray>{echo9});
+    EXPECT_EQ(b->framesBeforePing(), (QList<QByteArray>{echo5, echo7}));
 }
 
 // ---- several clients, kill, signals ------------------------------------------------------------
@@ -445,139 +345,89 @@ TEST_F(Simulator, BypassEchoReachesOnlySubscribedClients)
 TEST_F(Simulator, ClientsAreServedIndependently)
 {
     startServer({"--frame-size", "1000"});
-    auto a = connectClient();
-    auto b = connectClient();
-    auto leaver = connectClient();
-    QByteArray patternA(50000, 'a');
-    QByteArray patternB(50000, 'b');
-    a->send(pxproto::writeRequest(0x100000, false, patternA.constData(), int(patternA.size())));
-    b->send(pxproto::writeRequest(0x200000, false, patternB.constData(), int(patternB.size())));
-    EXPECT_EQ(pxproto::flowId(a->next()), pxproto::reply::WriteAck);
-    EXPECT_EQ(pxproto::flowId(b->next()), pxproto::reply::WriteAck);
+    auto a = connectClient(), b = connectClient(), leaver = connectClient();
+    const QByteArray patternA(50000, 'a'), patternB(50000, 'b');
+    a->send(writeRequest(0x100000, false, patternA.constData(), int(patternA.size())));
+    b->send(writeRequest(0x200000, false, patternB.constData(), int(patternB.size())));
+    EXPECT_EQ(a->next(), writeAck());
+    EXPECT_EQ(b->next(), writeAck());
     // One client goes away in the middle of a huge read; the others do not notice.
-    leaver->send(pxproto::blockRead(0, 0xFFFFFFFFu));
+    leaver->send(blockRead(0, 0xFFFFFFFFu));
     ASSERT_FALSE(leaver->next().isEmpty());
     leaver->socket.abort();
-    a->send(pxproto::blockRead(0x200000, 50000));
-    b->send(pxproto::blockRead(0x100000, 50000));
-    QByteArray gotA;
-    QByteArray gotB;
-    while (gotA.size() < 50000 || gotB.size() < 50000) {
-        if (gotA.size() < 50000) {
-            const QByteArray f = a->next();
-            ASSERT_FALSE(f.isEmpty());
-            gotA.append(payload(f).mid(4));
-        }
-        if (gotB.size() < 50000) {
-            const QByteArray f = b->next();
-            ASSERT_FALSE(f.isEmpty());
-            gotB.append(payload(f).mid(4));
-        }
-    }
-    EXPECT_EQ(gotA, patternB);
-    EXPECT_EQ(gotB, patternA);
+    a->send(blockRead(0x200000, 50000));
+    b->send(blockRead(0x100000, 50000));
+    EXPECT_EQ(a->blockReadAll(0x200000, 50000, 1000, nullptr, true), patternB);
+    EXPECT_EQ(b->blockReadAll(0x100000, 50000, 1000, nullptr, true), patternA);
 }
 
 TEST_F(Simulator, KillClosesEveryClientAndExitsZero)
 {
     startServer();
-    auto a = connectClient();
-    auto b = connectClient();
-    b->send(pxproto::enableEvents(true));
-    bool pinged = false;
-    b->framesBeforePing(&pinged);
-    ASSERT_TRUE(pinged);
-    a->send(pxproto::kill());
+    auto a = connectClient(), b = connectClient();
+    b->send(enableEvents(true));
+    EXPECT_TRUE(b->framesBeforePing().isEmpty());
+    a->send(kill());
     EXPECT_TRUE(a->waitClosed());
     EXPECT_TRUE(b->waitClosed());
-    EXPECT_EQ(server.waitExit(), 0);
+    EXPECT_EQ(server->waitForExit(), 0);
 }
 
-TEST_F(Simulator, TerminationSignalsExitZero)
+// SIGTERM is what every test here ends with.
+TEST_F(Simulator, SigintExitsZeroAndClosesClients)
 {
-    for (int signal : {SIGTERM, SIGINT}) {
-        SimProcess process;
-        ASSERT_TRUE(process.start({"--port", "0"}));
-        SimClient client;
-        ASSERT_TRUE(client.connectTo(process.port()));
-        ASSERT_EQ(::kill(pid_t(process.pid()), signal), 0);
-        EXPECT_EQ(process.waitExit(), 0) << signal;
-        EXPECT_TRUE(client.waitClosed());
-    }
+    startServer();
+    auto client = connectClient();
+    ASSERT_EQ(::kill(server->pid(), SIGINT), 0);
+    EXPECT_EQ(server->waitForExit(), 0);
+    EXPECT_TRUE(client->waitClosed());
 }
 
 // ---- command line ----------------------------------------------------------------------------
 
-TEST(SimulatorCommandLine, ComPortListensOn7700PlusN)
+TEST(SimulatorCommandLine, ComPortListensOn7700PlusNAndHelpExitsZero)
 {
-    SimProcess process;
-    ASSERT_TRUE(process.start({"COM421", "921600", "hardware"}))
-        << process.errorOutput().constData();
-    EXPECT_EQ(process.listenLine(), QStringLiteral("pellix: listening on 127.0.0.1:8121"));
-    EXPECT_EQ(process.port(), 8121);
-    SimClient client;
-    ASSERT_TRUE(client.connectTo(8121));
-    client.send(pxproto::ping());
-    EXPECT_EQ(client.next(), pxproto::pingReply());
+    const QString pellix = SimulatorProcess::binaryFolder() + QStringLiteral("/pellix");
+    QProcess process;
+    process.start(pellix, {"COM421", "921600", "hardware"});
+    ASSERT_TRUE(process.waitForReadyRead(15000));
+    EXPECT_EQ(process.readLine(), QByteArray("pellix: listening on 127.0.0.1:8121\n"));
+    SimClient client(8121);
+    client.send(ping());
+    EXPECT_EQ(client.next(), pingReply());
+    process.terminate();
+    EXPECT_TRUE(process.waitForFinished(10000));
+    EXPECT_EQ(process.exitCode(), 0);
+
+    process.start(pellix, {"--help"});
+    EXPECT_TRUE(process.waitForFinished(10000));
+    EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_TRUE(process.readAllStandardOutput().contains("--frame-size"));
 }
 
-TEST(SimulatorCommandLine, BadArgumentsExitTwo)
+TEST(SimulatorCommandLine, BadArgumentsFailWithAMessage)
 {
-    const QStringList cases[] = {
-        {},
-        {"COM5"},
-        {"COM5", "921600"},
-        {"COM5", "921600", "none", "extra"},
-        {"COMx", "921600", "none"},
-        {"5", "921600", "none"},
-        {"COM5", "fast", "none"},
-        {"COM5", "0", "none"},
-        {"COM5", "921600", "rts"},
-        {"--port", "65536"},
-        {"--port", "-1"},
-        {"--port", "0", "--frame-size", "0"},
-        {"--port", "0", "--frame-size", "65532"},
-        {"--port", "0", "--latency", "soon"},
-        {"--port", "0", "--event-register", "0x100000000"},
-        {"--port", "0", "--listen", "nowhere"},
-        {"--port", "0", "--bogus"},
-        {"--port"},
-        {"--port", "0", "--image", "/nonexistent/image.lod"},
+    const auto check = [](const QStringList& arguments, int code, const char* message) {
+        SCOPED_TRACE(arguments.join(' ').toStdString());
+        SimulatorProcess process = SimulatorProcess::withArguments(arguments);
+        EXPECT_EQ(process.waitForExit(10000), code);
+        EXPECT_TRUE(process.errorOutput().contains(QLatin1String(message)));
+        EXPECT_FALSE(process.errorOutput().isEmpty());
     };
-    for (const QStringList& arguments : cases) {
-        SimProcess process;
-        EXPECT_EQ(process.run(arguments), 2) << arguments.join(' ').toStdString();
-        EXPECT_FALSE(process.errorOutput().isEmpty()) << arguments.join(' ').toStdString();
-    }
-}
-
-TEST(SimulatorCommandLine, ImageWithDataOutsidePacketIsRejected)
-{
+    for (const char* line :
+         {"", "COM5", "COM5 921600", "COM5 921600 none extra", "COMx 921600 none", "5 921600 none",
+          "COM5 fast none", "COM5 0 none", "COM5 921600 rts", "--port 65536", "--port -1", "--port",
+          "--port 0 --frame-size 0", "--port 0 --frame-size 65532", "--port 0 --latency soon",
+          "--port 0 --event-register 0x100000000", "--port 0 --listen nowhere", "--port 0 --bogus",
+          "--port 0 --image /nonexistent/image.lod"})
+        check(QString::fromLatin1(line).split(' ', Qt::SkipEmptyParts), 2, "");
     QTemporaryFile image;
     ASSERT_TRUE(image.open());
     image.write("@100\n1\n\n2\n");
     image.close();
-    SimProcess process;
-    EXPECT_EQ(process.run({"--port", "0", "--image", image.fileName()}), 2);
-    EXPECT_TRUE(process.errorOutput().contains("outside a packet"));
-}
-
-TEST(SimulatorCommandLine, PortInUseFails)
-{
-    SimProcess first;
-    ASSERT_TRUE(first.start({"--port", "0"}));
-    SimProcess second;
-    const int code = second.run({"--port", QString::number(first.port())});
-    EXPECT_NE(code, 0);
-    EXPECT_NE(code, -1);
-    EXPECT_TRUE(second.errorOutput().contains("cannot listen")) << second.errorOutput().constData();
-}
-
-TEST(SimulatorCommandLine, HelpExitsZero)
-{
-    SimProcess process;
-    EXPECT_EQ(process.run({"--help"}), 0);
-    EXPECT_TRUE(process.raw().readAllStandardOutput().contains("--frame-size"));
+    check({"--port", "0", "--image", image.fileName()}, 2, "outside a packet");
+    SimulatorProcess first;
+    check({"--port", QString::number(first.port())}, 1, "cannot listen");
 }
 
 // ---- hostile clients ---------------------------------------------------------------------------
@@ -585,30 +435,17 @@ TEST(SimulatorCommandLine, HelpExitsZero)
 TEST_F(Simulator, RandomBytesDoNotDisturbOtherClients)
 {
     startServer();
-    auto hostile = connectClient();
-    auto good = connectClient();
+    auto hostile = connectClient(), good = connectClient();
     QRandomGenerator random(1234);
     QByteArray noise(256 * 1024, Qt::Uninitialized);
-    for (int i = 0; i < noise.size(); ++i)
-        noise[i] = char(random.bounded(256));
+    for (char& c : noise)
+        c = char(random.bounded(256));
     hostile->send(noise);
-    good->send(pxproto::ping());
-    EXPECT_EQ(good->next(), pxproto::pingReply());
+    good->send(ping());
+    EXPECT_EQ(good->next(), pingReply());
     hostile->socket.abort();
-    good->send(pxproto::status());
-    EXPECT_EQ(good->next(), pxproto::statusReply(1));
-}
-
-TEST_F(Simulator, StartByteNoiseBeforeRequestIsSkippedOnSameConnection)
-{
-    startServer();
-    auto client = connectClient();
-    // Bytes that cannot start a frame are dropped up to the next start byte.
-    client->send(bytes({0x00, 0x12, 0xFF, 0x7E}) + pxproto::ping());
-    EXPECT_EQ(client->next(), pxproto::pingReply());
-    // A frame whose payload is garbage is skipped as a whole.
-    client->send(pxproto::frame(0xFF, "\x99\x99\x99\x99\x99\x99\x99", 7) + pxproto::status());
-    EXPECT_EQ(client->next(), pxproto::statusReply(1));
+    good->send(status());
+    EXPECT_EQ(good->next(), statusReply(1));
 }
 
 // A frame that promises more than ever comes is dropped once the client has been silent for
@@ -616,113 +453,56 @@ TEST_F(Simulator, StartByteNoiseBeforeRequestIsSkippedOnSameConnection)
 TEST_F(Simulator, TruncatedFrameIsDroppedAfterSilence)
 {
     startServer();
-    auto client = connectClient();
-    auto other = connectClient();
+    auto client = connectClient(), other = connectClient();
     client->send(bytes({0xBB, 0x01, 0x00, 0xFF, 1, 2, 3}));
-    other->send(pxproto::ping());
-    EXPECT_EQ(other->next(), pxproto::pingReply());
+    other->send(ping());
+    EXPECT_EQ(other->next(), pingReply());
     QTest::qWait(int(PXParser::StaleInterval) + 300);
-    client->send(pxproto::ping());
-    EXPECT_EQ(client->next(), pxproto::pingReply());
+    client->send(ping());
+    EXPECT_EQ(client->next(), pingReply());
 }
 
 // A client that floods requests and never reads is held back by TCP; the server neither
-// stalls the others nor buffers its replies without bound.
+// stalls the others nor buffers its replies without bound. A 1 MiB read comes in frames of
+// 4096 bytes by default.
 TEST_F(Simulator, ClientThatNeverReadsDoesNotStallOthers)
 {
     startServer();
-    auto sink = connectClient();
-    auto good = connectClient();
+    auto sink = connectClient(), good = connectClient();
     sink->socket.setReadBufferSize(1);
-    sink->send(pxproto::enableEvents(true));
-    sink->send(pxproto::blockRead(0, 0xFFFFFFFFu));
+    sink->send(enableEvents(true));
+    sink->send(blockRead(0, 0xFFFFFFFFu));
     QByteArray flood;
     for (int i = 0; i < 20000; ++i)
-        flood.append(pxproto::ping());
+        flood.append(ping());
     sink->send(flood);
-    good->send(pxproto::enableEvents(true));
+    good->send(enableEvents(true));
     for (quint32 id = 0; id < 2000; ++id) {
-        good->send(write32(PXSimDefaultEventRegister, id));
-        ASSERT_EQ(pxproto::flowId(good->next()), pxproto::reply::WriteAck) << id;
-        ASSERT_EQ(good->next(), pxproto::event(id));
+        good->send(write32(0xFFFFFF00u, id)); // the default event register
+        ASSERT_EQ(good->next(), writeAck()) << id;
+        ASSERT_EQ(good->next(), event(id));
     }
     int frames = 0;
-    EXPECT_EQ(blockReadAll(*good, 0x1000, 1 << 20, 4096, &frames), QByteArray(1 << 20, '\0'));
+    EXPECT_EQ(good->blockReadAll(0x1000, 1 << 20, 4096, &frames), QByteArray(1 << 20, '\0'));
+    EXPECT_EQ(frames, 256);
     // The sink still gets the start of its read once it reads.
     sink->socket.setReadBufferSize(0);
     const QByteArray first = sink->next();
-    ASSERT_FALSE(first.isEmpty());
-    EXPECT_EQ(pxproto::flowId(first), pxproto::reply::ReadData);
-    EXPECT_EQ(pxproto::getLe32(payload(first).constData()), 0u);
+    ASSERT_EQ(flowId(first), reply::ReadData);
+    EXPECT_EQ(getLe32(payload(first).constData()), 0u);
 }
-
-// Event frames for a client whose output is full wait in its queue; clean drops them and
-// leaves the client's events enabled.
-TEST_F(Simulator, CleanDropsQueuedEventFrames)
-{
-    startServer({"--verbose"});
-    auto sink = connectClient();
-    auto other = connectClient();
-    sink->socket.setReadBufferSize(1);
-    sink->send(pxproto::enableEvents(true));
-    sink->send(pxproto::blockRead(0, 0xFFFFFFFFu));
-    ASSERT_TRUE(waitForLog("client 1: output full: requests held back"));
-    const auto raise = [&](quint32 id) {
-        other->send(write32(PXSimDefaultEventRegister, id));
-        return pxproto::flowId(other->next()) == pxproto::reply::WriteAck;
-    };
-    // Until the kernel's socket buffers are full the sink's output still drains now and then,
-    // emptying its queue; try again until three marked events were queued when clean came.
-    const char* queuedLine = "client 1: output full: event and bypass frames queued";
-    quint32 dropped = 0;
-    for (quint32 attempt = 1; attempt <= 200 && dropped == 0; ++attempt) {
-        const auto queuedBefore = server.errorOutput().count(queuedLine);
-        for (quint32 probe = 0; server.errorOutput().count(queuedLine) == queuedBefore; ++probe) {
-            ASSERT_LT(probe, 1000u);
-            ASSERT_TRUE(raise(0x10000 + probe));
-        }
-        for (quint32 mark = 1; mark <= 3; ++mark)
-            ASSERT_TRUE(raise(attempt * 16 + mark));
-        other->send(pxproto::clean());
-        bool pinged = false;
-        other->framesBeforePing(&pinged);
-        ASSERT_TRUE(pinged);
-        const QByteArray log = server.errorOutput();
-        const int at = int(log.lastIndexOf("clean: "));
-        ASSERT_GE(at, 0);
-        if (log.mid(at + 7, 12).split(' ').first().toInt() >= 4)
-            dropped = attempt * 16;
-    }
-    ASSERT_NE(dropped, 0u);
-    ASSERT_TRUE(raise(99));
-
-    // The sink, reading now, gets only events that were sent before the queueing, then 99.
-    sink->socket.setReadBufferSize(0);
-    for (;;) {
-        const QByteArray frame = sink->next();
-        ASSERT_FALSE(frame.isEmpty());
-        if (pxproto::flowId(frame) != pxproto::reply::Event)
-            continue;
-        const quint32 id = pxproto::getLe32(payload(frame).constData());
-        if (id == 99)
-            break;
-        EXPECT_FALSE(id > dropped && id <= dropped + 3) << id;
-    }
-}
-
-// ---- latency ---------------------------------------------------------------------------------
 
 TEST_F(Simulator, LatencyDelaysEachReply)
 {
     startServer({"--latency", "150000"});
     auto client = connectClient();
-    client->send(pxproto::enableEvents(true));
+    client->send(enableEvents(true));
     QElapsedTimer timer;
     timer.start();
-    client->send(pxproto::ping());
-    client->send(pxproto::status());
-    EXPECT_EQ(client->next(), pxproto::pingReply());
-    EXPECT_EQ(client->next(), pxproto::statusReply(1));
+    client->send(ping());
+    client->send(status());
+    EXPECT_EQ(client->next(), pingReply());
+    EXPECT_EQ(client->next(), statusReply(1));
     EXPECT_GE(timer.elapsed(), 300);
 }
 
