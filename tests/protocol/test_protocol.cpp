@@ -1,0 +1,405 @@
+// The wire format and the stream parser: byte-exact frames of every request and reply
+// builder, the checksum and the debug packet encoders with their XON/XOFF escaping; PXParser
+// in its three types; the log line formatters.
+
+#include "pellix/protocol/PXParser.h"
+#include "pellix/protocol/PXProtocol.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <tuple>
+#include <vector>
+
+// Lets gtest print byte arrays as hexadecimal in failure messages.
+QT_BEGIN_NAMESPACE
+inline void PrintTo(const QByteArray& bytes, std::ostream* os)
+{
+    *os << '[' << bytes.toHex(' ').toUpper().constData() << ']';
+}
+QT_END_NAMESPACE
+
+namespace {
+
+// "BB 00 05" -> bytes; spaces are ignored.
+QByteArray hex(const char* text)
+{
+    return QByteArray::fromHex(QByteArray(text));
+}
+
+const QByteArray kAbcd = QByteArray::fromHex("DDCCBBAA");
+const QByteArray kOneTwoThree = QByteArray::fromHex("010203");
+const unsigned char kIds[] = {0x10, 0x20};
+
+using namespace pxproto;
+
+// Every request and reply builder and every debug packet encoder, against its bytes.
+TEST(Frames, AreByteExact)
+{
+    // Built frame, expected bytes.
+    // clang-format off
+    const std::pair<QByteArray, const char*> cases[] = {
+        {ping(), "BB 00 00 80"}, {status(), "BB 00 00 B3"}, {kill(), "BB 00 00 B1"},
+        {clean(), "BB 00 00 B4"}, {flushFifos(), "BB 00 00 B7"}, {forceReconnect(), "BB 00 00 A2"},
+        {comBreak(), "BB 00 00 B2"}, {autoBauding(), "BB 00 00 A1"},
+        {setBaudRate(921600), "BB 00 04 A0 00 10 0E 00"},
+        {setBaudRate(115200), "BB 00 04 A0 00 C2 01 00"},
+        {setFlowMode(PXL_FLOW_XONXOFF), "BB 00 04 A3 02 00 00 00"},
+        {setClientType(0x1234), "BB 00 01 82 34"}, {setPersistent(true), "BB 00 01 B9 01"},
+        {setPersistent(false), "BB 00 01 B9 00"}, {enableEvents(true), "BB 00 01 C0 01"},
+        {enableEvents(false), "BB 00 01 C0 00"},
+        {readRequest(0x1234, false, 1), "BB 00 05 FF 00 34 12 00 00"},
+        {readRequest(0x1234, false, 2), "BB 00 05 FF 01 34 12 00 00"},
+        {readRequest(0x1234, false, 4), "BB 00 05 FF 02 34 12 00 00"},
+        {readRequest(0x1234, true, 1), "BB 00 05 FF 04 34 12 00 00"},
+        {readRequest(0x1234, true, 3), "BB 00 05 FF 04 34 12 00 00"},
+        {readRequest(0x1234, false, 0), ""}, {readRequest(0x1234, false, 3), ""},
+        {readRequest(0x1000, false, 64), "BB 00 09 FE 03 00 10 00 00 40 00 00 00"},
+        {readRequest(0x1000, true, 8), "BB 00 09 FE 03 00 10 00 00 08 00 00 00"},
+        {writeRequest(0x10, false, kAbcd.constData(), 1), "BB 00 06 FF 80 10 00 00 00 DD"},
+        {writeRequest(0x10, false, kAbcd.constData(), 2), "BB 00 07 FF 81 10 00 00 00 DD CC"},
+        {writeRequest(0x10, false, kAbcd.constData(), 4), "BB 00 09 FF 82 10 00 00 00 DD CC BB AA"},
+        {writeRequest(0x20, false, kOneTwoThree.constData(), 3), "BB 00 08 FF 83 20 00 00 00 01 02 03"},
+        {writeRequest(0x20, true, kAbcd.constData(), 4), "BB 00 09 FF 84 20 00 00 00 DD CC BB AA"},
+        {setBypassFlowIds(kIds, 2), "BB 00 06 B0 02 00 00 00 10 20"},
+        {setBypassFlowIds(nullptr, 0), "BB 00 04 B0 00 00 00 00"},
+        {bypassSend(0x05, kOneTwoThree.constData(), 2), "BB 00 07 B5 AD 00 03 05 01 02 06"},
+        {bypassSend(0x33, nullptr, 0), "BB 00 05 B5 AD 00 01 33 33"},
+        {setUsbId(0x1234, 0x5678), "BB 00 08 B8 34 12 00 00 78 56 00 00"},
+        {readData(0x1234, "\xAB", 1), "BB 00 05 7F 34 12 00 00 AB"},
+        {readData(0x1234, kAbcd.constData(), 4), "BB 00 08 7F 34 12 00 00 DD CC BB AA"},
+        {writeAck(), "BB 00 00 7E"}, {pingReply(), "BB 00 00 00"}, {completion(), "BB 00 00 03"},
+        {statusReply(1), "BB 00 01 02 01"}, {event(0x42, 0x99), "BB 00 05 41 42 00 00 00 99"},
+        {debugPacket(0x07, "\xAA", 1), "AD 00 02 07 AA AD"},
+        {bypassFrame(hex("AD 00 02 07 AA AD")), "BB 00 06 B5 AD 00 02 07 AA AD"},
+        {FormatRead32(0x01, 0x1000), "AD 00 07 FF 02 00 10 00 00 01 EC"},
+        {FormatRead16(0x01, 0x1000), "AD 00 07 FF 01 00 10 00 00 01 EF"},
+        {FormatRead8(0x01, 0x1000), "AD 00 07 FF 00 00 10 00 00 01 EE"},
+        {FormatReadi8(0x01, 0x1000), "AD 00 07 FF 04 00 10 00 00 01 EA"},
+        {FormatRead(0x01, 0x7E, 0x1000), "AD 00 07 FF 7E 00 10 00 00 01 90"},
+        {FormatWrite8(0x1234, 0x5A), "AD 00 07 FF 80 34 12 00 00 5A 03"},
+        {FormatWritei8(0x1234, 0x5A), "AD 00 07 FF 84 34 12 00 00 5A 07"},
+        {FormatWrite16(0x10, 0x1234), "AD 00 08 FF 81 10 00 00 00 34 12 48"},
+        {FormatWrite32(0x10, 0x11223344), "AD 00 0A FF 82 10 00 00 00 44 33 22 11 29"},
+        {FormatWriteBlock(0x2000, kOneTwoThree), "AD 00 09 FF 83 00 20 00 00 01 02 03 5C"},
+        {FormatWriteBlock(0x2000, QByteArray()), "AD 00 06 FF 83 00 20 00 00 5C"},
+        {EscapeXonXoff(hex("11 13 5C 41")), "5C EE 5C EC 5C A3 41"},
+        {EscapeXonXoff(QByteArray()), ""}, {EscapeXonXoff(hex("AD 00 07")), "AD 00 07"},
+        {EscapeXonXoff(FormatWriteBlock(0x2000, kOneTwoThree)), "AD 00 09 FF 83 00 20 00 00 01 02 03 5C A3"}};
+    // clang-format on
+    for (const auto& [built, expected] : cases)
+        EXPECT_EQ(built, hex(expected)) << expected;
+}
+
+TEST(Frames, LargestFramesKeepTheirLengthFields)
+{
+    const QByteArray data(MaxBypassData, '\x5A');
+    const QByteArray send = bypassSend(0x01, data.constData(), int(data.size()));
+    ASSERT_EQ(send.size(), MaxFrameSize);
+    EXPECT_EQ(send.left(8), hex("BB FF FF B5 AD FF FB 01"));
+    // 0x5A XORed an even number of times cancels out.
+    EXPECT_EQ(static_cast<unsigned char>(send.back()), 0x01);
+
+    const QByteArray write = writeRequest(0x10, false, data.constData(), MaxBlockChunk);
+    ASSERT_EQ(write.size(), MaxBlockChunk + 9);
+    EXPECT_EQ(write.left(5), hex("BB 80 05 FF 83"));
+}
+
+TEST(CalcHostCrc, IsPlainXor)
+{
+    EXPECT_EQ(CalcHostCrc(nullptr, 0), 0);
+    EXPECT_EQ(CalcHostCrc("\x11", 1), 0x11);
+    EXPECT_EQ(CalcHostCrc("\x05\x01\x02", 3), 0x06);
+    const QByteArray packet = FormatWrite32(0xDEADBEEF, 0x12345678);
+    // Flow id, command, data and checksum XOR to zero.
+    EXPECT_EQ(CalcHostCrc(packet.constData() + 3, packet.size() - 3), 0);
+}
+
+qint64 gNow = 1000000; // the parsers' clock
+
+// A 10-byte debug reply (command 0) carrying `data` with its checksum.
+QByteArray debugReply(quint32 data, unsigned char command = 0)
+{
+    unsigned char body[5] = {command};
+    pxproto::putLe32(body + 1, data);
+    return pxproto::debugPacket(0xFF, body, 5);
+}
+
+class Parser : public ::testing::Test
+{
+protected:
+    void use(PXParser::Type type)
+    {
+        parser.changeType(type);
+        parser.setClock([] { return gNow; });
+    }
+    void SetUp() override { use(PXParser::ServerFrames); }
+
+    void feed(const char* hexText) { parser.feedData(hex(hexText)); }
+
+    // Every packet that getPacket hands out until it returns an empty array.
+    QList<QByteArray> drain(bool flush = false)
+    {
+        QList<QByteArray> out;
+        for (QByteArray packet = parser.getPacket(flush); !packet.isEmpty();
+             packet = parser.getPacket(flush))
+            out << packet;
+        return out;
+    }
+
+    PXParser parser;
+};
+
+// Fed whole at every split point and byte by byte: each frame comes out whole, exactly when
+// its last byte has come.
+TEST_F(Parser, FramesSplitAnywhereComeOutWholeAtTheirLastByte)
+{
+    const QList<QByteArray> frames = {pxproto::ping(), pxproto::event(0x42),
+                                      pxproto::readData(0x10, "\xAA\xBB", 2),
+                                      pxproto::statusReply(1)};
+    const QByteArray stream = frames.join();
+    for (int split = 0; split <= stream.size(); ++split) {
+        parser.reset();
+        parser.feedData(stream.left(split));
+        QList<QByteArray> got = drain();
+        parser.feedData(stream.mid(split));
+        got += drain();
+        EXPECT_EQ(got, frames) << "split at " << split;
+    }
+    QByteArray done;
+    for (int i = 0; i < stream.size(); ++i) {
+        parser.feedData(stream.mid(i, 1));
+        done += drain().join();
+        int whole = 0, end = 0; // bytes of the frames complete after byte i
+        for (const QByteArray& frame : frames)
+            whole = (end += frame.size()) <= i + 1 ? end : whole;
+        EXPECT_EQ(done, stream.left(whole)) << "after byte " << i;
+    }
+}
+
+TEST_F(Parser, DropsLeadingBytesAndResynchronisesWithOneLineEach)
+{
+    feed("01 02 BB 00 00 80");
+    EXPECT_EQ(parser.logs(), (QStringList{"Drop Byte: 01", "Drop Byte: 02"}));
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 80"));
+    EXPECT_TRUE(parser.logs().isEmpty());
+    // A start byte inside a payload is not special: frames are cut by length.
+    feed("BB 00 01 80 BB 7E 01 BB 00 00 00");
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 01 80 BB"));
+    EXPECT_EQ(parser.logs(), (QStringList{"Resync drop bytes: 7e", "Resync drop bytes: 01"}));
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 00"));
+    EXPECT_TRUE(parser.logs().isEmpty());
+}
+
+// A fed array may be kept by sharing, a handed-out packet by its caller: later changes by
+// the owner of either must not reach the other.
+TEST_F(Parser, SharedArraysAreNotAffectedByTheOtherSide)
+{
+    QByteArray owned = hex("01 BB 00 01 80 AA BB 00");
+    parser.feedData(owned);
+    owned.fill('\0');
+    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 01 80 AA")});
+    feed("00 80");
+    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 00 80")});
+    char raw[] = "\xBB\x00\x01\x7F\x55";
+    parser.feedData(QByteArray::fromRawData(raw, 5));
+    raw[4] = 0;
+    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 01 7F 55")});
+    // A handed-out packet kept by the caller is not overwritten when the storage is reused.
+    const QByteArray big = pxproto::readData(0x10, "0123456789", 10);
+    parser.feedData(big + pxproto::ping() + big);
+    const QByteArray kept = parser.getPacket(false);
+    EXPECT_EQ(parser.getPacket(false), pxproto::ping());
+    EXPECT_EQ(drain(), QList<QByteArray>{big});
+    EXPECT_EQ(kept, big);
+}
+
+// A partial frame is dropped when the next feed (also an empty one) comes 2000 ms or more
+// after the previous one; 1999 ms keep it. reset() forgets the time of the last feed.
+TEST_F(Parser, PartialFrameOlderThanTwoSecondsIsDiscarded)
+{
+    feed("BB 00 02 7E");
+    gNow += 1999;
+    feed("01 02");
+    EXPECT_TRUE(parser.logs().isEmpty());
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 02 7E 01 02"));
+
+    feed("BB 00 02 7E");
+    gNow += 2000;
+    feed("01 02");
+    EXPECT_EQ(
+        parser.logs(),
+        (QStringList{"Check data interval drop bytes: bb", "Check data interval drop bytes: 00",
+                     "Check data interval drop bytes: 02", "Check data interval drop bytes: 7e",
+                     "Drop Byte: 01", "Drop Byte: 02"}));
+    EXPECT_TRUE(parser.getPacket(false).isEmpty());
+    EXPECT_EQ(parser.bufferedSize(), 0);
+
+    feed("BB 00 02");
+    gNow += 2000;
+    parser.feedData(nullptr, 0);
+    EXPECT_EQ(parser.logs().size(), 3);
+    EXPECT_EQ(parser.bufferedSize(), 0);
+    EXPECT_TRUE(parser.getPacket(false).isEmpty());
+
+    feed("BB 00 01");
+    gNow += 5000;
+    parser.reset();
+    feed("BB 00 00 80");
+    EXPECT_TRUE(parser.logs().isEmpty());
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 80"));
+}
+
+TEST(ParserFlush, BehavesLikeNormalCuttingWithoutNesting)
+{
+    const QByteArray reply = debugReply(0x12345678);
+    for (auto type : {PXParser::ServerFrames, PXParser::DebugPackets}) {
+        PXParser normal(type), flushing(type);
+        const QByteArray stream = hex("01") + pxproto::event(1) + hex("7E") + pxproto::ping() +
+                                  reply + hex("BB AD 00 00 80");
+        for (char c : stream) {
+            normal.feedData(QByteArray(1, c));
+            flushing.feedData(QByteArray(1, c));
+            for (;;) {
+                const QByteArray packet = normal.getPacket(false);
+                ASSERT_EQ(flushing.getPacket(true), packet);
+                ASSERT_EQ(flushing.logs(), normal.logs());
+                if (packet.isEmpty())
+                    break;
+            }
+        }
+        EXPECT_EQ(normal.bufferedSize(), flushing.bufferedSize());
+    }
+}
+
+TEST_F(Parser, ChangeTypeEmptiesBufferSwitchesStartByteAndRejectsInvalidTypes)
+{
+    feed("BB 00 05 7F 00");
+    parser.changeType(PXParser::ServerFrames);
+    EXPECT_EQ(parser.bufferedSize(), 0);
+    parser.changeType(PXParser::DebugPackets);
+    feed("BB AD 00 00 01");
+    EXPECT_EQ(parser.logs(), (QStringList{"Drop Byte: bb"}));
+    EXPECT_EQ(parser.getPacket(false), hex("AD 00 00 01"));
+
+    PXParser fresh(static_cast<PXParser::Type>(9));
+    EXPECT_EQ(fresh.type(), PXParser::ServerFrames);
+    use(PXParser::EscapedDebugStream);
+    feed("AD 00");
+    EXPECT_FALSE(parser.changeType(static_cast<PXParser::Type>(-1)));
+    EXPECT_EQ(parser.getStartByte(), pxproto::DebugStart);
+    EXPECT_EQ(parser.bufferedSize(), 0);
+    feed("AD 5C EE");
+    EXPECT_EQ(parser.buffered(), hex("AD 11"));
+}
+
+TEST_F(Parser, UndoesXonXoffEscapingAlsoAcrossFeeds)
+{
+    use(PXParser::EscapedDebugStream);
+    const std::pair<const char*, const char*> cases[] = {
+        {"AD 5C EE", "AD 11"},       {"AD 5C A3", "AD 5C"}, {"AD 5C 5C EE", "AD 11"},
+        {"AD 5C EC 41", "AD 13 41"}, {"5C 52 00", "AD 00"}, {"5C 52", "AD"}};
+    for (const auto& [input, buffered] : cases) {
+        // Fed twice: whole, and one byte at a time (an escape may end a piece).
+        parser.reset();
+        feed(input);
+        EXPECT_EQ(parser.buffered(), hex(buffered)) << input;
+        parser.reset();
+        for (char c : hex(input))
+            parser.feedData(QByteArray(1, c));
+        EXPECT_EQ(parser.buffered(), hex(buffered)) << input;
+    }
+}
+
+TEST_F(Parser, ExtractsNestedDebugReplyFirstAndClosesUpTheOuterPacket)
+{
+    use(PXParser::EscapedDebugStream);
+    const QByteArray outer = pxproto::debugPacket(0x05, "0123456789abcdefghij", 20);
+    const QByteArray reply = debugReply(0xA1B2C3D4);
+    const QByteArray next = pxproto::debugPacket(0x06, "0123456789", 10);
+    QByteArray stream = outer;
+    stream.insert(10, reply);
+    parser.feedData(EscapeXonXoff(stream + next));
+
+    EXPECT_EQ(parser.getPacket(false), reply);
+    EXPECT_EQ(parser.logs(), (QStringList{"Extract nested packet: AD 00 06 FF 00 D4 C3 B2 A1 FB"}));
+    EXPECT_EQ(parser.getPacket(false), outer);
+    // Fewer than ten bytes follow `next`: held back, as a nested reply may still come.
+    EXPECT_TRUE(parser.getPacket(false).isEmpty());
+    EXPECT_TRUE(parser.isNestedWaiting());
+    EXPECT_EQ(parser.getPacket(true), next);
+}
+
+// A reply at the front, or within two bytes of it, is handed out at once (other packets wait
+// until ten bytes follow them: see above).
+TEST_F(Parser, ReplyNearTheFrontIsReleasedAtOnce)
+{
+    use(PXParser::EscapedDebugStream);
+    const QByteArray reply = debugReply(0x01020304);
+    parser.feedData(reply + hex("AD 00"));
+    EXPECT_EQ(parser.getPacket(false), reply);
+    EXPECT_TRUE(parser.logs().isEmpty());
+    for (int offset = 1; offset <= 3; ++offset) {
+        parser.reset();
+        parser.feedData(hex("AD 00 00").left(offset) + reply);
+        EXPECT_EQ(parser.getPacket(false), offset < 3 ? reply : QByteArray()) << offset;
+        EXPECT_EQ(parser.getPacket(true), offset < 3 ? QByteArray() : reply) << offset;
+    }
+    // With a wrong checksum it is no reply: held back, then cut by its length.
+    QByteArray bad = reply;
+    bad[9] = char(bad[9] ^ 0x01);
+    parser.reset();
+    parser.feedData(bad);
+    EXPECT_TRUE(parser.getPacket(false).isEmpty());
+    EXPECT_EQ(parser.getPacket(true), bad);
+    parser.feedData(bad + pxproto::debugPacket(0x06, "012345678", 9));
+    EXPECT_EQ(parser.getPacket(false), bad);
+    EXPECT_TRUE(parser.logs().isEmpty());
+}
+
+TEST_F(Parser, ReplyWithCommandNeedsExpectedCommandAndLength)
+{
+    use(PXParser::EscapedDebugStream);
+    const QByteArray outer = pxproto::debugPacket(0x05, "0123456789abcdefghij", 20);
+    QByteArray stream = outer;
+    stream.insert(8, debugReply(0x55667788, 0x82));
+    parser.feedData(stream);
+    EXPECT_EQ(parser.getPacket(true), stream.left(outer.size())) << "not recognised";
+
+    parser.reset();
+    parser.setExpectedCommand(0x82);
+    parser.setExpectedLength(4);
+    parser.feedData(stream);
+    EXPECT_EQ(parser.getPacket(true), debugReply(0x55667788, 0x82));
+    EXPECT_EQ(parser.getPacket(true), outer);
+    parser.reset();
+    EXPECT_EQ(parser.getExpectedCommand(), 0);
+    EXPECT_EQ(parser.getExpectedLength(), 0u);
+}
+
+TEST(LogBytes, FormatsAndMarksTheCut)
+{
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"01 A0 FF 00 7E", 3, "01 A0 FF ..."},
+        {"01 A0 FF 00 7E", 10, "01 A0 FF 00 7E"},
+        {"01 A0 FF 00 7E", 5, "01 A0 FF 00 7E"},
+        {"0a", 1, "0A"},
+        {"", 0, ""},
+        {"", 4, ""},
+        {"01", 0, " ..."},
+        {"01", -3, " ..."},
+        {"", -1, " ..."}};
+    for (const auto& [data, maxBytes, text] : cases)
+        EXPECT_EQ(PXLogBytes(hex(data), maxBytes), QByteArray(text)) << data << maxBytes;
+}
+
+TEST(LogString, FormatsLikePrintfAndCutsAt8191Bytes)
+{
+    EXPECT_EQ(PXLogString("Drop Byte: %02x", 0xAB), QStringLiteral("Drop Byte: ab"));
+    EXPECT_EQ(PXLogString("%s", "\xC3\xA4"), QString(QChar(0xE4)));
+    const QByteArray longText(9000, 'x');
+    EXPECT_EQ(PXLogString("%s", longText.constData()), QString(8191, QLatin1Char('x')));
+    EXPECT_EQ(PXLogBytes(longText, 3000).size(), 3000 * 3 - 1 + 4);
+}
+
+} // namespace
