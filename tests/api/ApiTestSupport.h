@@ -2,7 +2,7 @@
 #define PELLIX_TESTS_APITESTSUPPORT_H
 
 // Helpers of the C interface tests: a fake server that behaves like target memory and
-// records the accesses it serves, and small file helpers.
+// records the accesses it serves, a stand-in "pellix" for the launch tests, file helpers.
 
 #include "FakeServer.h"
 
@@ -18,71 +18,63 @@
 
 namespace apitest {
 
-// One memory request as the server saw it.
+// One memory request as the server saw it: kind, access code, address, bytes.
 struct Access
 {
-    enum Kind { Read, BlockRead, InternalRead, Write };
+    enum Kind { Read, BlockRead, Write };
     Kind kind;
-    unsigned char code; // access code of the request
+    unsigned char code;
     quint32 address;
-    quint32 size; // bytes read or written
-    bool operator==(const Access& other) const
+    quint32 size;
+    bool operator==(const Access& o) const
     {
-        return kind == other.kind && code == other.code && address == other.address &&
-               size == other.size;
+        return kind == o.kind && code == o.code && address == o.address && size == o.size;
     }
 };
 std::ostream& operator<<(std::ostream& out, const Access& access);
 
-// Shorthands for expected accesses: a plain read of 1, 2 or 4 bytes or a block read of more;
-// a write of any size (its access code follows from the size).
+// A plain read of 1, 2 or 4 bytes or a block read of any other size; a write of any size.
 Access read(quint32 address, quint32 size);
 Access write(quint32 address, quint32 size);
-
-// The memory requests among the frames a client sent, in order.
-QList<Access> accesses(const QList<QByteArray>& frames);
 
 // What unwritten memory of the MemoryServer holds.
 unsigned char patternByte(quint32 address);
 
-// A FakeServer that answers like the simulator: reads (from the pattern or what was written),
-// writes (acknowledged), ping, status (a chosen byte), forced reconnection (completion).
-// Reads that touch a poisoned address are answered with read data for a wrong address (the
-// library fails them at once); writes that touch one are never acknowledged.
+// A FakeServer that answers like the simulator: reads (the pattern or what was written),
+// writes, ping, status (a chosen byte, or silence), forced reconnection. Reads touching a
+// poisoned address get data for a wrong address (failed at once); writes touching one get
+// no acknowledgement.
 class MemoryServer
 {
 public:
     MemoryServer();
-
     FakeServer& fake() { return server; }
     quint16 port() const { return server.port(); }
-
-    void setStatusByte(unsigned char status);
-    // Leaves status requests unanswered.
-    void setStatusSilent(bool silent);
+    void setStatus(int status); // -1: leave status requests unanswered
     void poison(quint32 address);
-
-    unsigned char byteAt(quint32 address) const;
-    // The memory requests received so far, and forgetting them.
-    QList<Access> accesses() const { return apitest::accesses(server.frames()); }
+    QList<Access> accesses() const; // the memory requests received so far
     void clear() { server.clearReceived(); }
 
 private:
-    void respond(FakeServer& fake, int client, const QByteArray& frame);
-    bool touchesPoison(quint32 address, quint32 size) const;
-    QByteArray readMemory(quint32 address, quint32 size) const;
+    void respond(int client, const QByteArray& frame);
 
     mutable std::mutex mutex;
     std::map<quint32, unsigned char> written;
     std::set<quint32> poisoned;
-    unsigned char statusByte = 5;
-    bool statusSilent = false;
+    int statusByte = 5;
     FakeServer server;
 };
 
-// Writes `lines`, each ended by a line feed, to `path`. Returns the path.
-QString writeLines(const QString& path, const QStringList& lines);
+// Writes `lines`, each ended by a line feed, to `path`; returns the path in local encoding.
+QByteArray writeLines(const QString& path, const QStringList& lines);
 QByteArray readFile(const QString& path);
+// Puts an executable "pellix" into `folder` that records its arguments in arguments.txt and,
+// with `runServer`, goes on to run the real simulator with them.
+bool writeStandIn(const QString& folder, bool runServer);
+// The stand-in's recorded arguments; empty when it never ran.
+QStringList standInArguments(const QString& folder);
+// True once nothing accepts connections on 127.0.0.1:`port` (within 10 s).
+bool waitUntilNothingListens(quint16 port);
 
 } // namespace apitest
 

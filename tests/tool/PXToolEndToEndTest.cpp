@@ -1,20 +1,21 @@
 // pxtool end to end: the real executable against the real pellix simulator. Each case owns a
 // serial port number in 200..249 (TCP 7900..7949), so the cases run in parallel.
 
+#include "RefusedPort.h"
 #include "SimulatorProcess.h"
 
-#include <QByteArray>
 #include <QDateTime>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QTcpServer>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 #include <pellix/api/PXLLibraryApi.h>
+
+#include <memory>
 
 namespace {
 
@@ -25,72 +26,41 @@ struct ToolRun
     QString err;
 };
 
-QString toolPath()
-{
-    return SimulatorProcess::binaryFolder() + QStringLiteral("/pxtool");
-}
-
-ToolRun runTool(const QStringList& arguments, int timeoutMs = 60000)
-{
-    QProcess process;
-    process.start(toolPath(), arguments);
-    ToolRun run;
-    if (!process.waitForFinished(timeoutMs)) {
-        process.kill();
-        process.waitForFinished();
-        run.err = QStringLiteral("pxtool did not finish in time");
-        return run;
-    }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    run.err = QString::fromLocal8Bit(process.readAllStandardError());
-    return run;
-}
-
 // Prints what a failing expectation needs to see.
-std::string describe(const ToolRun& run)
+std::ostream& operator<<(std::ostream& stream, const ToolRun& run)
 {
-    return QStringLiteral("exit %1\nstdout:\n%2\nstderr:\n%3")
-        .arg(run.exitCode)
-        .arg(run.out, run.err)
-        .toStdString();
+    return stream << "exit " << run.exitCode << "\nstdout:\n"
+                  << run.out.toStdString() << "\nstderr:\n"
+                  << run.err.toStdString();
 }
 
-// The text of a result code as the tool prints it: "error <code>: <text>".
-QString errorText(unsigned int code)
-{
-    return QStringLiteral("error %1: %2").arg(code).arg(QString::fromLatin1(PXST_ResultText(code)));
-}
-
-// A started pxtool that keeps running (events, bypass-listen) while the test acts.
-class RunningTool
+// A started pxtool; finish() waits for it, waitForError() watches it while it runs.
+class Tool
 {
 public:
-    explicit RunningTool(const QStringList& arguments) { process.start(toolPath(), arguments); }
-    ~RunningTool()
+    explicit Tool(const QStringList& arguments)
     {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished();
-        }
+        process.start(SimulatorProcess::binaryFolder() + "/pxtool", arguments);
     }
-    // Waits until stderr holds `text`.
-    bool waitForError(const QString& text, int timeoutMs = 15000)
+    ~Tool()
     {
-        QElapsedTimer timer;
-        timer.start();
-        while (!err.contains(text)) {
-            if (timer.elapsed() > timeoutMs || process.state() == QProcess::NotRunning)
-                return err.contains(text);
+        process.kill();
+        process.waitForFinished();
+    }
+    bool waitForError(const QString& text)
+    {
+        const QDeadlineTimer deadline(15000);
+        while (!err.contains(text) && !deadline.hasExpired() &&
+               process.state() != QProcess::NotRunning) {
             process.waitForReadyRead(100);
             err += QString::fromLocal8Bit(process.readAllStandardError());
         }
-        return true;
+        return err.contains(text);
     }
-    ToolRun finish(int timeoutMs = 15000)
+    ToolRun finish()
     {
         ToolRun run;
-        if (process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit)
+        if (process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit)
             run.exitCode = process.exitCode();
         run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
         run.err = err + QString::fromLocal8Bit(process.readAllStandardError());
@@ -102,6 +72,17 @@ private:
     QString err;
 };
 
+ToolRun runTool(const QStringList& arguments)
+{
+    return Tool(arguments).finish();
+}
+
+// The text of a result code as the tool prints it: "error <code>: <text>".
+QString errorText(unsigned int code)
+{
+    return QStringLiteral("error %1: %2").arg(code).arg(QString::fromLatin1(PXST_ResultText(code)));
+}
+
 // A simulator for serial port `port`, listening on 7700 + port like a started server.
 class ToolTest : public ::testing::Test
 {
@@ -111,19 +92,29 @@ protected:
         comPort = port;
         simulator = std::make_unique<SimulatorProcess>(SimulatorProcess::withArguments(
             {QStringLiteral("COM%1").arg(port), QStringLiteral("921600"), QStringLiteral("none")}));
-        ASSERT_TRUE(simulator->isListening()) << "simulator for COM" << port << " did not start";
-        ASSERT_EQ(simulator->port(), 7700 + port);
+        ASSERT_EQ(simulator->port(), 7700 + port) << "simulator for COM" << port;
     }
     ToolRun tool(const QStringList& arguments)
     {
-        return runTool(QStringList{QStringLiteral("--port"), QString::number(comPort)} + arguments);
+        return runTool(QStringList{"--port", QString::number(comPort)} + arguments);
+    }
+    // Runs the command, expecting `exitCode` and exactly `out` on stdout (null: not checked).
+    ToolRun expect(const QStringList& arguments, int exitCode, const char* out = "")
+    {
+        const ToolRun run = tool(arguments);
+        EXPECT_EQ(run.exitCode, exitCode) << arguments.join(' ').toStdString() << "\n" << run;
+        EXPECT_TRUE(out == nullptr || run.out.toStdString() == out)
+            << arguments.join(' ').toStdString() << "\n"
+            << run;
+        return run;
     }
     QString file(const QString& name) const { return folder.filePath(name); }
-    void writeFile(const QString& name, const QByteArray& content) const
+    // Writes `content` to the file `name` of the test's folder, or reads it back.
+    QString writeFile(const QString& name, const QByteArray& content) const
     {
         QFile f(file(name));
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(content);
+        EXPECT_TRUE(f.open(QIODevice::WriteOnly) && f.write(content) == content.size());
+        return f.fileName();
     }
     QByteArray readFile(const QString& name) const
     {
@@ -138,167 +129,129 @@ protected:
 
 // ---- without a server -------------------------------------------------------------------
 
-struct UsageCase
-{
-    QStringList arguments;
-    const char* message;
-};
-
 TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
 {
     // Port 249 has no server; a usage error must be found before any connection attempt
     // (which would start one).
-    const UsageCase cases[] = {
+    const QStringList p{"--port", "249"};
+    const std::pair<QStringList, const char*> cases[] = {
+        // clang-format off
         {{}, "no command given"},
         {{"frobnicate"}, "unknown command 'frobnicate'"},
-        {{"--port", "249", "ping", "--bogus"}, "unknown option '--bogus'"},
-        {{"--port", "249", "read32"}, "missing argument: expected 'read32 ADDRESS'"},
-        {{"--port", "249", "read32", "1", "2"}, "too many arguments"},
-        {{"--port", "249", "read32", "xyz"}, "bad address 'xyz'"},
-        {{"--port", "249", "read32", "0x100000000"}, "bad address '0x100000000'"},
-        {{"--port", "249", "write8", "0x10", "0x100"}, "bad value '0x100'"},
-        {{"--port", "249", "write16", "0x10", "-1"}, "unknown option '-1'"},
-        {{"--port", "249", "read", "0x10", "4k"}, "bad size '4k'"},
-        {{"--port", "249", "dump", "0", "0x40000000", "f"}, "bad word count"},
-        {{"--port", "249", "flow-mode", "fast"}, "bad flow mode 'fast'"},
-        {{"--port", "249", "usb-id", "0x10000", "1"}, "bad first USB id"},
-        {{"--port", "249", "bypass-send", "0x100"}, "bad flow id '0x100'"},
-        {{"--port", "249", "bypass-send", "1", "0g"}, "bad data '0g'"},
-        {{"--port", "249", "bypass-listen", "1,x"}, "bad flow id 'x'"},
-        {{"--port", "249", "events", "--wait", "1", "--count", "2"}, "--wait cannot be combined"},
-        {{"--port", "249", "write", "0"}, "give either a FILE or --data HEX"},
-        {{"--port", "249", "read-masked", "0"}, "give either --mask HEX or --mask-file FILE"},
-        {{"--port", "249", "read-masked", "0", "--mask", "f"}, "bad --mask 'f'"},
+        {p + QStringList{"ping", "--bogus"}, "unknown option '--bogus'"},
+        {p + QStringList{"read32"}, "missing argument: expected 'read32 ADDRESS'"},
+        {p + QStringList{"read32", "1", "2"}, "too many arguments"},
+        {p + QStringList{"read32", "xyz"}, "bad address 'xyz'"},
+        {p + QStringList{"write8", "0x10", "0x100"}, "bad value '0x100'"},
+        {p + QStringList{"write16", "0x10", "-1"}, "unknown option '-1'"},
+        {p + QStringList{"read", "0x10", "4k"}, "bad size '4k'"},
+        {p + QStringList{"dump", "0", "0x40000000", "f"}, "bad word count"},
+        {p + QStringList{"flow-mode", "fast"}, "bad flow mode 'fast'"},
+        {p + QStringList{"usb-id", "0x10000", "1"}, "bad first USB id"},
+        {p + QStringList{"bypass-send", "0x100"}, "bad flow id '0x100'"},
+        {p + QStringList{"bypass-send", "1", "0g"}, "bad data '0g'"},
+        {p + QStringList{"events", "--wait", "1", "--count", "2"}, "--wait cannot be combined"},
+        {p + QStringList{"write", "0"}, "give either a FILE or --data HEX"},
+        {p + QStringList{"read-masked", "0"}, "give either --mask HEX or --mask-file FILE"},
+        {p + QStringList{"read-masked", "0", "--mask", "f"}, "bad --mask 'f'"},
+        {p + QStringList{"--out", "f", "read", "0", "4"}, "command options go after the command"},
+        {p + QStringList{"read", "0", "4", "--out"}, "needs a value"},
+        {p + QStringList{"ping", "--quiet=1"}, "takes no value"},
+        {p + QStringList{"ping", "--port", "2"}, "given twice"},
+        {p + QStringList{"--flow", "fast", "ping"}, "bad --flow 'fast'"},
         {{"ping"}, "give the target's port with --port N"},
         {{"--port", "x", "ping"}, "bad port number 'x'"},
         {{"--port", "1", "--host", "h", "ping"}, "--port cannot be combined"},
         {{"--host", "127.0.0.1", "ping"}, "--host needs --tcp-port"},
-        {{"--port", "249", "--flow", "fast", "ping"}, "bad --flow 'fast'"},
-        {{"help", "nothing"}, "unknown command 'nothing'"},
+        // clang-format on
     };
-    for (const UsageCase& c : cases) {
-        const ToolRun run = runTool(c.arguments);
-        EXPECT_EQ(run.exitCode, 2) << c.arguments.join(' ').toStdString() << "\n" << describe(run);
-        EXPECT_TRUE(run.err.contains(QLatin1String(c.message)))
-            << c.arguments.join(' ').toStdString() << "\n"
-            << describe(run);
-        EXPECT_TRUE(run.out.isEmpty()) << describe(run);
+    for (const auto& [arguments, message] : cases) {
+        const ToolRun run = runTool(arguments);
+        EXPECT_EQ(run.exitCode, 2) << arguments.join(' ').toStdString() << "\n" << run;
+        EXPECT_TRUE(run.err.contains(QLatin1String(message)) && run.out.isEmpty())
+            << arguments.join(' ').toStdString() << "\n"
+            << run;
     }
     // Nothing was started on port 249 by any of them.
-    const ToolRun probe = runTool({"--port", "249", "--no-start", "ping"});
-    EXPECT_EQ(probe.exitCode, 1) << describe(probe);
+    EXPECT_EQ(runTool(p + QStringList{"--no-start", "ping"}).exitCode, 1);
 }
 
 TEST(PXToolUsage, HelpForTheToolAndEveryCommand)
 {
     const ToolRun all = runTool({"--help"});
-    ASSERT_EQ(all.exitCode, 0) << describe(all);
+    ASSERT_EQ(all.exitCode, 0) << all;
     EXPECT_TRUE(all.out.contains("Exit status:"));
-    const QStringList commands = {
-        "ping",          "status",      "read8",    "read16",  "read32",    "read-internal",
-        "read",          "read-masked", "write8",   "write16", "write32",   "write-internal",
-        "write",         "load",        "verify",   "dump",    "events",    "bypass-send",
-        "bypass-listen", "kill",        "clean",    "flush",   "reconnect", "break",
-        "flow-mode",     "usb-id",      "auto-baud"};
-    for (const QString& command : commands) {
-        EXPECT_TRUE(all.out.contains(QRegularExpression("\\n  " + command + " +\\w")))
-            << command.toStdString();
-        const ToolRun a = runTool({"help", command});
-        const ToolRun b = runTool({command, "--help"});
-        EXPECT_EQ(a.exitCode, 0) << describe(a);
-        EXPECT_EQ(b.exitCode, 0) << describe(b);
-        EXPECT_TRUE(a.out.startsWith("Usage: pxtool [options] " + command)) << describe(a);
-        EXPECT_EQ(a.out, b.out);
+    for (const char* command :
+         {"ping",          "status",      "read8",    "read16",  "read32",    "read-internal",
+          "read",          "read-masked", "write8",   "write16", "write32",   "write-internal",
+          "write",         "load",        "verify",   "dump",    "events",    "bypass-send",
+          "bypass-listen", "kill",        "clean",    "flush",   "reconnect", "break",
+          "flow-mode",     "usb-id",      "auto-baud"}) {
+        EXPECT_TRUE(
+            all.out.contains(QRegularExpression(QStringLiteral("\\n  %1 +\\w").arg(command))))
+            << command;
+        const ToolRun a = runTool({"help", command}), b = runTool({command, "--help"});
+        EXPECT_EQ(a.exitCode, 0) << a;
+        EXPECT_TRUE(a.out.startsWith(QStringLiteral("Usage: pxtool [options] %1").arg(command)))
+            << a;
+        EXPECT_EQ(a.out, b.out) << b;
     }
 }
 
 TEST(PXToolUsage, ConnectionFailureReportsResultElevenWithItsText)
 {
-    // A port that was free a moment ago: nothing listens there.
-    QTcpServer probe;
-    ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
-    const quint16 port = probe.serverPort();
-    probe.close();
-
-    const ToolRun run =
-        runTool({"--host", "127.0.0.1", "--tcp-port", QString::number(port), "ping"});
-    EXPECT_EQ(run.exitCode, 1) << describe(run);
-    EXPECT_TRUE(run.err.contains("pxtool: ping: " + errorText(11))) << describe(run);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("no server at 127.0.0.1:%1").arg(port)))
-        << describe(run);
-
+    const QString port = QString::number(refusedPort());
+    ToolRun run = runTool({"--host", "127.0.0.1", "--tcp-port", port, "ping"});
+    EXPECT_EQ(run.exitCode, 1) << run;
+    EXPECT_TRUE(run.err.contains("pxtool: ping: " + errorText(11)) &&
+                run.err.contains("no server at 127.0.0.1:" + port))
+        << run;
     // kill never starts a server, so with none on port 248 it fails the same way.
-    const ToolRun kill = runTool({"--port", "248", "kill"});
-    EXPECT_EQ(kill.exitCode, 1) << describe(kill);
-    EXPECT_TRUE(kill.err.contains(errorText(11))) << describe(kill);
-    EXPECT_TRUE(kill.err.contains("no server for COM248 at 127.0.0.1:7948")) << describe(kill);
+    run = runTool({"--port", "248", "kill"});
+    EXPECT_EQ(run.exitCode, 1) << run;
+    EXPECT_TRUE(run.err.contains(errorText(11) + " (no server for COM248 at 127.0.0.1:7948"))
+        << run;
 }
 
 // ---- against a simulator ------------------------------------------------------------------
 
 TEST_F(ToolTest, OpenStartsTheServerBesideTheToolAndKillStopsIt)
 {
-    // No SimulatorProcess here: pxtool's PXST_Open starts "pellix COM201 ..." itself.
-    ToolRun run = runTool({"--port", "201", "--no-start", "ping"});
-    ASSERT_EQ(run.exitCode, 1) << "a server already runs on port 201\n" << describe(run);
-
-    run = runTool({"--port", "201", "--baud", "115200", "--flow", "hardware", "ping"});
-    const bool started = run.exitCode == 0;
-    EXPECT_TRUE(started) << describe(run);
-    EXPECT_TRUE(run.out.startsWith("reply in ")) << describe(run);
-    if (started) {
-        run = runTool({"--port", "201", "write32", "0x100", "0xCAFE"});
-        EXPECT_EQ(run.exitCode, 0) << describe(run);
-        run = runTool({"--port", "201", "read32", "0x100"});
-        EXPECT_EQ(run.out, "0x0000CAFE\n") << describe(run);
-    }
-    run = runTool({"--port", "201", "kill"});
-    EXPECT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_TRUE(run.out.isEmpty() && run.err.isEmpty()) << describe(run);
-
+    // No simulator started here: pxtool's PXST_Open starts "pellix COM201 ..." itself.
+    comPort = 201;
+    ASSERT_EQ(tool({"--no-start", "ping"}).exitCode, 1) << "a server already runs on port 201";
+    const ToolRun run = expect({"--baud", "115200", "--flow", "hardware", "ping"}, 0, nullptr);
+    EXPECT_TRUE(run.out.startsWith("reply in ")) << run;
+    expect({"write32", "0x100", "0xCAFE"}, 0);
+    expect({"read32", "0x100"}, 0, "0x0000CAFE\n");
+    EXPECT_TRUE(expect({"kill"}, 0).err.isEmpty());
     // The server exits after reading the request: wait until nothing answers any more.
-    QElapsedTimer timer;
-    timer.start();
+    const QDeadlineTimer deadline(10000);
     bool stopped = false;
-    while (!stopped && timer.elapsed() < 10000)
-        stopped = runTool({"--port", "201", "--no-start", "ping"}).exitCode == 1;
+    while (!stopped && !deadline.hasExpired())
+        stopped = tool({"--no-start", "ping"}).exitCode == 1;
     EXPECT_TRUE(stopped) << "the started server still answers after kill";
 }
-
-struct ValueCase
-{
-    const char* write;
-    const char* read;
-    const char* address;
-    const char* value;
-    const char* printed;
-};
 
 TEST_F(ToolTest, SingleValuesRoundTrip)
 {
     startSimulator(202);
-    const ValueCase cases[] = {
+    const char* const cases[][5] = {
+        // write command, read command, address, value, printed
         {"write8", "read8", "0x1001", "0xAB", "0xAB\n"},
         {"write8", "read8", "0x1002", "7", "0x07\n"},
-        {"write16", "read16", "0x2002", "0xBEEF", "0xBEEF\n"},
         {"write16", "read16", "0x2005", "65535", "0xFFFF\n"}, // odd address: two byte reads
         {"write32", "read32", "0x3000", "0x12345678", "0x12345678\n"},
         {"write32", "read32", "0x3006", "4294967295", "0xFFFFFFFF\n"},
         {"write-internal", "read-internal", "0x10", "0x5A", "0x5A\n"},
     };
-    for (const ValueCase& c : cases) {
-        ToolRun run = tool({c.write, c.address, c.value});
-        EXPECT_EQ(run.exitCode, 0) << c.write << "\n" << describe(run);
-        EXPECT_TRUE(run.out.isEmpty()) << describe(run);
-        run = tool({c.read, c.address});
-        EXPECT_EQ(run.exitCode, 0) << c.read << "\n" << describe(run);
-        EXPECT_EQ(run.out.toStdString(), c.printed) << c.read << " " << c.address;
+    for (const auto& c : cases) {
+        expect({c[0], c[2], c[3]}, 0);
+        expect({c[1], c[2]}, 0, c[4]);
     }
-    // Bytes go least significant first: the 32-bit value at 0x3000 reads back byte by byte.
-    ToolRun run = tool({"read8", "0x3000"});
-    EXPECT_EQ(run.out, "0x78\n");
-    run = tool({"read16", "0x3002"});
-    EXPECT_EQ(run.out, "0x1234\n");
+    // Bytes go least significant first.
+    expect({"read8", "0x3000"}, 0, "0x78\n");
+    expect({"read16", "0x3002"}, 0, "0x1234\n");
 }
 
 TEST_F(ToolTest, BlocksFromFilesHexAndMasks)
@@ -308,175 +261,123 @@ TEST_F(ToolTest, BlocksFromFilesHexAndMasks)
     QByteArray data;
     for (int i = 0; i < 100 * 1024 + 3; ++i)
         data.append(char((i * 7 + i / 256) & 0xFF));
-    writeFile("in.bin", data);
-    ToolRun run = tool({"write", "0x40001", file("in.bin")});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_TRUE(run.out.startsWith("write: 100.00 KiB in ")) << describe(run);
-    run = tool({"read", "0x40001", QString::number(data.size()), "--out", file("out.bin")});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
+    EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, nullptr)
+                    .out.startsWith("write: 100.00 KiB in "));
+    const ToolRun run = expect({"read", "0x40001", "102403", "--out", file("out.bin")}, 0, nullptr);
     EXPECT_TRUE(readFile("out.bin") == data);
-    EXPECT_TRUE(run.err.isEmpty()) << "no progress bar without a terminal\n" << describe(run);
+    EXPECT_TRUE(run.err.isEmpty()) << "no progress bar without a terminal\n" << run;
 
-    run = tool({"write", "0x1000", "--data", "41 42 43 00 ff"});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    run = tool({"read", "0x1000", "5"});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_EQ(run.out.toStdString(),
-              "00001000  41 42 43 00 ff" + std::string(11 * 3 + 1, ' ') + "  |ABC..|\n");
-
-    run = tool({"read-masked", "0x1000", "--mask", "ff 00 ff 0f ff"});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_EQ(run.out.toStdString(),
-              "00001000  41 -- 43 -- ff" + std::string(11 * 3 + 1, ' ') + "  |A.C..|\n");
-    writeFile("mask.bin", QByteArray::fromHex("00ffff00ff"));
-    run = tool({"read-masked", "0x1000", "--mask-file", file("mask.bin"), "--out", file("m.bin")});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
+    const std::string pad(11 * 3 + 1, ' ');
+    expect({"write", "0x1000", "--data", "41 42 43 00 ff"}, 0);
+    expect({"read", "0x1000", "5"}, 0, ("00001000  41 42 43 00 ff" + pad + "  |ABC..|\n").c_str());
+    expect({"read-masked", "0x1000", "--mask", "ff 00 ff 0f ff"}, 0,
+           ("00001000  41 -- 43 -- ff" + pad + "  |A.C..|\n").c_str());
+    const QString mask = writeFile("mask.bin", QByteArray::fromHex("00ffff00ff"));
+    expect({"read-masked", "0x1000", "--mask-file", mask, "--out", file("m.bin")}, 0);
     EXPECT_EQ(readFile("m.bin").toHex(), QByteArray("00424300ff"));
 
-    // A file the tool reads itself: exit 3 with the system's reason, nothing connected.
-    run = tool({"write", "0x1000", file("missing.bin")});
-    EXPECT_EQ(run.exitCode, 3) << describe(run);
-    EXPECT_TRUE(run.err.contains("cannot open '" + file("missing.bin") + "': No such file"))
-        << describe(run);
-    run = tool({"read", "0", "4", "--out", file("no/such/folder/x")});
-    EXPECT_EQ(run.exitCode, 3) << describe(run);
+    // A file the tool reads or writes itself: exit 3 with the system's reason.
+    EXPECT_TRUE(expect({"write", "0x1000", file("missing.bin")}, 3)
+                    .err.contains("cannot open '" + file("missing.bin") + "': No such file"));
+    expect({"read", "0", "4", "--out", file("no/such/folder/x")}, 3);
 }
 
 TEST_F(ToolTest, LoadVerifyDumpAndTheirFailures)
 {
     startSimulator(204);
-    writeFile("good.lod", "# two packets\n@00001000\n11111111\n22222222\n33333333\n\n"
-                          "@00002000\nABCDEF01\n@F0000000\n99999999\n");
-    ToolRun run = tool({"load", file("good.lod"), "--verify"});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_TRUE(run.out.contains("load: " + file("good.lod") + ": 16 B written in "))
-        << describe(run);
-    EXPECT_TRUE(run.out.contains("verify: " + file("good.lod") + ": 16 B match in "))
-        << describe(run);
-    run = tool({"read32", "0x2000"});
-    EXPECT_EQ(run.out, "0xABCDEF01\n");
-
-    run = tool({"dump", "0x1000", "3", file("dump.lod")});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
+    const QString good =
+        writeFile("good.lod", "# two packets\n@00001000\n11111111\n22222222\n33333333\n\n"
+                              "@00002000\nABCDEF01\n@F0000000\n99999999\n");
+    ToolRun run = expect({"load", good, "--verify"}, 0, nullptr);
+    EXPECT_TRUE(run.out.contains("load: " + good + ": 16 B written in ") &&
+                run.out.contains("verify: " + good + ": 16 B match in "))
+        << run;
+    expect({"read32", "0x2000"}, 0, "0xABCDEF01\n");
+    expect({"dump", "0x1000", "3", file("dump.lod")}, 0, nullptr);
     EXPECT_EQ(readFile("dump.lod"), QByteArray("@00001000\n11111111\n22222222\n33333333\n"));
-    run = tool({"--quiet", "dump", "0x1000", "2", file("dump.bin"), "--binary"});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_TRUE(run.out.isEmpty()) << describe(run);
+    expect({"--quiet", "dump", "0x1000", "2", file("dump.bin"), "--binary"}, 0);
     EXPECT_EQ(readFile("dump.bin").toHex(), QByteArray("1111111122222222"));
-
-    // The target differs in the third word of the first packet.
-    run = tool({"write32", "0x1008", "0"});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    run = tool({"verify", file("good.lod")});
-    EXPECT_EQ(run.exitCode, 1) << describe(run);
-    EXPECT_TRUE(
-        run.err.contains("pxtool: verify: " + errorText(17) + " (first difference at 0x00001008)"))
-        << describe(run);
-
-    // A data line outside a packet: the packet before it is written all the same.
-    writeFile("bad.lod", "@00005000\n00000005\n\n00000006\n");
-    run = tool({"load", file("bad.lod")});
-    EXPECT_EQ(run.exitCode, 1) << describe(run);
-    EXPECT_TRUE(run.err.contains("pxtool: load: " + errorText(15))) << describe(run);
-    EXPECT_EQ(tool({"read32", "0x5000"}).out, "0x00000005\n");
-
-    // LOD files are opened by the library: a missing one is result 16.
-    run = tool({"load", file("missing.lod")});
-    EXPECT_EQ(run.exitCode, 1) << describe(run);
-    EXPECT_TRUE(run.err.contains(errorText(16) + " (" + file("missing.lod") + ")"))
-        << describe(run);
-    run = tool({"dump", "0", "1", file("no/such/folder/x.lod")});
-    EXPECT_EQ(run.exitCode, 1) << describe(run);
-    EXPECT_TRUE(run.err.contains(errorText(16))) << describe(run);
-
     // --progress draws the bar even into a pipe, ending at 100%.
-    run = tool({"--progress", "load", file("good.lod")});
-    EXPECT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_TRUE(run.err.contains("load [") && run.err.contains("100%")) << describe(run);
+    run = expect({"--progress", "load", good}, 0, nullptr);
+    EXPECT_TRUE(run.err.contains("load [") && run.err.contains("100%")) << run;
+
+    // Failures: a mismatch with its address, a bad LOD file (the packet before the stray
+    // line is written all the same), LOD files the library cannot open (16).
+    expect({"write32", "0x1008", "0"}, 0);
+    const QString bad = writeFile("bad.lod", "@00005000\n00000005\n\n00000006\n");
+    const std::pair<QStringList, QString> failures[] = {
+        {{"verify", good},
+         "pxtool: verify: " + errorText(17) + " (first difference at 0x00001008)"},
+        {{"load", bad}, "pxtool: load: " + errorText(15)},
+        {{"load", file("missing.lod")}, errorText(16) + " (" + file("missing.lod") + ")"},
+        {{"dump", "0", "1", file("no/such/folder/x.lod")}, errorText(16)},
+    };
+    for (const auto& [arguments, message] : failures)
+        EXPECT_TRUE(expect(arguments, 1, nullptr).err.contains(message)) << message.toStdString();
+    expect({"read32", "0x5000"}, 0, "0x00000005\n");
 }
 
-TEST_F(ToolTest, EventsAreFollowedWithTimeStamps)
+TEST_F(ToolTest, EventsAreFollowedWithTimeStampsAndAWaitTimesOut)
 {
     startSimulator(205);
-    RunningTool listener({"--port", "205", "events", "--count", "2", "--timeout", "30000"});
+    Tool listener({"--port", "205", "events", "--count", "2", "--timeout", "30000"});
     ASSERT_TRUE(listener.waitForError("events enabled, waiting"));
     const qint64 before = QDateTime::currentMSecsSinceEpoch();
-    EXPECT_EQ(tool({"write32", "0xFFFFFF00", "0x2A"}).exitCode, 0);
-    EXPECT_EQ(tool({"write32", "0xFFFFFF00", "0x2B"}).exitCode, 0);
+    expect({"write32", "0xFFFFFF00", "0x2A"}, 0);
+    expect({"write32", "0xFFFFFF00", "0x2B"}, 0);
     const ToolRun run = listener.finish();
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
+    ASSERT_EQ(run.exitCode, 0) << run;
     const QStringList lines = run.out.split('\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(lines.size(), 2) << describe(run);
+    ASSERT_EQ(lines.size(), 2) << run;
     const QRegularExpression line(
-        "^(\\d+) \\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z (0x[0-9A-F]{8})$");
-    const char* expected[] = {"0x0000002A", "0x0000002B"};
+        R"(^(\d+) \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (0x[0-9A-F]{8})$)");
     for (int i = 0; i < 2; ++i) {
         const auto match = line.match(lines[i]);
         ASSERT_TRUE(match.hasMatch()) << lines[i].toStdString();
-        EXPECT_EQ(match.captured(2).toStdString(), expected[i]);
+        EXPECT_EQ(match.captured(2), i == 0 ? "0x0000002A" : "0x0000002B");
         EXPECT_GE(match.captured(1).toLongLong(), before);
     }
-}
-
-TEST_F(ToolTest, EventWaitWithoutEventsFailsWithNineteen)
-{
-    startSimulator(206);
-    const ToolRun run = tool({"events", "--wait", "300"});
-    EXPECT_EQ(run.exitCode, 1) << describe(run);
     EXPECT_TRUE(
-        run.err.contains("pxtool: events: " + errorText(19) + " (0 of 1 received in 300 ms)"))
-        << describe(run);
-    EXPECT_TRUE(run.out.isEmpty()) << describe(run);
+        expect({"events", "--wait", "300"}, 1)
+            .err.contains("pxtool: events: " + errorText(19) + " (0 of 1 received in 300 ms)"));
 }
 
 TEST_F(ToolTest, BypassSendEchoAndListen)
 {
     startSimulator(207);
-    ToolRun run = tool({"bypass-send", "0x21", "01 02 ff", "--echo", "10000"});
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
-    EXPECT_TRUE(QRegularExpression("^\\d+ \\S+ flow 0x21 3 byte\\(s\\): 01 02 ff\\n$")
-                    .match(run.out)
+    const ToolRun echo = expect({"bypass-send", "0x21", "01 02 ff", "--echo", "10000"}, 0, nullptr);
+    EXPECT_TRUE(QRegularExpression(R"(^\d+ \S+ flow 0x21 3 byte\(s\): 01 02 ff\n$)")
+                    .match(echo.out)
                     .hasMatch())
-        << describe(run);
-
+        << echo;
     // A listener on two flows sees the packet on one of them and nothing of a third flow.
-    RunningTool listener(
+    Tool listener(
         {"--port", "207", "bypass-listen", "0x22,0x23", "--count", "1", "--timeout", "30000"});
     ASSERT_TRUE(listener.waitForError("listening on 2 flow(s)"));
-    EXPECT_EQ(tool({"bypass-send", "0x30", "aa"}).exitCode, 0);
-    EXPECT_EQ(tool({"bypass-send", "0x23"}).exitCode, 0); // empty packet
-    run = listener.finish();
-    ASSERT_EQ(run.exitCode, 0) << describe(run);
+    expect({"bypass-send", "0x30", "aa"}, 0);
+    expect({"bypass-send", "0x23"}, 0); // empty packet
+    const ToolRun run = listener.finish();
+    ASSERT_EQ(run.exitCode, 0) << run;
     EXPECT_TRUE(
-        QRegularExpression("^\\d+ \\S+ flow 0x23 0 byte\\(s\\): \\n$").match(run.out).hasMatch())
-        << describe(run);
-
-    run = tool({"bypass-listen", "0x40", "--wait", "200"});
-    EXPECT_EQ(run.exitCode, 1) << describe(run);
-    EXPECT_TRUE(run.err.contains(errorText(8))) << describe(run);
+        QRegularExpression(R"(^\d+ \S+ flow 0x23 0 byte\(s\): \n$)").match(run.out).hasMatch())
+        << run;
+    EXPECT_TRUE(expect({"bypass-listen", "0x40", "--wait", "200"}, 1).err.contains(errorText(8)));
 }
 
 TEST_F(ToolTest, ServerControlCommands)
 {
     startSimulator(208);
-    const QStringList commands[] = {
-        {"ping"},
-        {"clean"},
-        {"flush"},
-        {"break"},
-        {"auto-baud"},
-        {"flow-mode", "xonxoff"},
-        {"usb-id", "0x1234", "0xABCD"},
-        {"reconnect"},
-    };
-    for (const QStringList& command : commands) {
-        const ToolRun run = tool(command);
-        EXPECT_EQ(run.exitCode, 0) << command.join(' ').toStdString() << "\n" << describe(run);
-        EXPECT_TRUE(run.err.isEmpty()) << describe(run);
+    for (const QStringList& command : {QStringList{"ping"},
+                                       {"clean"},
+                                       {"flush"},
+                                       {"break"},
+                                       {"auto-baud"},
+                                       {"flow-mode", "xonxoff"},
+                                       {"usb-id", "0x1234", "0xABCD"},
+                                       {"reconnect"}}) {
+        EXPECT_TRUE(expect(command, 0, nullptr).err.isEmpty());
     }
-    const ToolRun status = tool({"status"});
-    EXPECT_EQ(status.exitCode, 0) << describe(status);
-    EXPECT_TRUE(status.out == "0\n" || status.out == "1\n") << describe(status);
+    expect({"status"}, 0, "1\n");
 }
 
 } // namespace
