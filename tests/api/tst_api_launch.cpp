@@ -1,7 +1,8 @@
-// PXST_Open's server launch. Each case copies api_open_helper into a temporary folder beside
-// a stand-in "pellix" that records its arguments and, unless told otherwise, runs the real
-// simulator with them. The helper's PXST_Open therefore starts the stand-in from its
-// application folder, exactly as a host tool starts the server shipped beside it.
+// PXST_Open's server launch, in a program without a QCoreApplication. Each case runs
+// api_open_helper in a temporary folder holding a stand-in "pellix" that records its
+// arguments and, unless told otherwise, runs the real simulator with them. Without an
+// application the library looks for the server in the current folder, so the helper's
+// PXST_Open starts the stand-in. (Starting from the application folder: tst_api_simulator.)
 
 #include "ApiTestSupport.h"
 #include "SimulatorProcess.h"
@@ -24,6 +25,7 @@ struct HelperRun
     unsigned int result = 999;
     int handle = 0;
     qint64 elapsed = -1;
+    QString word; // read back after writing 0xA1B2C3D4
 };
 
 class ApiLaunch : public ::testing::Test
@@ -34,25 +36,20 @@ protected:
     HelperRun run(bool runServer, const QStringList& arguments)
     {
         HelperRun run;
-        const QString helper = dir.filePath("api_open_helper");
-        EXPECT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/api_open_helper", helper));
         EXPECT_TRUE(writeStandIn(dir.path(), runServer));
         QProcess process;
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process.start(helper, arguments);
-        if (!process.waitForFinished(60000)) {
-            process.kill();
-            process.waitForFinished();
-            ADD_FAILURE() << "helper did not finish";
-            return run;
-        }
+        process.setWorkingDirectory(dir.path());
+        process.start(SimulatorProcess::binaryFolder() + "/api_open_helper", arguments);
+        EXPECT_TRUE(process.waitForFinished(60000)) << "helper did not finish";
         const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
         const auto match =
-            QRegularExpression(R"(result (\d+) handle (-?\d+) elapsed (\d+))").match(out);
+            QRegularExpression(R"(result (\d+) handle (-?\d+) elapsed (\d+) word (\w+))")
+                .match(out);
         EXPECT_TRUE(match.hasMatch()) << "unexpected helper output: " << out.toStdString();
         if (match.hasMatch())
             run = {match.captured(1).toUInt(), match.captured(2).toInt(),
-                   match.captured(3).toLongLong()};
+                   match.captured(3).toLongLong(), match.captured(4)};
         return run;
     }
 
@@ -83,6 +80,7 @@ TEST_P(ApiLaunchArguments, StartsTheServerWithPortBaudAndFlowWord)
     const HelperRun helper = run(true, c.helperArguments);
     EXPECT_EQ(helper.result, 0u);
     EXPECT_EQ(helper.handle, 1) << "the first connection of a process";
+    EXPECT_EQ(helper.word, "a1b2c3d4");
     EXPECT_EQ(standInArguments(dir.path()), c.expected);
     EXPECT_TRUE(waitUntilNothingListens(quint16(7700 + c.helperArguments[0].toInt())))
         << "PXST_KillPellix did not stop the started server";
@@ -107,6 +105,7 @@ TEST_F(ApiLaunch, ServerAlreadyListeningIsUsedAndNothingIsStarted)
     const HelperRun helper = run(true, {"110", "-1", "1"});
     EXPECT_EQ(helper.result, 0u);
     EXPECT_EQ(helper.handle, 1);
+    EXPECT_EQ(helper.word, "a1b2c3d4");
     EXPECT_TRUE(standInArguments(dir.path()).isEmpty()) << "a server was started";
 }
 

@@ -229,11 +229,5 @@ TEST_F(ApiTransfer, ProgressVariantsReportEveryChunk)
                                    &log),
               PXST_RESULT_OK);
     EXPECT_EQ(log, Steps(verify.begin(), verify.end() - 2));
-    const QByteArray bytes = readFile(dump);
-    ASSERT_EQ(bytes.size(), 200000);
-    for (int i = 0; i < 50000; i += 997) {
-        quint32 word;
-        std::memcpy(&word, bytes.constData() + 4 * i, 4);
-        EXPECT_EQ(word, quint32(i) * 2654435761u) << i;
-    }
+    EXPECT_EQ(readFile(dump).size(), 200000); // its content: tst_api_simulator
 }

@@ -34,18 +34,14 @@ std::ostream& operator<<(std::ostream& stream, const ToolRun& run)
                   << run.err.toStdString();
 }
 
-// A started pxtool; finish() waits for it, waitForError() watches it while it runs.
+// A started pxtool; finish() waits for it, waitForError() watches it while it runs. The
+// QProcess kills it if it still runs at the end.
 class Tool
 {
 public:
     explicit Tool(const QStringList& arguments)
     {
         process.start(SimulatorProcess::binaryFolder() + "/pxtool", arguments);
-    }
-    ~Tool()
-    {
-        process.kill();
-        process.waitForFinished();
     }
     bool waitForError(const QString& text)
     {
@@ -83,6 +79,19 @@ QString errorText(unsigned int code)
     return QStringLiteral("error %1: %2").arg(code).arg(QString::fromLatin1(PXST_ResultText(code)));
 }
 
+// Runs pxtool expecting `exitCode`, exactly `out` on stdout (null: not checked) and `err`
+// somewhere in stderr.
+ToolRun expectRun(const QStringList& arguments, int exitCode, const char* out = "",
+                  const QString& err = {})
+{
+    const ToolRun run = runTool(arguments);
+    EXPECT_TRUE(run.exitCode == exitCode && (out == nullptr || run.out.toStdString() == out) &&
+                run.err.contains(err))
+        << arguments.join(' ').toStdString() << "\n"
+        << run;
+    return run;
+}
+
 // A simulator for serial port `port`, listening on 7700 + port like a started server.
 class ToolTest : public ::testing::Test
 {
@@ -90,23 +99,15 @@ protected:
     void startSimulator(int port)
     {
         comPort = port;
-        simulator = std::make_unique<SimulatorProcess>(SimulatorProcess::withArguments(
-            {QStringLiteral("COM%1").arg(port), QStringLiteral("921600"), QStringLiteral("none")}));
-        ASSERT_EQ(simulator->port(), 7700 + port) << "simulator for COM" << port;
+        simulator = std::make_unique<SimulatorProcess>(
+            SimulatorProcess::withArguments({"COM" + QString::number(port), "921600", "none"}));
+        ASSERT_EQ(simulator->port(), 7700 + port);
     }
-    ToolRun tool(const QStringList& arguments)
+    ToolRun expect(const QStringList& arguments, int exitCode, const char* out = "",
+                   const QString& err = {})
     {
-        return runTool(QStringList{"--port", QString::number(comPort)} + arguments);
-    }
-    // Runs the command, expecting `exitCode` and exactly `out` on stdout (null: not checked).
-    ToolRun expect(const QStringList& arguments, int exitCode, const char* out = "")
-    {
-        const ToolRun run = tool(arguments);
-        EXPECT_EQ(run.exitCode, exitCode) << arguments.join(' ').toStdString() << "\n" << run;
-        EXPECT_TRUE(out == nullptr || run.out.toStdString() == out)
-            << arguments.join(' ').toStdString() << "\n"
-            << run;
-        return run;
+        return expectRun(QStringList{"--port", QString::number(comPort)} + arguments, exitCode, out,
+                         err);
     }
     QString file(const QString& name) const { return folder.filePath(name); }
     // Writes `content` to the file `name` of the test's folder, or reads it back.
@@ -165,52 +166,37 @@ TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
         {{"--host", "127.0.0.1", "ping"}, "--host needs --tcp-port"},
         // clang-format on
     };
-    for (const auto& [arguments, message] : cases) {
-        const ToolRun run = runTool(arguments);
-        EXPECT_EQ(run.exitCode, 2) << arguments.join(' ').toStdString() << "\n" << run;
-        EXPECT_TRUE(run.err.contains(QLatin1String(message)) && run.out.isEmpty())
-            << arguments.join(' ').toStdString() << "\n"
-            << run;
-    }
+    for (const auto& [arguments, message] : cases)
+        expectRun(arguments, 2, "", message);
     // Nothing was started on port 249 by any of them.
     EXPECT_EQ(runTool(p + QStringList{"--no-start", "ping"}).exitCode, 1);
 }
 
 TEST(PXToolUsage, HelpForTheToolAndEveryCommand)
 {
-    const ToolRun all = runTool({"--help"});
-    ASSERT_EQ(all.exitCode, 0) << all;
-    EXPECT_TRUE(all.out.contains("Exit status:"));
-    for (const char* command :
-         {"ping",          "status",      "read8",    "read16",  "read32",    "read-internal",
-          "read",          "read-masked", "write8",   "write16", "write32",   "write-internal",
-          "write",         "load",        "verify",   "dump",    "events",    "bypass-send",
-          "bypass-listen", "kill",        "clean",    "flush",   "reconnect", "break",
-          "flow-mode",     "usb-id",      "auto-baud"}) {
-        EXPECT_TRUE(
-            all.out.contains(QRegularExpression(QStringLiteral("\\n  %1 +\\w").arg(command))))
-            << command;
-        const ToolRun a = runTool({"help", command}), b = runTool({command, "--help"});
-        EXPECT_EQ(a.exitCode, 0) << a;
-        EXPECT_TRUE(a.out.startsWith(QStringLiteral("Usage: pxtool [options] %1").arg(command)))
-            << a;
-        EXPECT_EQ(a.out, b.out) << b;
+    const QString all = expectRun({"--help"}, 0, nullptr, "").out;
+    EXPECT_TRUE(all.contains("Exit status:"));
+    for (const QString& command :
+         QStringLiteral("ping status read8 read16 read32 read-internal read read-masked write8 "
+                        "write16 write32 write-internal write load verify dump events bypass-send "
+                        "bypass-listen kill clean flush reconnect break flow-mode usb-id auto-baud")
+             .split(' ')) {
+        EXPECT_TRUE(all.contains(QRegularExpression("\\n  " + command + " +\\w")))
+            << command.toStdString();
+        const ToolRun a = expectRun({"help", command}, 0, nullptr);
+        EXPECT_TRUE(a.out.startsWith("Usage: pxtool [options] " + command)) << a;
+        EXPECT_EQ(a.out, runTool({command, "--help"}).out);
     }
 }
 
 TEST(PXToolUsage, ConnectionFailureReportsResultElevenWithItsText)
 {
     const QString port = QString::number(refusedPort());
-    ToolRun run = runTool({"--host", "127.0.0.1", "--tcp-port", port, "ping"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(run.err.contains("pxtool: ping: " + errorText(11)) &&
-                run.err.contains("no server at 127.0.0.1:" + port))
-        << run;
+    expectRun({"--host", "127.0.0.1", "--tcp-port", port, "ping"}, 1, "",
+              "pxtool: ping: " + errorText(11) + " (no server at 127.0.0.1:" + port);
     // kill never starts a server, so with none on port 248 it fails the same way.
-    run = runTool({"--port", "248", "kill"});
-    EXPECT_EQ(run.exitCode, 1) << run;
-    EXPECT_TRUE(run.err.contains(errorText(11) + " (no server for COM248 at 127.0.0.1:7948"))
-        << run;
+    expectRun({"--port", "248", "kill"}, 1, "",
+              errorText(11) + " (no server for COM248 at 127.0.0.1:7948");
 }
 
 // ---- against a simulator ------------------------------------------------------------------
@@ -219,7 +205,8 @@ TEST_F(ToolTest, OpenStartsTheServerBesideTheToolAndKillStopsIt)
 {
     // No simulator started here: pxtool's PXST_Open starts "pellix COM201 ..." itself.
     comPort = 201;
-    ASSERT_EQ(tool({"--no-start", "ping"}).exitCode, 1) << "a server already runs on port 201";
+    ASSERT_EQ(runTool({"--port", "201", "--no-start", "ping"}).exitCode, 1)
+        << "a server already runs on port 201";
     const ToolRun run = expect({"--baud", "115200", "--flow", "hardware", "ping"}, 0, nullptr);
     EXPECT_TRUE(run.out.startsWith("reply in ")) << run;
     expect({"write32", "0x100", "0xCAFE"}, 0);
@@ -229,7 +216,7 @@ TEST_F(ToolTest, OpenStartsTheServerBesideTheToolAndKillStopsIt)
     const QDeadlineTimer deadline(10000);
     bool stopped = false;
     while (!stopped && !deadline.hasExpired())
-        stopped = tool({"--no-start", "ping"}).exitCode == 1;
+        stopped = runTool({"--port", "201", "--no-start", "ping"}).exitCode == 1;
     EXPECT_TRUE(stopped) << "the started server still answers after kill";
 }
 
@@ -258,9 +245,9 @@ TEST_F(ToolTest, BlocksFromFilesHexAndMasks)
 {
     startSimulator(203);
     // 100 KiB + 3 bytes: more than one 64 KiB piece and an odd tail.
-    QByteArray data;
-    for (int i = 0; i < 100 * 1024 + 3; ++i)
-        data.append(char((i * 7 + i / 256) & 0xFF));
+    QByteArray data(100 * 1024 + 3, Qt::Uninitialized);
+    for (int i = 0; i < data.size(); ++i)
+        data[i] = char((i * 7 + i / 256) & 0xFF);
     EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, nullptr)
                     .out.startsWith("write: 100.00 KiB in "));
     const ToolRun run = expect({"read", "0x40001", "102403", "--out", file("out.bin")}, 0, nullptr);
@@ -277,8 +264,8 @@ TEST_F(ToolTest, BlocksFromFilesHexAndMasks)
     EXPECT_EQ(readFile("m.bin").toHex(), QByteArray("00424300ff"));
 
     // A file the tool reads or writes itself: exit 3 with the system's reason.
-    EXPECT_TRUE(expect({"write", "0x1000", file("missing.bin")}, 3)
-                    .err.contains("cannot open '" + file("missing.bin") + "': No such file"));
+    expect({"write", "0x1000", file("missing.bin")}, 3, "",
+           "cannot open '" + file("missing.bin") + "': No such file");
     expect({"read", "0", "4", "--out", file("no/such/folder/x")}, 3);
 }
 
@@ -313,7 +300,7 @@ TEST_F(ToolTest, LoadVerifyDumpAndTheirFailures)
         {{"dump", "0", "1", file("no/such/folder/x.lod")}, errorText(16)},
     };
     for (const auto& [arguments, message] : failures)
-        EXPECT_TRUE(expect(arguments, 1, nullptr).err.contains(message)) << message.toStdString();
+        expect(arguments, 1, nullptr, message);
     expect({"read32", "0x5000"}, 0, "0x00000005\n");
 }
 
@@ -326,29 +313,22 @@ TEST_F(ToolTest, EventsAreFollowedWithTimeStampsAndAWaitTimesOut)
     expect({"write32", "0xFFFFFF00", "0x2A"}, 0);
     expect({"write32", "0xFFFFFF00", "0x2B"}, 0);
     const ToolRun run = listener.finish();
-    ASSERT_EQ(run.exitCode, 0) << run;
-    const QStringList lines = run.out.split('\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(lines.size(), 2) << run;
-    const QRegularExpression line(
-        R"(^(\d+) \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (0x[0-9A-F]{8})$)");
-    for (int i = 0; i < 2; ++i) {
-        const auto match = line.match(lines[i]);
-        ASSERT_TRUE(match.hasMatch()) << lines[i].toStdString();
-        EXPECT_EQ(match.captured(2), i == 0 ? "0x0000002A" : "0x0000002B");
-        EXPECT_GE(match.captured(1).toLongLong(), before);
-    }
-    EXPECT_TRUE(
-        expect({"events", "--wait", "300"}, 1)
-            .err.contains("pxtool: events: " + errorText(19) + " (0 of 1 received in 300 ms)"));
+    const QString stamp = R"((\d+) \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )";
+    const auto match =
+        QRegularExpression("^" + stamp + "0x0000002A\n" + stamp + "0x0000002B\n$").match(run.out);
+    ASSERT_TRUE(run.exitCode == 0 && match.hasMatch()) << run;
+    EXPECT_GE(match.captured(1).toLongLong(), before);
+    EXPECT_GE(match.captured(2).toLongLong(), before);
+    expect({"events", "--wait", "300"}, 1, "",
+           "pxtool: events: " + errorText(19) + " (0 of 1 received in 300 ms)");
 }
 
 TEST_F(ToolTest, BypassSendEchoAndListen)
 {
     startSimulator(207);
     const ToolRun echo = expect({"bypass-send", "0x21", "01 02 ff", "--echo", "10000"}, 0, nullptr);
-    EXPECT_TRUE(QRegularExpression(R"(^\d+ \S+ flow 0x21 3 byte\(s\): 01 02 ff\n$)")
-                    .match(echo.out)
-                    .hasMatch())
+    const QRegularExpression packet(R"(^\d+ \S+ flow (0x\w+) (\d+) byte\(s\): ([0-9a-f ]*)\n$)");
+    EXPECT_EQ(packet.match(echo.out).capturedTexts().mid(1), (QStringList{"0x21", "3", "01 02 ff"}))
         << echo;
     // A listener on two flows sees the packet on one of them and nothing of a third flow.
     Tool listener(
@@ -357,26 +337,17 @@ TEST_F(ToolTest, BypassSendEchoAndListen)
     expect({"bypass-send", "0x30", "aa"}, 0);
     expect({"bypass-send", "0x23"}, 0); // empty packet
     const ToolRun run = listener.finish();
-    ASSERT_EQ(run.exitCode, 0) << run;
-    EXPECT_TRUE(
-        QRegularExpression(R"(^\d+ \S+ flow 0x23 0 byte\(s\): \n$)").match(run.out).hasMatch())
-        << run;
-    EXPECT_TRUE(expect({"bypass-listen", "0x40", "--wait", "200"}, 1).err.contains(errorText(8)));
+    EXPECT_EQ(run.exitCode, 0) << run;
+    EXPECT_EQ(packet.match(run.out).capturedTexts().mid(1), (QStringList{"0x23", "0", ""})) << run;
+    expect({"bypass-listen", "0x40", "--wait", "200"}, 1, "", errorText(8));
 }
 
 TEST_F(ToolTest, ServerControlCommands)
 {
     startSimulator(208);
-    for (const QStringList& command : {QStringList{"ping"},
-                                       {"clean"},
-                                       {"flush"},
-                                       {"break"},
-                                       {"auto-baud"},
-                                       {"flow-mode", "xonxoff"},
-                                       {"usb-id", "0x1234", "0xABCD"},
-                                       {"reconnect"}}) {
-        EXPECT_TRUE(expect(command, 0, nullptr).err.isEmpty());
-    }
+    for (const char* command : {"ping", "clean", "flush", "break", "auto-baud", "flow-mode xonxoff",
+                                "usb-id 0x1234 0xABCD", "reconnect"})
+        EXPECT_TRUE(expect(QString(command).split(' '), 0, nullptr).err.isEmpty()) << command;
     expect({"status"}, 0, "1\n");
 }
 
