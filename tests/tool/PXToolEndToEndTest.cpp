@@ -220,7 +220,7 @@ TEST_F(ToolTest, OpenStartsTheServerBesideTheToolAndKillStopsIt)
     EXPECT_TRUE(stopped) << "the started server still answers after kill";
 }
 
-TEST_F(ToolTest, SingleValuesRoundTrip)
+TEST_F(ToolTest, SingleValuesAndServerControl)
 {
     startSimulator(202);
     const char* const cases[][5] = {
@@ -239,6 +239,10 @@ TEST_F(ToolTest, SingleValuesRoundTrip)
     // Bytes go least significant first.
     expect({"read8", "0x3000"}, 0, "0x78\n");
     expect({"read16", "0x3002"}, 0, "0x1234\n");
+    for (const char* command : {"ping", "clean", "flush", "break", "auto-baud", "flow-mode xonxoff",
+                                "usb-id 0x1234 0xABCD", "reconnect"})
+        EXPECT_TRUE(expect(QString(command).split(' '), 0, nullptr).err.isEmpty()) << command;
+    expect({"status"}, 0, "1\n");
 }
 
 TEST_F(ToolTest, BlocksFromFilesHexAndMasks)
@@ -304,7 +308,7 @@ TEST_F(ToolTest, LoadVerifyDumpAndTheirFailures)
     expect({"read32", "0x5000"}, 0, "0x00000005\n");
 }
 
-TEST_F(ToolTest, EventsAreFollowedWithTimeStampsAndAWaitTimesOut)
+TEST_F(ToolTest, EventsAndBypassPacketsAreFollowedAndWaitsTimeOut)
 {
     startSimulator(205);
     Tool listener({"--port", "205", "events", "--count", "2", "--timeout", "30000"});
@@ -321,34 +325,21 @@ TEST_F(ToolTest, EventsAreFollowedWithTimeStampsAndAWaitTimesOut)
     EXPECT_GE(match.captured(2).toLongLong(), before);
     expect({"events", "--wait", "300"}, 1, "",
            "pxtool: events: " + errorText(19) + " (0 of 1 received in 300 ms)");
-}
-
-TEST_F(ToolTest, BypassSendEchoAndListen)
-{
-    startSimulator(207);
     const ToolRun echo = expect({"bypass-send", "0x21", "01 02 ff", "--echo", "10000"}, 0, nullptr);
     const QRegularExpression packet(R"(^\d+ \S+ flow (0x\w+) (\d+) byte\(s\): ([0-9a-f ]*)\n$)");
     EXPECT_EQ(packet.match(echo.out).capturedTexts().mid(1), (QStringList{"0x21", "3", "01 02 ff"}))
         << echo;
     // A listener on two flows sees the packet on one of them and nothing of a third flow.
-    Tool listener(
-        {"--port", "207", "bypass-listen", "0x22,0x23", "--count", "1", "--timeout", "30000"});
-    ASSERT_TRUE(listener.waitForError("listening on 2 flow(s)"));
+    Tool bypass(
+        {"--port", "205", "bypass-listen", "0x22,0x23", "--count", "1", "--timeout", "30000"});
+    ASSERT_TRUE(bypass.waitForError("listening on 2 flow(s)"));
     expect({"bypass-send", "0x30", "aa"}, 0);
     expect({"bypass-send", "0x23"}, 0); // empty packet
-    const ToolRun run = listener.finish();
-    EXPECT_EQ(run.exitCode, 0) << run;
-    EXPECT_EQ(packet.match(run.out).capturedTexts().mid(1), (QStringList{"0x23", "0", ""})) << run;
+    const ToolRun packets = bypass.finish();
+    EXPECT_EQ(packets.exitCode, 0) << packets;
+    EXPECT_EQ(packet.match(packets.out).capturedTexts().mid(1), (QStringList{"0x23", "0", ""}))
+        << packets;
     expect({"bypass-listen", "0x40", "--wait", "200"}, 1, "", errorText(8));
-}
-
-TEST_F(ToolTest, ServerControlCommands)
-{
-    startSimulator(208);
-    for (const char* command : {"ping", "clean", "flush", "break", "auto-baud", "flow-mode xonxoff",
-                                "usb-id 0x1234 0xABCD", "reconnect"})
-        EXPECT_TRUE(expect(QString(command).split(' '), 0, nullptr).err.isEmpty()) << command;
-    expect({"status"}, 0, "1\n");
 }
 
 } // namespace
