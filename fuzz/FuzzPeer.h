@@ -1,7 +1,8 @@
-// The server end of one TCP connection for the connection fuzzers: a listening socket on
-// 127.0.0.1 (any free port, opened once per process), and the accepted peer of each client.
-// Plain POSIX sockets, used from the fuzzing thread only, with poll() deadlines so that no
-// input can hang the fuzzer.
+// Shared by the fuzz targets: the server end of one TCP connection for the connection fuzzers
+// (a listening socket on 127.0.0.1, any free port, opened once per process, and the accepted
+// peer of each client; plain POSIX sockets, used from the fuzzing thread only, with poll()
+// deadlines so that no input can hang the fuzzer), the requests the connection fuzzers make,
+// and cutting a stream into frames.
 
 #ifndef PELLIX_FUZZ_FUZZPEER_H
 #define PELLIX_FUZZ_FUZZPEER_H
@@ -10,6 +11,7 @@
 #include "pellix/protocol/PXProtocol.h"
 
 #include <QByteArray>
+#include <QCoreApplication>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -21,13 +23,44 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 namespace fuzzpeer {
 
 [[noreturn]] inline void fail(const char* what)
 {
-    std::fprintf(stderr, "fuzz peer: %s (errno %d)\n", what, errno);
+    std::fprintf(stderr, "fuzz: %s (errno %d)\n", what, errno);
     std::abort();
+}
+
+// A QCoreApplication for targets that need an event loop, made on first use.
+inline void ensureApplication()
+{
+    static int argc = 1;
+    static char name[] = "fuzz";
+    static char* argv[] = {name, nullptr};
+    if (!QCoreApplication::instance())
+        new QCoreApplication(argc, argv);
+}
+
+inline sockaddr_in loopback(quint16 port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+// Calls `f` with every complete frame of `stream` (cut as a client cuts the server's bytes).
+template <class F>
+void forEachFrame(const QByteArray& stream, F f)
+{
+    PXParser parser(PXParser::ServerFrames);
+    parser.feedData(stream);
+    for (QByteArray frame = parser.getPacket(false); !frame.isEmpty();
+         frame = parser.getPacket(false))
+        f(frame);
 }
 
 // The listening socket, created on first use. Returns its port.
@@ -39,9 +72,7 @@ inline quint16 listenPort(int* listener)
         fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (fd < 0)
             fail("socket");
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback(0);
         if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
             ::listen(fd, 16) != 0)
             fail("bind/listen");
@@ -164,6 +195,70 @@ inline QByteArray completion(const QByteArray& stream)
         filler += zeros;
     }
     return filler;
+}
+
+// The requests of the connection fuzzers: an input byte picks one from the target's list.
+enum class Op { Read, ReadInternal, Write, Status, Ping, Break, Reconnect, None };
+constexpr unsigned int ReadAddress = 0x1000;
+
+// A request as it reaches the server (flow id 0: none), the reply that ends it at once (a read
+// data frame without data fails a read), and the size a read asks for.
+struct Request
+{
+    unsigned char flow;
+    QByteArray terminator;
+    int readSize;
+};
+
+inline Request request(Op op, int sizeIndex)
+{
+    constexpr int ReadSizes[] = {1, 2, 4, 8, 16, 64, 300};
+    int size = ReadSizes[sizeIndex % 7];
+    switch (op) {
+    case Op::Read:
+    case Op::ReadInternal:
+        if (op == Op::ReadInternal && size <= 4)
+            size = 1; // internal single read
+        return {size > 4 ? pxproto::request::BlockRead : pxproto::request::Read,
+                pxproto::frame(pxproto::reply::ReadData, nullptr, 0), size};
+    case Op::Write:
+        return {pxproto::request::Write, pxproto::writeAck(), size};
+    case Op::Status:
+        return {pxproto::request::Status, pxproto::statusReply(1), size};
+    case Op::Ping:
+        return {pxproto::request::Ping, pxproto::pingReply(), size};
+    case Op::Break:
+        return {pxproto::request::Break, pxproto::completion(), size};
+    case Op::Reconnect:
+        return {pxproto::request::ForceReconnect, pxproto::completion(), size};
+    default:
+        return {0, QByteArray(), size};
+    }
+}
+
+// Makes the request on a PXConnection or a PXNSConnection; None gives 0.
+template <class Connection>
+unsigned int perform(Connection& connection, Op op, int readSize)
+{
+    std::vector<unsigned char> buffer(size_t(readSize), 0);
+    unsigned char status = 0;
+    switch (op) {
+    case Op::Read:
+    case Op::ReadInternal:
+        return connection.genericRead(ReadAddress, op == Op::ReadInternal, buffer.data(), readSize);
+    case Op::Write:
+        return connection.write32(ReadAddress, 0x12345678);
+    case Op::Status:
+        return connection.getStatus(&status);
+    case Op::Ping:
+        return connection.ping();
+    case Op::Break:
+        return connection.comBreak();
+    case Op::Reconnect:
+        return connection.forcePellixReconnect();
+    default:
+        return 0;
+    }
 }
 
 } // namespace fuzzpeer

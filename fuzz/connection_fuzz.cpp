@@ -16,38 +16,30 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <thread>
-#include <vector>
 
 namespace {
 
-constexpr unsigned int ReadAddress = 0x1000;
-constexpr int ReadSizes[] = {1, 2, 4, 8, 16, 64, 300};
+constexpr fuzzpeer::Op Ops[] = {fuzzpeer::Op::Read,  fuzzpeer::Op::ReadInternal,
+                                fuzzpeer::Op::Write, fuzzpeer::Op::Status,
+                                fuzzpeer::Op::Ping,  fuzzpeer::Op::Reconnect};
 
-std::atomic<int> callbackCalls{0};
 std::atomic<bool> connectionAlive{false};
 
 void countCall(void*)
 {
     if (!connectionAlive.load())
-        std::abort(); // a callback of a destroyed connection
-    callbackCalls.fetch_add(1);
-}
-
-[[noreturn]] void fail(const char* what)
-{
-    std::fprintf(stderr, "connection fuzz: %s\n", what);
-    std::abort();
+        fuzzpeer::fail("a callback of a destroyed connection");
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    using fuzzpeer::fail;
     if (size < 3 || size > 60000)
         return 0;
-    const int kind = data[0] % 6;
+    const fuzzpeer::Op op = Ops[data[0] % 6];
     const int setup = data[1];
     const int drainSize = data[2] % 40;
     const QByteArray stream(reinterpret_cast<const char*>(data + 3), int(size - 3));
@@ -74,66 +66,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             connection->setBypassDelayCallback(countCall, nullptr, 1);
 
         // The request, on a thread of its own; the server answers once it has seen it.
-        unsigned char expectedFlow = 0;
-        QByteArray terminator;
-        int readSize = ReadSizes[(setup >> 4) % 7];
-        std::vector<unsigned char> readBuffer(size_t(readSize), 0);
-        switch (kind) {
-        case 0:
-        case 1:
-            expectedFlow = readSize > 4 ? pxproto::request::BlockRead : pxproto::request::Read;
-            if (kind == 1 && readSize <= 4)
-                readSize = 1; // internal single read
-            terminator = pxproto::frame(pxproto::reply::ReadData, nullptr, 0);
-            break;
-        case 2:
-            expectedFlow = pxproto::request::Write;
-            terminator = pxproto::writeAck();
-            break;
-        case 3:
-            expectedFlow = pxproto::request::Status;
-            terminator = pxproto::statusReply(0);
-            break;
-        case 4:
-            expectedFlow = pxproto::request::Ping;
-            terminator = pxproto::pingReply();
-            break;
-        default:
-            expectedFlow = pxproto::request::ForceReconnect;
-            terminator = pxproto::completion();
-            break;
-        }
+        const fuzzpeer::Request request = fuzzpeer::request(op, setup >> 4);
         unsigned int result = 99;
-        std::thread requester([&] {
-            unsigned int value = 0x12345678;
-            unsigned char status = 0;
-            switch (kind) {
-            case 0:
-                result = connection->genericRead(ReadAddress, false, readBuffer.data(), readSize);
-                break;
-            case 1:
-                result = connection->genericRead(ReadAddress, true, readBuffer.data(), readSize);
-                break;
-            case 2:
-                result = connection->write32(ReadAddress, value);
-                break;
-            case 3:
-                result = connection->getStatus(&status);
-                break;
-            case 4:
-                result = connection->ping();
-                break;
-            default:
-                result = connection->forcePellixReconnect();
-                break;
-            }
-        });
+        std::thread requester(
+            [&] { result = fuzzpeer::perform(*connection, op, request.readSize); });
         QElapsedTimer clock;
         clock.start();
-        if (!peer.waitForFrame(expectedFlow, 3000))
+        if (!peer.waitForFrame(request.flow, 3000))
             fail("request never reached the server");
         peer.send(stream);
-        peer.send(fuzzpeer::completion(stream) + terminator);
+        peer.send(fuzzpeer::completion(stream) + request.terminator);
         requester.join();
         // The terminator ends the request at once; a request that waited out a time-out
         // missed a frame.

@@ -67,17 +67,22 @@ QByteArray arrivals()
 
 void connectionSeeds()
 {
-    // Header: request kind, set-up bits (1 events, 2 bypass, 4 callbacks, 8 delayed
-    // callback, read size index in the high nibble), bypass drain buffer size.
+    // Headers: connection: request kind, set-up bits (1 events, 2 bypass, 4 callbacks, 8
+    // delayed callback), bypass drain buffer size; nsconnection: request kind, options (1
+    // server closes, 2 receiver closes, 4 receiver writes). The high nibble of the second byte
+    // picks the read size.
     const char word[4] = {0x11, 0x22, 0x33, 0x44};
-    write("connection", "read32", header({0, 0x20, 8}) + pxproto::readData(0x1000, word, 4));
+    for (const char* target : {"connection", "nsconnection"}) {
+        const QByteArray drain = target[0] == 'c' ? QByteArray(1, 8) : QByteArray();
+        write(target, "read32", header({0, 0x20}) + drain + pxproto::readData(0x1000, word, 4));
+        write(target, "read8-too-long",
+              header({0, 0x30}) + drain + pxproto::readData(0x1000, counting(12).constData(), 12));
+    }
     write("connection", "read300-two-frames",
           header({0, 0x60, 8}) + pxproto::readData(0x1000, counting(200).constData(), 200) +
               pxproto::readData(0x1000 + 200, counting(100).constData(), 100));
     write("connection", "read16-wrong-address",
           header({0, 0x40, 8}) + pxproto::readData(0x1008, counting(8).constData(), 8));
-    write("connection", "read8-too-long",
-          header({0, 0x30, 8}) + pxproto::readData(0x1000, counting(12).constData(), 12));
     write("connection", "read-internal",
           header({1, 0x00, 8}) + pxproto::readData(0x1000, "\x5A", 1));
     write("connection", "write-ack-and-junk",
@@ -93,19 +98,10 @@ void connectionSeeds()
     for (int i = 0; i < 1100; ++i)
         flood += (i % 2) ? pxproto::event(quint32(i)) : bypass(0x21, counting(3, i));
     write("connection", "flood-beyond-caps", flood);
-}
 
-void nsconnectionSeeds()
-{
-    // Header: request kind, options (1 server closes, 2 receiver closes, 4 receiver writes,
-    // read size index in the high nibble).
-    const char word[4] = {0x11, 0x22, 0x33, 0x44};
-    write("nsconnection", "read32", header({0, 0x20}) + pxproto::readData(0x1000, word, 4));
     write("nsconnection", "read64-split",
           header({0, 0x50}) + arrivals() + pxproto::readData(0x1000, counting(32).constData(), 32) +
               arrivals() + pxproto::readData(0x1020, counting(32).constData(), 32));
-    write("nsconnection", "read8-too-long",
-          header({0, 0x30}) + pxproto::readData(0x1000, counting(12).constData(), 12));
     write("nsconnection", "status", header({2, 0x00}) + pxproto::statusReply(3));
     write("nsconnection", "ping-arrivals", header({3, 0x04}) + arrivals() + pxproto::pingReply());
     write("nsconnection", "break-server-closes",
@@ -120,30 +116,20 @@ void simulatorSeeds()
     // Header: frame size index.
     const unsigned char ids[] = {0x21, 0x22};
     const quint32 word = 0xCAFE0001;
-    QByteArray session;
-    session += pxproto::enableEvents(true);
-    session += pxproto::setBypassFlowIds(ids, 2);
-    session += pxproto::setClientType(3);
-    session += pxproto::setPersistent(true);
-    session += pxproto::writeRequest(0x1000, false, counting(16).constData(), 16);
-    session += pxproto::writeRequest(0x1002, false, &word, 2);
-    session += pxproto::writeRequest(0x10, true, counting(3).constData(), 3);
-    session += pxproto::writeRequest(0xFFFFFF00, false, &word, 4);
-    session += pxproto::readRequest(0x1000, false, 1);
-    session += pxproto::readRequest(0x1000, false, 2);
-    session += pxproto::readRequest(0x1000, false, 4);
-    session += pxproto::readRequest(0x10, true, 1);
-    session += pxproto::readRequest(0xFFFFFFF0, false, 64);
-    session += pxproto::bypassSend(0x21, counting(20).constData(), 20);
-    session += pxproto::status();
-    session += pxproto::forceReconnect();
-    session += pxproto::comBreak();
-    session += pxproto::setBaudRate(115200);
-    session += pxproto::setFlowMode(2);
-    session += pxproto::setUsbId(0x1234, 0xABCD);
-    session += pxproto::autoBauding();
-    session += pxproto::flushFifos();
-    session += pxproto::clean();
+    const QByteArray session =
+        pxproto::enableEvents(true) + pxproto::setBypassFlowIds(ids, 2) +
+        pxproto::setClientType(3) + pxproto::setPersistent(true) +
+        pxproto::writeRequest(0x1000, false, counting(16).constData(), 16) +
+        pxproto::writeRequest(0x1002, false, &word, 2) +
+        pxproto::writeRequest(0x10, true, counting(3).constData(), 3) +
+        pxproto::writeRequest(0xFFFFFF00, false, &word, 4) +
+        pxproto::readRequest(0x1000, false, 1) + pxproto::readRequest(0x1000, false, 2) +
+        pxproto::readRequest(0x1000, false, 4) + pxproto::readRequest(0x10, true, 1) +
+        pxproto::readRequest(0xFFFFFFF0, false, 64) +
+        pxproto::bypassSend(0x21, counting(20).constData(), 20) + pxproto::status() +
+        pxproto::forceReconnect() + pxproto::comBreak() + pxproto::setBaudRate(115200) +
+        pxproto::setFlowMode(2) + pxproto::setUsbId(0x1234, 0xABCD) + pxproto::autoBauding() +
+        pxproto::flushFifos() + pxproto::clean();
     write("simulator", "session", header({0}) + session);
     write("simulator", "session-small-frames", header({2}) + session);
     write("simulator", "huge-block-read",
@@ -176,7 +162,6 @@ int main(int argc, char** argv)
     }
     root = argv[1];
     connectionSeeds();
-    nsconnectionSeeds();
     simulatorSeeds();
     lodSeeds();
     return 0;

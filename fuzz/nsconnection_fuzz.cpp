@@ -16,63 +16,42 @@
 #include <QElapsedTimer>
 
 #include <cstdint>
-#include <cstdlib>
-#include <vector>
 
 namespace {
 
-constexpr unsigned int ReadAddress = 0x1000;
-constexpr int ReadSizes[] = {1, 2, 4, 8, 16, 64, 300};
-
-[[noreturn]] void fail(const char* what)
-{
-    std::fprintf(stderr, "nsconnection fuzz: %s\n", what);
-    std::abort();
-}
-
-void ensureApplication()
-{
-    static int argc = 1;
-    static char name[] = "nsconnection_fuzz";
-    static char* argv[] = {name, nullptr};
-    if (!QCoreApplication::instance())
-        new QCoreApplication(argc, argv);
-}
+constexpr fuzzpeer::Op Ops[] = {
+    fuzzpeer::Op::Read,  fuzzpeer::Op::ReadInternal, fuzzpeer::Op::Status, fuzzpeer::Op::Ping,
+    fuzzpeer::Op::Break, fuzzpeer::Op::Reconnect,    fuzzpeer::Op::None};
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    using fuzzpeer::fail;
     if (size < 2 || size > 60000)
         return 0;
-    ensureApplication();
-    const int kind = data[0] % 7;
+    fuzzpeer::ensureApplication();
+    const fuzzpeer::Op op = Ops[data[0] % 7];
     const int options = data[1];
     const bool closeServer = options & 1;
     const bool closeInReceiver = options & 2;
     const bool writeInReceiver = options & 4;
     const QByteArray stream(reinterpret_cast<const char*>(data + 2), int(size - 2));
+    const fuzzpeer::Request request = fuzzpeer::request(op, options >> 4);
 
     // What the server sends, and the arrivals it must produce.
     QByteArray sent = stream;
     if (!closeServer)
-        sent += fuzzpeer::completion(stream);
+        sent += fuzzpeer::completion(stream) + request.terminator;
     QList<quint32> expectedEvents;
     QList<QByteArray> expectedBypass;
-    {
-        PXParser cutter(PXParser::ServerFrames);
-        cutter.feedData(sent);
-        for (;;) {
-            const QByteArray& frame = cutter.getPacket(false);
-            if (frame.isEmpty())
-                break;
-            if (pxproto::flowId(frame) == pxproto::reply::Event &&
-                pxproto::payloadLength(frame) == pxproto::EventLength)
-                expectedEvents.append(pxproto::getLe32(frame.constData() + 4));
-            else if (pxproto::flowId(frame) == pxproto::reply::Bypass)
-                expectedBypass.append(frame.mid(pxproto::HeaderSize));
-        }
-    }
+    fuzzpeer::forEachFrame(sent, [&](const QByteArray& frame) {
+        if (pxproto::flowId(frame) == pxproto::reply::Event &&
+            pxproto::payloadLength(frame) == pxproto::EventLength)
+            expectedEvents.append(pxproto::getLe32(frame.constData() + 4));
+        else if (pxproto::flowId(frame) == pxproto::reply::Bypass)
+            expectedBypass.append(frame.mid(pxproto::HeaderSize));
+    });
 
     int listener = -1;
     const quint16 port = fuzzpeer::listenPort(&listener);
@@ -93,80 +72,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                      [&](qint64, const QByteArray& packet) {
                          bypass.append(QByteArray(packet.constData(), packet.size()));
                          if (writeInReceiver)
-                             connection->write8(ReadAddress, 1);
+                             connection->write8(fuzzpeer::ReadAddress, 1);
                          if (closeInReceiver && bypass.size() == 1)
                              connection->close();
                      });
-
-    unsigned char expectedFlow = 0;
-    QByteArray terminator;
-    int readSize = ReadSizes[(options >> 4) % 7];
-    switch (kind) {
-    case 0:
-    case 1:
-        if (kind == 1 && readSize <= 4)
-            readSize = 1;
-        expectedFlow = readSize > 4 ? pxproto::request::BlockRead : pxproto::request::Read;
-        terminator = pxproto::frame(pxproto::reply::ReadData, nullptr, 0);
-        break;
-    case 2:
-        expectedFlow = pxproto::request::Status;
-        terminator = pxproto::statusReply(1);
-        break;
-    case 3:
-        expectedFlow = pxproto::request::Ping;
-        terminator = pxproto::pingReply();
-        break;
-    case 4:
-        expectedFlow = pxproto::request::Break;
-        terminator = pxproto::completion();
-        break;
-    case 5:
-        expectedFlow = pxproto::request::ForceReconnect;
-        terminator = pxproto::completion();
-        break;
-    default:
-        expectedFlow = 0; // no request: arrivals with nothing in progress
-        break;
-    }
-    if (!closeServer)
-        sent += terminator;
     peer.send(sent);
     if (closeServer)
         peer.closeGracefully();
 
-    std::vector<unsigned char> buffer(size_t(readSize), 0);
-    unsigned char status = 0;
-    unsigned int result = 0;
     QElapsedTimer clock;
     clock.start();
-    switch (kind) {
-    case 0:
-        result = connection->genericRead(ReadAddress, false, buffer.data(), readSize);
-        break;
-    case 1:
-        result = connection->genericRead(ReadAddress, true, buffer.data(), readSize);
-        break;
-    case 2:
-        result = connection->getStatus(&status);
-        break;
-    case 3:
-        result = connection->ping();
-        break;
-    case 4:
-        result = connection->comBreak();
-        break;
-    case 5:
-        result = connection->forcePellixReconnect();
-        break;
-    default:
-        break;
-    }
+    const unsigned int result = fuzzpeer::perform(*connection, op, request.readSize);
     if (clock.elapsed() > 3000)
         fail("request waited for its time-out");
     if (result != 0 && result != 12 && result != 13)
         fail("unexpected result code");
-    if (expectedFlow != 0 && !closeServer && !peer.waitForFrame(expectedFlow, 0))
+    if (request.flow != 0 && !closeServer && !peer.waitForFrame(request.flow, 0))
         fail("request not sent");
 
     // Let the held-back arrivals and whatever came after the request be signalled. When the

@@ -9,33 +9,16 @@
 
 #include "PXSimServer.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
 
 #include <fcntl.h>
 
 #include <cstdint>
-#include <cstdlib>
 
 namespace {
 
 constexpr int FrameSizes[] = {PXSimOptions::DefaultFrameSize, 1, 7, 65531};
 constexpr qint64 ReplyLimit = 1 << 20;
-
-[[noreturn]] void fail(const char* what)
-{
-    std::fprintf(stderr, "simulator fuzz: %s\n", what);
-    std::abort();
-}
-
-void ensureApplication()
-{
-    static int argc = 1;
-    static char name[] = "simulator_fuzz";
-    static char* argv[] = {name, nullptr};
-    if (!QCoreApplication::instance())
-        new QCoreApplication(argc, argv);
-}
 
 bool isReplyFlow(unsigned char flow)
 {
@@ -59,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1 || size > 200000)
         return 0;
-    ensureApplication();
+    using fuzzpeer::fail;
+    fuzzpeer::ensureApplication();
     PXSimOptions options;
     options.frameSize = FrameSizes[data[0] % 4];
     const QByteArray input(reinterpret_cast<const char*>(data + 1), int(size - 1));
@@ -67,18 +51,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     // Every ping without payload is answered, the last one only after everything before it.
     int pings = 0;
-    {
-        PXParser requests(PXParser::ServerFrames);
-        requests.feedData(stream);
-        for (;;) {
-            const QByteArray& frame = requests.getPacket(false);
-            if (frame.isEmpty())
-                break;
-            if (pxproto::flowId(frame) == pxproto::request::Ping &&
-                pxproto::payloadLength(frame) == 0)
-                ++pings;
-        }
-    }
+    fuzzpeer::forEachFrame(stream, [&pings](const QByteArray& frame) {
+        pings +=
+            pxproto::flowId(frame) == pxproto::request::Ping && pxproto::payloadLength(frame) == 0;
+    });
     int pingReplies = 0;
 
     auto* server = new PXSimServer(options);
@@ -87,11 +63,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         fail("listen");
 
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(server->serverPort());
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    const sockaddr_in address = fuzzpeer::loopback(server->serverPort());
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         fail("connect");
     ::fcntl(fd, F_SETFL, O_NONBLOCK);
 

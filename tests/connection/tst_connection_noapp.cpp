@@ -2,13 +2,12 @@
 // thread creates one itself, keeps Qt's off-main-thread warning off stderr, and requests work.
 
 #include "SimulatorProcess.h"
+#include "WaitUntil.h"
 
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXConnection.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -59,9 +58,5 @@ TEST(ConnectionNoApp, NetworkThreadCreatesTheApplicationQuietly)
                                       20);
     unsigned char byte = 9;
     connection.sendBypassPacket(0x11, &byte, 1);
-    QElapsedTimer clock;
-    clock.start();
-    while (calls.load() == 0 && clock.elapsed() < 5000)
-        QThread::yieldCurrentThread();
-    EXPECT_EQ(calls.load(), 1);
+    EXPECT_TRUE(waitUntil([&] { return calls.load() == 1; }));
 }

@@ -1,17 +1,16 @@
 // PXConnection against the real simulator: everything a correct server does.
 
 #include "SimulatorProcess.h"
+#include "WaitUntil.h"
 
 #include "pellix/connection/PXConnection.h"
 
 #include <QElapsedTimer>
-#include <QThread>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 namespace {
@@ -35,18 +34,6 @@ std::vector<unsigned char> pattern(int size, unsigned seed)
     for (int i = 0; i < size; ++i)
         out[size_t(i)] = static_cast<unsigned char>((unsigned(i) * 131u + seed) >> 3);
     return out;
-}
-
-bool waitFor(const std::function<bool()>& done, int timeoutMs = 5000)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QThread::yieldCurrentThread();
-    }
-    return true;
 }
 
 } // namespace
@@ -156,27 +143,6 @@ TEST(ConnectionSim, EventsInOrderOnlyWhileEnabled)
     EXPECT_EQ(c.popEvent(&e), 19u);
 }
 
-TEST(ConnectionSim, EventCallbackCountsAndStops)
-{
-    Simulated s;
-    PXConnection& c = s.connection;
-    std::atomic<int> calls{0};
-    c.setEventCallback([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &calls);
-    c.enableEvents(true);
-    c.write32(EventRegister, 10);
-    c.write32(EventRegister, 11);
-    c.ping();
-    EXPECT_TRUE(waitFor([&] { return calls.load() == 2; }));
-    c.setEventCallback(nullptr, &calls);
-    c.write32(EventRegister, 12);
-    unsigned int e;
-    EXPECT_EQ(c.popEvent(&e), 0u);
-    EXPECT_EQ(c.popEvent(&e), 0u);
-    EXPECT_EQ(c.waitEvent(&e, 5000), 0u);
-    EXPECT_EQ(e, 12u);
-    EXPECT_EQ(calls.load(), 2);
-}
-
 TEST(ConnectionSim, BypassOnlyAfterFlowIdsAndTheThreeTakes)
 {
     Simulated s;
@@ -245,44 +211,31 @@ TEST(ConnectionSim, LargestBypassPacketAndOneByteMore)
     EXPECT_EQ(length, 5);
 }
 
-// A burst of packets within the delay gives one delayed call; the next burst another.
+// A burst of packets within the delay gives one delayed call; the next burst another. The
+// delayed callback holds no lock: it may take the packets itself.
 TEST(ConnectionSim, DelayedCallbackCoalescesABurst)
 {
     Simulated s;
     PXConnection& c = s.connection;
-    unsigned char ids[] = {0x30};
+    unsigned char ids[] = {0x30}, byte = 1;
     c.setBypassFlowIds(ids, 1);
-    struct Count
-    {
-        std::atomic<int> calls{0};
-        PXConnection* connection;
-        std::atomic<int> taken{0};
-    } count;
-    count.connection = &c;
-    // The delayed callback holds no lock: it may take the packets itself.
+    static std::atomic<int> calls{0}, taken{0};
     auto onDelay = [](void* p) {
-        auto* k = static_cast<Count*>(p);
         unsigned char flow, buffer[16];
         int length;
-        while (k->connection->getBypassPacket(&flow, buffer, 16, &length) == 0)
-            ++k->taken;
-        ++k->calls;
+        while (static_cast<PXConnection*>(p)->getBypassPacket(&flow, buffer, 16, &length) == 0)
+            ++taken;
+        ++calls;
     };
-    ASSERT_EQ(c.setBypassDelayCallback(onDelay, &count, 300), 0u);
-    unsigned char byte = 1;
-    for (int i = 0; i < 10; ++i)
-        c.sendBypassPacket(0x30, &byte, 1);
-    ASSERT_TRUE(waitFor([&] { return count.calls.load() == 1; }));
-    EXPECT_EQ(count.taken.load(), 10);
-    for (int i = 0; i < 3; ++i)
-        c.sendBypassPacket(0x30, &byte, 1);
-    ASSERT_TRUE(waitFor([&] { return count.calls.load() == 2; }));
-    EXPECT_EQ(count.taken.load(), 13);
-    // Switched off: packets are queued, no call.
-    c.setBypassDelayCallback(nullptr, nullptr, 0);
-    c.sendBypassPacket(0x30, &byte, 1);
-    unsigned char flow, buffer[16];
-    int length;
-    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 16, &length, 5000), 0u);
-    EXPECT_EQ(count.calls.load(), 2);
+    ASSERT_EQ(c.setBypassDelayCallback(onDelay, &c, 300), 0u);
+    struct Burst
+    {
+        int packets, calls, taken;
+    };
+    for (const Burst& b : {Burst{10, 1, 10}, Burst{3, 2, 13}}) {
+        for (int i = 0; i < b.packets; ++i)
+            c.sendBypassPacket(0x30, &byte, 1);
+        ASSERT_TRUE(waitUntil([&] { return calls.load() == b.calls; }));
+        EXPECT_EQ(taken.load(), b.taken);
+    }
 }

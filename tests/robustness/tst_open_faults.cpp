@@ -4,8 +4,8 @@
 // the right handle, leave no unreaped child in that program, and leave no process of the
 // stand-in behind. Serial port numbers 300 to 349 belong to these tests.
 
-#include "RobustnessSupport.h"
 #include "SimulatorProcess.h"
+#include "WaitUntil.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -106,7 +106,7 @@ TEST_P(OpenFault, RightResultAndNothingLeftBehind)
 
     // The stand-in (and a server it ran, told to stop by the helper) is gone.
     const QString com = QStringLiteral("COM%1 ").arg(c.port);
-    EXPECT_TRUE(robust::waitUntil(
+    EXPECT_TRUE(waitUntil(
         [&] {
             return processesMentioning(dir.path()).isEmpty() && processesMentioning(com).isEmpty();
         },

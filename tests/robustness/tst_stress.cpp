@@ -10,11 +10,11 @@
 #include "SimulatorProcess.h"
 
 #include "pellix/connection/PXConnection.h"
+#include "pellix/protocol/PXProtocol.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -41,45 +41,32 @@ unsigned char patternByte(int worker, int round, int i)
     return static_cast<unsigned char>(worker * 37 + round * 11 + i * 7 + (i >> 8));
 }
 
-// Takes events and bypass packets until told to stop and the queues are empty.
+// Per connection one thread taking events and one taking bypass packets, until told to stop
+// and the queues are empty.
 struct Consumers
 {
-    Consumers(std::vector<PXConnection*> connections, int perConnection)
+    explicit Consumers(const std::vector<PXConnection*>& connections)
     {
-        for (PXConnection* connection : connections) {
-            for (int i = 0; i < perConnection; ++i) {
-                threads.emplace_back([this, connection, i] {
-                    for (;;) {
-                        const bool last = stop.load();
-                        bool took = false;
-                        if (i % 2 == 0) {
-                            unsigned int event = 0;
-                            if (connection->waitEvent(&event, 20) == 0) {
-                                std::lock_guard<std::mutex> lock(mutex);
-                                ++events[event];
-                                took = true;
-                            }
-                        } else {
-                            unsigned char flow = 0;
-                            unsigned char buffer[64];
-                            int length = 0;
-                            const unsigned int r = connection->waitBypassPacket(
-                                &flow, buffer, int(sizeof buffer), &length, 20);
-                            if (r == 0) {
-                                std::lock_guard<std::mutex> lock(mutex);
-                                bypass.insert(
-                                    std::string(reinterpret_cast<char*>(buffer), size_t(length)));
-                                ++bypassCount;
-                                took = true;
-                            }
-                        }
-                        if (last && !took)
-                            return;
+        for (PXConnection* connection : connections)
+            for (int kind = 0; kind < 2; ++kind)
+                threads.emplace_back([this, connection, kind] {
+                    for (bool took = true, last = false; took || !last;) {
+                        last = stop.load();
+                        unsigned int event = 0;
+                        unsigned char flow = 0, buffer[64];
+                        int length = 0;
+                        took = kind == 0 ? connection->waitEvent(&event, 20) == 0
+                                         : connection->waitBypassPacket(
+                                               &flow, buffer, int(sizeof buffer), &length, 20) == 0;
+                        std::lock_guard<std::mutex> lock(mutex);
+                        if (took && kind == 0)
+                            events.insert(event);
+                        else if (took)
+                            bypass.emplace(reinterpret_cast<char*>(buffer), size_t(length));
                     }
                 });
-            }
-        }
     }
+    ~Consumers() { finish(); }
     void finish()
     {
         stop.store(true);
@@ -87,14 +74,12 @@ struct Consumers
             t.join();
         threads.clear();
     }
-    ~Consumers() { finish(); }
 
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
     std::mutex mutex;
-    std::map<unsigned int, int> events;
-    std::set<std::string> bypass;
-    int bypassCount = 0;
+    std::multiset<unsigned int> events;
+    std::multiset<std::string> bypass;
 };
 
 // The memory, query, event and bypass work of one worker; failures are counted, not thrown,
@@ -109,68 +94,47 @@ struct WorkerResult
 
 void work(PXConnection& connection, int worker, unsigned char flow, WorkerResult& out)
 {
-    std::vector<unsigned char> written(65536);
-    std::vector<unsigned char> read(65536);
+    std::vector<unsigned char> written(65536), read(65536);
     for (int round = 0; round < Rounds; ++round) {
         const int size = Sizes[(worker + round) % std::size(Sizes)];
         const unsigned int address =
             rangeBase(worker) + unsigned(Offsets[(worker * 3 + round) % std::size(Offsets)]);
         for (int i = 0; i < size; ++i)
             written[size_t(i)] = patternByte(worker, round, i);
-        if (connection.writeBlock(address, reinterpret_cast<unsigned int*>(written.data()), size) !=
-            0)
-            ++out.failedCalls;
         std::fill(read.begin(), read.begin() + size, 0);
-        if (connection.readBlock(address, read.data(), size) != 0)
+        if (connection.writeBlock(address, reinterpret_cast<unsigned int*>(written.data()), size) ||
+            connection.readBlock(address, read.data(), size))
             ++out.failedCalls;
         else if (!std::equal(written.begin(), written.begin() + size, read.begin()))
             ++out.mismatches;
 
+        unsigned char status = 0;
+        // A 32-bit write to the event register raises the event with that identifier.
+        const unsigned int id = (unsigned(worker) << 16) | unsigned(round);
+        unsigned char data[8] = {static_cast<unsigned char>(worker),
+                                 static_cast<unsigned char>(round)};
+        for (int i = 2; i < 8; ++i)
+            data[i] = patternByte(worker, round, i);
+        // The echo as getBypass... delivers it whole: inner header, data, checksum.
+        const QByteArray packet = pxproto::debugPacket(flow, data, 8);
         switch (round % 4) {
-        case 0: {
-            unsigned char status = 0;
-            if (connection.getStatus(&status) != 0 || status == 0)
-                ++out.failedCalls;
+        case 0:
+            out.failedCalls += connection.getStatus(&status) != 0 || status == 0;
             break;
-        }
         case 1:
-            if (connection.ping() != 0)
-                ++out.failedCalls;
+            out.failedCalls += connection.ping() != 0;
             break;
-        case 2: {
-            // A 32-bit write to the event register raises the event with that identifier.
-            const unsigned int id = (unsigned(worker) << 16) | unsigned(round);
+        case 2:
             if (connection.write32(EventRegister, id) != 0)
                 ++out.failedCalls;
             else
                 out.raisedEvents.push_back(id);
             break;
-        }
-        default: {
-            unsigned char data[8];
-            for (int i = 0; i < 8; ++i)
-                data[i] = patternByte(worker, round, i);
-            data[0] = static_cast<unsigned char>(worker);
-            data[1] = static_cast<unsigned char>(round);
-            if (connection.sendBypassPacket(flow, data, 8) != 0) {
+        default:
+            if (connection.sendBypassPacket(flow, data, 8) != 0)
                 ++out.failedCalls;
-            } else {
-                // The echo's data as getBypass... delivers it whole: inner header, data,
-                // checksum.
-                std::string packet;
-                packet += char(0xAD);
-                packet += char(0);
-                packet += char(9);
-                packet += char(flow);
-                packet.append(reinterpret_cast<char*>(data), 8);
-                unsigned char sum = flow;
-                for (unsigned char b : data)
-                    sum ^= b;
-                packet += char(sum);
-                out.sentBypass.push_back(packet);
-            }
-            break;
-        }
+            else
+                out.sentBypass.emplace_back(packet.constData(), size_t(packet.size()));
         }
     }
 }
@@ -178,59 +142,35 @@ void work(PXConnection& connection, int worker, unsigned char flow, WorkerResult
 // Every connection that enabled events gets every event: `listeners` copies of each.
 void checkDelivery(Consumers& consumers, const std::vector<WorkerResult>& results, int listeners)
 {
-    std::map<unsigned int, int> raised;
-    std::set<std::string> sent;
-    size_t sentCount = 0;
+    std::multiset<unsigned int> raised;
+    std::multiset<std::string> sent;
     for (const WorkerResult& r : results) {
         EXPECT_EQ(r.mismatches, 0);
         EXPECT_EQ(r.failedCalls, 0);
-        for (unsigned int id : r.raisedEvents)
-            raised[id] += listeners;
+        for (int i = 0; i < listeners; ++i)
+            raised.insert(r.raisedEvents.begin(), r.raisedEvents.end());
         sent.insert(r.sentBypass.begin(), r.sentBypass.end());
-        sentCount += r.sentBypass.size();
     }
     EXPECT_EQ(consumers.events, raised);
     EXPECT_EQ(consumers.bypass, sent);
-    EXPECT_EQ(size_t(consumers.bypassCount), sentCount);
 }
 
 } // namespace
 
-// 16 workers on one connection, two consumers taking events and bypass packets meanwhile.
-TEST(Stress, SixteenThreadsOneConnection)
-{
-    SimulatorProcess simulator;
-    ASSERT_TRUE(simulator.isListening());
-    PXConnection connection;
-    ASSERT_TRUE(connection.open(QStringLiteral("127.0.0.1"), simulator.port()));
-    ASSERT_EQ(connection.enableEvents(true), 0u);
-    unsigned char flow = FlowBase;
-    ASSERT_EQ(connection.setBypassFlowIds(&flow, 1), 0u);
+// 16 workers on one connection, and on eight connections (two workers each, each connection
+// with its own bypass flow); two consumers per connection take events and bypass packets
+// meanwhile. Every connection enables events and so gets every event.
+class Stress : public ::testing::TestWithParam<int>
+{};
 
-    std::vector<WorkerResult> results(Workers);
-    {
-        Consumers consumers({&connection}, 2);
-        std::vector<std::thread> workers;
-        for (int w = 0; w < Workers; ++w)
-            workers.emplace_back([&, w] { work(connection, w, flow, results[size_t(w)]); });
-        for (auto& t : workers)
-            t.join();
-        // Arrivals in flight when the workers stop are in once a ping round trip is done.
-        ASSERT_EQ(connection.ping(), 0u);
-        consumers.finish();
-        checkDelivery(consumers, results, 1);
-    }
-}
-
-// 16 workers on eight connections (two each), each connection with its own bypass flow and
-// its own consumers; every connection enables events and so gets every event.
-TEST(Stress, SixteenThreadsEightConnections)
+TEST_P(Stress, SixteenThreads)
 {
+    const int count = GetParam();
     SimulatorProcess simulator;
     ASSERT_TRUE(simulator.isListening());
     std::vector<std::unique_ptr<PXConnection>> connections;
     std::vector<PXConnection*> raw;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < count; ++i) {
         connections.push_back(std::make_unique<PXConnection>());
         ASSERT_TRUE(connections.back()->open(QStringLiteral("127.0.0.1"), simulator.port()));
         unsigned char flow = static_cast<unsigned char>(FlowBase + i);
@@ -238,21 +178,26 @@ TEST(Stress, SixteenThreadsEightConnections)
         ASSERT_EQ(connections.back()->enableEvents(true), 0u);
         raw.push_back(connections.back().get());
     }
-
     std::vector<WorkerResult> results(Workers);
-    {
-        Consumers consumers(raw, 2);
-        std::vector<std::thread> workers;
-        for (int w = 0; w < Workers; ++w)
-            workers.emplace_back([&, w] {
-                work(*raw[size_t(w / 2)], w, static_cast<unsigned char>(FlowBase + w / 2),
-                     results[size_t(w)]);
-            });
-        for (auto& t : workers)
-            t.join();
-        for (PXConnection* c : raw)
-            ASSERT_EQ(c->ping(), 0u);
-        consumers.finish();
-        checkDelivery(consumers, results, 8);
+    Consumers consumers(raw);
+    std::vector<std::thread> workers;
+    for (int w = 0; w < Workers; ++w) {
+        const int i = w * count / Workers;
+        workers.emplace_back([&, w, i] {
+            work(*raw[size_t(i)], w, static_cast<unsigned char>(FlowBase + i), results[size_t(w)]);
+        });
     }
+    for (auto& t : workers)
+        t.join();
+    // Arrivals in flight when the workers stop are in once a ping round trip is done.
+    for (PXConnection* c : raw)
+        ASSERT_EQ(c->ping(), 0u);
+    consumers.finish();
+    checkDelivery(consumers, results, count);
 }
+
+INSTANTIATE_TEST_SUITE_P(Connections, Stress, ::testing::Values(1, 8),
+                         [](const ::testing::TestParamInfo<int>& p) {
+                             return p.param == 1 ? std::string("OneConnection")
+                                                 : std::string("EightConnections");
+                         });
