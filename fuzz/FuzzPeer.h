@@ -63,25 +63,26 @@ void forEachFrame(const QByteArray& stream, F f)
         f(frame);
 }
 
-// The listening socket, created on first use. Returns its port.
-inline quint16 listenPort(int* listener)
+// The listening socket (created on first use) and its port.
+struct Listener
 {
-    static int fd = -1;
-    static quint16 port = 0;
-    if (fd < 0) {
-        fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0)
-            fail("socket");
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    quint16 port = 0;
+    Listener()
+    {
         sockaddr_in address = loopback(0);
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(fd, 16) != 0)
-            fail("bind/listen");
         socklen_t size = sizeof address;
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+            ::listen(fd, 16) != 0 ||
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+            fail("socket/bind/listen");
         port = ntohs(address.sin_port);
     }
-    *listener = fd;
-    return port;
+};
+inline const Listener& listener()
+{
+    static const Listener instance;
+    return instance;
 }
 
 // One accepted client.
@@ -92,18 +93,14 @@ public:
     // kernel holds it in the backlog).
     Peer()
     {
-        int listener = -1;
-        listenPort(&listener);
-        pollfd p{listener, POLLIN, 0};
-        if (::poll(&p, 1, 5000) != 1)
+        pollfd p{listener().fd, POLLIN, 0};
+        if (::poll(&p, 1, 5000) != 1 ||
+            (fd = ::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
             fail("no client to accept");
-        fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
-            fail("accept");
         const int one = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     }
-    ~Peer() { closeAbort(); }
+    ~Peer() { close(true); }
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
@@ -112,18 +109,12 @@ public:
     bool waitForFrame(unsigned char flow, int timeoutMs)
     {
         for (;;) {
-            for (;;) {
-                const QByteArray& frame = parser.getPacket(false);
-                if (frame.isEmpty())
-                    break;
-                if (pxproto::flowId(frame) == flow)
+            for (QByteArray f = parser.getPacket(false); !f.isEmpty(); f = parser.getPacket(false))
+                if (pxproto::flowId(f) == flow)
                     return true;
-            }
             pollfd p{fd, POLLIN, 0};
-            if (::poll(&p, 1, timeoutMs) != 1)
-                return false;
             unsigned char bytes[4096];
-            const ssize_t n = ::read(fd, bytes, sizeof bytes);
+            const ssize_t n = ::poll(&p, 1, timeoutMs) == 1 ? ::read(fd, bytes, sizeof bytes) : 0;
             if (n <= 0)
                 return false;
             parser.feedData(bytes, int(n));
@@ -133,35 +124,24 @@ public:
     // Writes everything (blocking); false when the client has gone.
     bool send(const QByteArray& bytes)
     {
-        qsizetype done = 0;
-        while (done < bytes.size()) {
-            const ssize_t n =
-                ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), MSG_NOSIGNAL);
-            if (n <= 0)
+        for (qsizetype done = 0, n = 0; done < bytes.size(); done += n)
+            if ((n = ::send(fd, bytes.constData() + done, size_t(bytes.size() - done),
+                            MSG_NOSIGNAL)) <= 0)
                 return false;
-            done += n;
-        }
         return true;
     }
 
-    // Orderly close: the client sees the end of the stream.
-    void closeGracefully()
+    // Closes: orderly (the client sees the end of the stream), or with a reset that leaves no
+    // TIME_WAIT entry behind (many inputs per second).
+    void close(bool reset)
     {
-        if (fd >= 0) {
-            ::close(fd);
-            fd = -1;
-        }
-    }
-
-    // Close with a reset, leaving no TIME_WAIT entry behind (many inputs per second).
-    void closeAbort()
-    {
-        if (fd >= 0) {
-            linger off{1, 0};
+        if (fd < 0)
+            return;
+        linger off{1, 0};
+        if (reset)
             ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
-            ::close(fd);
-            fd = -1;
-        }
+        ::close(fd);
+        fd = -1;
     }
 
 private:

@@ -44,11 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const int drainSize = data[2] % 40;
     const QByteArray stream(reinterpret_cast<const char*>(data + 3), int(size - 3));
 
-    int listener = -1;
-    const quint16 port = fuzzpeer::listenPort(&listener);
     auto* connection = new PXConnection;
     connectionAlive.store(true);
-    if (!connection->open(QStringLiteral("127.0.0.1"), port))
+    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port))
         fail("open");
     {
         fuzzpeer::Peer peer;
@@ -84,33 +82,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (result != 0 && result != 13)
             fail("unexpected result code");
 
-        // Drain the queues with a small buffer.
-        unsigned char buffer[40];
-        unsigned char flowId = 0;
-        int length = 0;
-        int taken = 0;
+        // Drain the queues with a small buffer, taking bypass packets in turn in each way.
+        unsigned char buffer[40], flowId = 0;
+        int length = 0, taken = 0;
         unsigned int event = 0;
         while (connection->popEvent(&event) == 0)
             if (++taken > 1001)
                 fail("event queue above its cap");
         taken = 0;
         for (int round = 0;; ++round) {
-            unsigned int r;
-            switch (round % 3) {
-            case 0:
-                r = connection->getBypassPacket(&flowId, buffer, drainSize, &length);
-                break;
-            case 1:
-                r = connection->getBypassData(buffer, drainSize, &length);
-                if (r == 5) // too small: take it with the whole buffer, or as a cut packet
-                    r = length <= int(sizeof buffer)
-                            ? connection->getBypassData(buffer, int(sizeof buffer), &length)
-                            : connection->getBypassPacket(&flowId, buffer, drainSize, &length);
-                break;
-            default:
-                r = connection->waitBypassPacket(&flowId, buffer, drainSize, &length, 0);
-                break;
-            }
+            unsigned int r =
+                round % 3 == 0 ? connection->getBypassPacket(&flowId, buffer, drainSize, &length)
+                : round % 3 == 1
+                    ? connection->getBypassData(buffer, drainSize, &length)
+                    : connection->waitBypassPacket(&flowId, buffer, drainSize, &length, 0);
+            if (round % 3 == 1 && r == 5) // too small: take it whole, or as a cut packet
+                r = length <= int(sizeof buffer)
+                        ? connection->getBypassData(buffer, int(sizeof buffer), &length)
+                        : connection->getBypassPacket(&flowId, buffer, drainSize, &length);
             if (r == 8 && length == 0) {
                 unsigned char probe[4];
                 if (connection->getBypassData(probe, 0, &length) == 8)
@@ -122,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (++taken > 1001)
                 fail("bypass queue above its cap");
         }
-        peer.closeAbort();
+        peer.close(true);
     }
     delete connection;
     connectionAlive.store(false);

@@ -53,10 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             expectedBypass.append(frame.mid(pxproto::HeaderSize));
     });
 
-    int listener = -1;
-    const quint16 port = fuzzpeer::listenPort(&listener);
     auto* connection = new PXNSConnection(nullptr);
-    if (!connection->open(QStringLiteral("127.0.0.1"), port))
+    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port))
         fail("open");
     fuzzpeer::Peer peer;
 
@@ -78,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                      });
     peer.send(sent);
     if (closeServer)
-        peer.closeGracefully();
+        peer.close(false);
 
     QElapsedTimer clock;
     clock.start();
@@ -108,6 +106,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         fail("arrivals lost");
 
     delete connection;
-    peer.closeAbort();
+    peer.close(true);
     return 0;
 }

@@ -13,28 +13,18 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 namespace {
 
 constexpr int FrameSizes[] = {PXSimOptions::DefaultFrameSize, 1, 7, 65531};
 constexpr qint64 ReplyLimit = 1 << 20;
-
-bool isReplyFlow(unsigned char flow)
-{
-    switch (flow) {
-    case pxproto::reply::Ping:
-    case pxproto::reply::Status:
-    case pxproto::reply::Completion:
-    case pxproto::reply::Event:
-    case pxproto::reply::WriteAck:
-    case pxproto::reply::ReadData:
-    case pxproto::reply::Bypass:
-        return true;
-    default:
-        return false;
-    }
-}
+constexpr unsigned char ReplyFlows[] = {pxproto::reply::Ping,       pxproto::reply::Status,
+                                        pxproto::reply::Completion, pxproto::reply::Event,
+                                        pxproto::reply::WriteAck,   pxproto::reply::ReadData,
+                                        pxproto::reply::Bypass};
 
 } // namespace
 
@@ -107,7 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 if (frame.isEmpty())
                     break;
                 const unsigned char flow = pxproto::flowId(frame);
-                if (!isReplyFlow(flow))
+                if (std::find(std::begin(ReplyFlows), std::end(ReplyFlows), flow) ==
+                    std::end(ReplyFlows))
                     fail("a frame of a flow the server never sends");
                 if (flow == pxproto::reply::ReadData && pxproto::payloadLength(frame) <= 4)
                     fail("a read-data frame without data");

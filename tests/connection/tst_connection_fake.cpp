@@ -2,7 +2,6 @@
 // replies split or delayed, silence, and the connection's own bookkeeping (handles, address).
 
 #include "FakeServer.h"
-#include "RefusedPort.h"
 #include "WaitUntil.h"
 
 #include "pellix/connection/PXClientManager.h"
@@ -111,30 +110,6 @@ TEST(ConnectionFake, NonFittingReadDataFailsAtOnce)
         EXPECT_LT(clock.elapsed(), 2000) << what;
     }
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(value)), "wxyz");
-}
-
-// Without a socket (the open failed) requests fail at once and send nothing, settings are
-// kept for later, and the connection stays registered. Invalid read sizes send nothing.
-TEST(ConnectionFake, WithoutSocketOrWithInvalidSizesNothingIsSent)
-{
-    PXConnection connection;
-    QElapsedTimer clock;
-    clock.start();
-    EXPECT_FALSE(connection.open("127.0.0.1", refusedPort()));
-    EXPECT_EQ(PXConnection::GetById(connection.getId()), &connection);
-    unsigned char byte = 0, ids[] = {1};
-    for (unsigned int result : {connection.read8(0, &byte), connection.write32(0, 1),
-                                connection.getStatus(&byte), connection.ping()})
-        EXPECT_EQ(result, 13u);
-    EXPECT_EQ(connection.enableEvents(true) + connection.setBypassFlowIds(ids, 1), 0u);
-    EXPECT_LT(clock.elapsed(), 2500);
-
-    Connected c;
-    for (int size : {0, -1, 3})
-        EXPECT_EQ(c.connection.genericRead(0, false, &c, size), 13u) << size;
-    EXPECT_EQ(c.connection.readBlock(0, &byte, 0), 0u);
-    c.sync();
-    EXPECT_EQ(c.server.frames(), QList<QByteArray>{pxproto::ping()}); // only sync()'s ping
 }
 
 // Waits out the 5000 ms time-out twice: a write never acknowledged, a status reply of the

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace {
@@ -42,29 +43,23 @@ TEST(ConnectionSim, EveryWidthReadsBackWhatWasWritten)
 {
     Simulated s;
     PXConnection& c = s.connection;
-    unsigned char b = 0;
-    unsigned short h = 0;
-    unsigned int w = 0;
-    EXPECT_EQ(c.write8(0x1001, 0xA5), 0u);
-    EXPECT_EQ(c.read8(0x1001, &b), 0u);
-    EXPECT_EQ(b, 0xA5);
-    EXPECT_EQ(c.write16(0x1002, 0xBEEF), 0u);
-    EXPECT_EQ(c.read16(0x1002, &h), 0u);
+    unsigned char b = 0, internal = 0;
+    unsigned short h = 0, unalignedH = 0;
+    unsigned int w = 0, unalignedW = 0;
+    // Braced lists evaluate in order: the writes come first. Unaligned 16- and 32-bit reads
+    // are assembled from smaller reads.
+    for (unsigned int result :
+         {c.write8(0x1001, 0xA5), c.write16(0x1002, 0xBEEF), c.write32(0x1004, 0xDEADBEEF),
+          c.writei8(0x1001, 0x3C), c.read8(0x1001, &b), c.read16(0x1002, &h), c.read32(0x1004, &w),
+          c.readi8(0x1001, &internal), c.read32(0x1002, &unalignedW),
+          c.read16(0x1001, &unalignedH)})
+        EXPECT_EQ(result, 0u);
+    EXPECT_EQ(b, 0xA5); // the internal space is apart from memory
+    EXPECT_EQ(internal, 0x3C);
     EXPECT_EQ(h, 0xBEEF);
-    EXPECT_EQ(c.write32(0x1004, 0xDEADBEEF), 0u);
-    EXPECT_EQ(c.read32(0x1004, &w), 0u);
     EXPECT_EQ(w, 0xDEADBEEFu);
-    // Unaligned 16- and 32-bit reads are assembled from smaller reads.
-    EXPECT_EQ(c.read32(0x1002, &w), 0u);
-    EXPECT_EQ(w, 0xBEEFu | (0xEFu << 16) | (0xBEu << 24));
-    EXPECT_EQ(c.read16(0x1001, &h), 0u);
-    EXPECT_EQ(h, 0xA5 | (0xEF << 8));
-    // The internal space is apart from memory.
-    EXPECT_EQ(c.writei8(0x1001, 0x3C), 0u);
-    EXPECT_EQ(c.readi8(0x1001, &b), 0u);
-    EXPECT_EQ(b, 0x3C);
-    EXPECT_EQ(c.read8(0x1001, &b), 0u);
-    EXPECT_EQ(b, 0xA5);
+    EXPECT_EQ(unalignedW, 0xBEEFu | (0xEFu << 16) | (0xBEu << 24));
+    EXPECT_EQ(unalignedH, 0xA5 | (0xEF << 8));
 }
 
 TEST(ConnectionSim, LargeAndUnalignedBlocks)
@@ -155,7 +150,6 @@ TEST(ConnectionSim, BypassOnlyAfterFlowIdsAndTheThreeTakes)
     c.ping();
     EXPECT_EQ(c.getBypassPacket(&flow, buffer, 64, &length), 8u);
     EXPECT_EQ(length, 0);
-
     unsigned char ids[] = {0x21};
     ASSERT_EQ(c.setBypassFlowIds(ids, 1), 0u);
     // Stored packet: AD 00 07 21, the six data bytes, checksum: 11 bytes.
@@ -163,28 +157,25 @@ TEST(ConnectionSim, BypassOnlyAfterFlowIdsAndTheThreeTakes)
     for (int i = 0; i < 5; ++i)
         c.sendBypassPacket(0x21, data, 6);
 
-    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 64, &length, 5000), 0u);
+    // Each take as "result/length".
+    auto take = [&](unsigned int result) {
+        return std::to_string(result) + "/" + std::to_string(length);
+    };
+    EXPECT_EQ(take(c.waitBypassPacket(&flow, buffer, 64, &length, 5000)), "0/11");
     EXPECT_EQ(flow, 0x21);
-    ASSERT_EQ(length, 11);
     const unsigned char whole[] = {0xAD, 0, 7, 0x21, 1, 2, 3, 4, 5, 6, checksum};
     EXPECT_EQ(std::memcmp(buffer, whole, 11), 0);
     c.ping(); // the other four echoes are queued by now
 
-    EXPECT_EQ(c.getBypassPacket(&flow, buffer, 16, &length), 0u);
-    EXPECT_EQ(length, 7); // data and checksum
+    EXPECT_EQ(take(c.getBypassPacket(&flow, buffer, 16, &length)), "0/7"); // data and checksum
     EXPECT_EQ(std::memcmp(buffer, whole + 4, 7), 0);
-    EXPECT_EQ(c.getBypassPacket(&flow, buffer, 4, &length), 5u); // cut, consumed
-    EXPECT_EQ(length, 4);
-    EXPECT_EQ(c.getBypassData(buffer, 8, &length), 5u); // too small, kept
-    EXPECT_EQ(length, 11);
-    EXPECT_EQ(c.getBypassData(buffer, 11, &length), 0u);
-    EXPECT_EQ(length, 11);
+    EXPECT_EQ(take(c.getBypassPacket(&flow, buffer, 4, &length)), "5/4"); // cut, consumed
+    EXPECT_EQ(take(c.getBypassData(buffer, 8, &length)), "5/11");         // too small, kept
+    EXPECT_EQ(take(c.getBypassData(buffer, 11, &length)), "0/11");
     EXPECT_EQ(std::memcmp(buffer, whole, 11), 0);
-    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 5, &length, 1000), 5u); // cut, consumed
-    EXPECT_EQ(length, 5);
-    EXPECT_EQ(c.waitBypassPacket(&flow, buffer, 64, &length, 0), 8u);
-    EXPECT_EQ(c.getBypassData(buffer, 64, &length), 8u);
-    EXPECT_EQ(length, 0);
+    EXPECT_EQ(take(c.waitBypassPacket(&flow, buffer, 5, &length, 1000)), "5/5"); // cut, consumed
+    EXPECT_EQ(take(c.waitBypassPacket(&flow, buffer, 64, &length, 0)), "8/0");
+    EXPECT_EQ(take(c.getBypassData(buffer, 64, &length)), "8/0");
 }
 
 TEST(ConnectionSim, LargestBypassPacketAndOneByteMore)

@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -27,15 +26,8 @@ constexpr int Workers = 16;
 constexpr int Rounds = robust::Sanitized ? 8 : 40;
 constexpr unsigned int EventRegister = 0xFFFFFF00u;
 constexpr unsigned char FlowBase = 0x40;
-// Sizes and start offsets that give 8-, 16-, 32-bit and block reads and writes.
+// Sizes that, with start offsets 0 to 3, give 8-, 16-, 32-bit and block reads and writes.
 constexpr int Sizes[] = {1, 2, 3, 4, 5, 7, 8, 13, 64, 333, 4096, 40000};
-constexpr int Offsets[] = {0, 1, 2, 3};
-
-unsigned int rangeBase(int worker)
-{
-    return 0x01000000u + unsigned(worker) * 0x00100000u;
-}
-
 unsigned char patternByte(int worker, int round, int i)
 {
     return static_cast<unsigned char>(worker * 37 + round * 11 + i * 7 + (i >> 8));
@@ -45,11 +37,11 @@ unsigned char patternByte(int worker, int round, int i)
 // and the queues are empty.
 struct Consumers
 {
-    explicit Consumers(const std::vector<PXConnection*>& connections)
+    explicit Consumers(std::vector<PXConnection>& connections)
     {
-        for (PXConnection* connection : connections)
+        for (PXConnection& c : connections)
             for (int kind = 0; kind < 2; ++kind)
-                threads.emplace_back([this, connection, kind] {
+                threads.emplace_back([this, connection = &c, kind] {
                     for (bool took = true, last = false; took || !last;) {
                         last = stop.load();
                         unsigned int event = 0;
@@ -97,8 +89,9 @@ void work(PXConnection& connection, int worker, unsigned char flow, WorkerResult
     std::vector<unsigned char> written(65536), read(65536);
     for (int round = 0; round < Rounds; ++round) {
         const int size = Sizes[(worker + round) % std::size(Sizes)];
+        // Each worker has its own 1 MiB; start offsets 0 to 3.
         const unsigned int address =
-            rangeBase(worker) + unsigned(Offsets[(worker * 3 + round) % std::size(Offsets)]);
+            0x01000000u + unsigned(worker) * 0x00100000u + unsigned((worker * 3 + round) % 4);
         for (int i = 0; i < size; ++i)
             written[size_t(i)] = patternByte(worker, round, i);
         std::fill(read.begin(), read.begin() + size, 0);
@@ -168,36 +161,34 @@ TEST_P(Stress, SixteenThreads)
     const int count = GetParam();
     SimulatorProcess simulator;
     ASSERT_TRUE(simulator.isListening());
-    std::vector<std::unique_ptr<PXConnection>> connections;
-    std::vector<PXConnection*> raw;
+    std::vector<PXConnection> connections(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) {
-        connections.push_back(std::make_unique<PXConnection>());
-        ASSERT_TRUE(connections.back()->open(QStringLiteral("127.0.0.1"), simulator.port()));
+        PXConnection& c = connections[size_t(i)];
         unsigned char flow = static_cast<unsigned char>(FlowBase + i);
-        ASSERT_EQ(connections.back()->setBypassFlowIds(&flow, 1), 0u);
-        ASSERT_EQ(connections.back()->enableEvents(true), 0u);
-        raw.push_back(connections.back().get());
+        ASSERT_TRUE(c.open(QStringLiteral("127.0.0.1"), simulator.port()));
+        ASSERT_EQ(c.setBypassFlowIds(&flow, 1) + c.enableEvents(true), 0u);
     }
     std::vector<WorkerResult> results(Workers);
-    Consumers consumers(raw);
+    Consumers consumers(connections);
     std::vector<std::thread> workers;
     for (int w = 0; w < Workers; ++w) {
         const int i = w * count / Workers;
         workers.emplace_back([&, w, i] {
-            work(*raw[size_t(i)], w, static_cast<unsigned char>(FlowBase + i), results[size_t(w)]);
+            work(connections[size_t(i)], w, static_cast<unsigned char>(FlowBase + i),
+                 results[size_t(w)]);
         });
     }
     for (auto& t : workers)
         t.join();
     // Arrivals in flight when the workers stop are in once a ping round trip is done.
-    for (PXConnection* c : raw)
-        ASSERT_EQ(c->ping(), 0u);
+    for (PXConnection& c : connections)
+        ASSERT_EQ(c.ping(), 0u);
     consumers.finish();
     checkDelivery(consumers, results, count);
 }
 
 INSTANTIATE_TEST_SUITE_P(Connections, Stress, ::testing::Values(1, 8),
                          [](const ::testing::TestParamInfo<int>& p) {
-                             return p.param == 1 ? std::string("OneConnection")
-                                                 : std::string("EightConnections");
+                             return std::string(p.param == 1 ? "OneConnection"
+                                                             : "EightConnections");
                          });
