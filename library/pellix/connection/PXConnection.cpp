@@ -152,14 +152,13 @@ void PXConnection::dispatchFrame(const QByteArray& frame)
     case pxproto::reply::ReadData: {
         if (!(pending & PendingRead))
             return;
-        if (length <= 4 || pxproto::getLe32(bytes + 4) != readAddress ||
-            qint64(length) > qint64(readRemaining) + 4 || length + 4 != size) {
+        const int n = pxproto::readDataCount(bytes, size, readAddress, readRemaining);
+        if (n < 0) {
             readRemaining = -1;
             pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_release);
             replyCondition.wakeOne();
             return;
         }
-        const int n = length - 4;
         if (readBuffer) {
             std::memcpy(readBuffer, bytes + 8, size_t(n));
             readBuffer += n;
@@ -318,17 +317,7 @@ unsigned int PXConnection::readBlock(unsigned int address, unsigned char* data, 
         return 0;
     int remaining = size;
     while (remaining > 1) {
-        int chunk;
-        if (address & 1)
-            chunk = 1;
-        else if ((address & 3) == 2)
-            chunk = 2;
-        else if (remaining > pxproto::MaxBlockChunk)
-            chunk = pxproto::MaxBlockChunk;
-        else if (remaining < 4)
-            chunk = 2;
-        else
-            chunk = remaining & ~3;
+        const int chunk = pxproto::readChunkSize(address, remaining);
         const unsigned int result = genericRead(address, false, data, chunk);
         if (result != 0)
             return result;

@@ -249,17 +249,7 @@ unsigned int PXNSConnection::readBlock(unsigned int address, unsigned char* data
         return Ok;
     int remaining = size;
     while (remaining > 1) {
-        int chunk;
-        if (address & 1)
-            chunk = 1;
-        else if ((address & 3) == 2)
-            chunk = 2;
-        else if (remaining > pxproto::MaxBlockChunk)
-            chunk = pxproto::MaxBlockChunk;
-        else if (remaining < 4)
-            chunk = 2;
-        else
-            chunk = remaining & ~3;
+        const int chunk = pxproto::readChunkSize(address, remaining);
         const unsigned int result = genericRead(address, false, data, chunk);
         if (result != Ok)
             return result;
@@ -501,12 +491,10 @@ void PXNSConnection::dispatch(const QByteArray& frame)
 
 void PXNSConnection::dispatchReadData(const QByteArray& frame)
 {
-    const int length = pxproto::payloadLength(frame);
-    const int count = length - 4;
-    const bool fits = length > 4 && frame.size() == length + pxproto::HeaderSize &&
-                      pxproto::getLe32(frame.constData() + 4) == readAddress &&
-                      count <= readRemaining;
-    if (!fits) {
+    const int count =
+        pxproto::readDataCount(reinterpret_cast<const unsigned char*>(frame.constData()),
+                               int(frame.size()), readAddress, readRemaining);
+    if (count < 0) {
         requestStack.last() = RequestFailed;
         return;
     }
