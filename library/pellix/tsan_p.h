@@ -18,6 +18,7 @@
 #endif
 
 #if defined(PELLIX_TSAN)
+#include <QMutexLocker>
 #include <sanitizer/tsan_interface.h>
 #endif
 
@@ -45,7 +46,17 @@ inline void afterWait(const void* mutex)
     __tsan_mutex_pre_lock(const_cast<void*>(mutex), 0);
     __tsan_mutex_post_lock(const_cast<void*>(mutex), 0, 0);
 }
+// Held by the thread that handles posted events while its handler runs. QtCore posts events
+// of its own to that thread from inside such handlers (a socket's connect, deleteLater) and
+// guards its event queue with a lock TSan cannot see; the poster side of the library takes the
+// same mutex around postEvent, so the queue's hand-offs become visible. Only in TSan builds: a
+// handler may block for seconds (a connect), and other builds must not hold posters back.
+using PostScope = QMutexLocker<QBasicMutex>;
 #else
+struct PostScope
+{
+    explicit PostScope(const void*) {}
+};
 inline void release(const void*) {}
 inline void acquire(const void*) {}
 inline void beforeWait(const void*) {}

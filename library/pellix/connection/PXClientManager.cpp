@@ -151,14 +151,18 @@ bool PXClientManager::connectionOpen(const QString& host, quint16 port, PXConnec
 
 void PXClientManager::connectionClose(PXConnection* connection)
 {
-    QMutexLocker lock(&mapMutex);
-    QTcpSocket* socket = connection->socket.load(std::memory_order_relaxed);
-    if (!socket)
-        return;
-    socketMap.remove(socket);
-    connection->socket.store(nullptr, std::memory_order_release);
+    QTcpSocket* socket;
+    {
+        QMutexLocker lock(&mapMutex);
+        socket = connection->socket.load(std::memory_order_relaxed);
+        if (!socket)
+            return;
+        socketMap.remove(socket);
+        connection->socket.store(nullptr, std::memory_order_release);
+    }
     // The socket belongs to this thread's event loop: close and delete it there, after the
-    // packets already posted for it.
+    // packets already posted for it. Posted after mapMutex is released: posting takes the
+    // post lock, which the network thread holds before mapMutex in ThreadSanitizer builds.
     post(new SocketDisposalEvent(socket));
 }
 
@@ -202,14 +206,19 @@ void PXClientManager::customEvent(QEvent* event)
         break;
     case CallType: {
         auto* call = static_cast<CallEvent*>(event);
-        call->job();
+        {
+            const pxtsan::PostScope scope(&postMutex);
+            call->job();
+        }
         pxtsan::release(call->done);
         call->done->release();
         break;
     }
-    case SocketDisposalEvent::Type:
+    case SocketDisposalEvent::Type: {
+        const pxtsan::PostScope scope(&postMutex);
         delete static_cast<SocketDisposalEvent*>(event)->socket;
         break;
+    }
     default:
         QThread::customEvent(event);
         break;
@@ -218,30 +227,35 @@ void PXClientManager::customEvent(QEvent* event)
 
 void PXClientManager::onConnectionOpen(ConnectionOpenEvent* event)
 {
-    auto* socket = new QTcpSocket(this);
-    socket->connectToHost(event->host, event->port, QIODevice::ReadWrite);
-    if (!socket->waitForConnected(3000)) {
-        delete socket;
-        pxtsan::release(event->done);
-        event->done->release();
-        return;
+    QTcpSocket* socket;
+    {
+        // Taken before mapMutex, never inside it (lock order in ThreadSanitizer builds).
+        const pxtsan::PostScope scope(&postMutex);
+        socket = new QTcpSocket(this);
+        socket->connectToHost(event->host, event->port, QIODevice::ReadWrite);
+        if (!socket->waitForConnected(3000)) {
+            delete socket;
+            pxtsan::release(event->done);
+            event->done->release();
+            return;
+        }
+        // Replies are a few bytes: without this, Nagle and delayed acknowledgements stall
+        // request/reply exchanges by tens of milliseconds.
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     }
-    // Replies are a few bytes: without this, Nagle and delayed acknowledgements stall
-    // request/reply exchanges by tens of milliseconds.
-    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    PXDelayCallback* retired;
     {
         QMutexLocker lock(&mapMutex);
         PXConnection* connection = event->connection;
-        // The holder of the previous socket is retired here, on the thread that owns it.
-        if (PXDelayCallback* old = connection->bypassDelayCallback) {
-            old->reset(nullptr, nullptr, 0);
-            old->deleteLater();
-        }
+        retired = connection->bypassDelayCallback;
         connection->bypassDelayCallback = new PXDelayCallback(nullptr);
         connection->socket.store(socket, std::memory_order_release);
         socketMap.insert(socket, connection);
         connect(socket, &QTcpSocket::readyRead, this, &PXClientManager::onReadyRead);
     }
+    // The holder of the previous socket is retired here, on the thread that owns it; no
+    // dispatch or timer of it can be running while this handler runs.
+    delete retired;
     pxtsan::release(event->done);
     event->done->release();
 }
@@ -249,6 +263,7 @@ void PXClientManager::onConnectionOpen(ConnectionOpenEvent* event)
 void PXClientManager::onSendPacket(SendPacketEvent* event)
 {
     if (event->socket) {
+        const pxtsan::PostScope scope(&postMutex);
         event->socket->write(event->data);
         // Hand the bytes to the kernel now rather than on the next pass of the event loop.
         event->socket->flush();

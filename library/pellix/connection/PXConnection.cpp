@@ -62,8 +62,7 @@ PXConnection::~PXConnection()
     // function is not called any more.
     manager->runOnThread([this] {
         if (bypassDelayCallback) {
-            bypassDelayCallback->reset(nullptr, nullptr, 0);
-            bypassDelayCallback->deleteLater();
+            delete bypassDelayCallback;
             bypassDelayCallback = nullptr;
         }
     });
