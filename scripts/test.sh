@@ -4,7 +4,7 @@
 #   qt5      Qt 5.15,
 #   tsan     the threaded tests under ThreadSanitizer (Qt 6),
 #   install  install into a temporary prefix, build the examples against it and run them,
-#   fuzz     every libFuzzer target for PELLIX_FUZZ_SECONDS (default 30) with ASan + UBSan.
+#   fuzz     every libFuzzer target for PELLIX_FUZZ_SECONDS (default 60) with ASan + UBSan.
 # Usage: scripts/test.sh [stage ...]   (default: all five, in that order)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -33,8 +33,8 @@ for config in "${configs[@]}"; do
         continue
         ;;
     fuzz)
-        echo "=== fuzz: ${PELLIX_FUZZ_SECONDS:-30} s per target"
-        FUZZ_BUILD_JOBS=$jobs scripts/fuzz.sh "${PELLIX_FUZZ_SECONDS:-30}" || status=1
+        echo "=== fuzz: ${PELLIX_FUZZ_SECONDS:-60} s per target"
+        FUZZ_BUILD_JOBS=$jobs scripts/fuzz.sh "${PELLIX_FUZZ_SECONDS:-60}" || status=1
         continue
         ;;
     esac
