@@ -127,6 +127,12 @@ void PXConnection::readSocketData()
     }
 }
 
+void PXConnection::completeReply(quint32 flag)
+{
+    pendingFlags.fetch_and(~flag, std::memory_order_release);
+    replyCondition.wakeOne();
+}
+
 void PXConnection::dispatchFrame(const QByteArray& frame)
 {
     const int size = int(frame.size());
@@ -154,8 +160,7 @@ void PXConnection::dispatchFrame(const QByteArray& frame)
         const int n = pxproto::readDataCount(bytes, size, readAddress, readRemaining);
         if (n < 0) {
             readRemaining = -1;
-            pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_release);
-            replyCondition.wakeOne();
+            completeReply(PendingRead);
             return;
         }
         if (readBuffer) {
@@ -165,8 +170,7 @@ void PXConnection::dispatchFrame(const QByteArray& frame)
         readAddress += quint32(n);
         readRemaining -= n;
         if (readRemaining == 0) {
-            pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_release);
-            replyCondition.wakeOne();
+            completeReply(PendingRead);
         }
         return;
     }
@@ -186,30 +190,26 @@ void PXConnection::dispatchFrame(const QByteArray& frame)
     case pxproto::reply::WriteAck:
         if (!(pending & PendingWrite))
             return;
-        pendingFlags.fetch_and(~quint32(PendingWrite), std::memory_order_release);
-        replyCondition.wakeOne();
+        completeReply(PendingWrite);
         return;
 
     case pxproto::reply::Status:
         if (!(pending & PendingStatus) || size != pxproto::StatusFrameSize)
             return;
         statusByte = bytes[4];
-        pendingFlags.fetch_and(~quint32(PendingStatus), std::memory_order_release);
-        replyCondition.wakeOne();
+        completeReply(PendingStatus);
         return;
 
     case pxproto::reply::Completion:
         if (!(pending & PendingReconnect))
             return;
-        pendingFlags.fetch_and(~quint32(PendingReconnect), std::memory_order_release);
-        replyCondition.wakeOne();
+        completeReply(PendingReconnect);
         return;
 
     case pxproto::reply::Ping:
         if (!(pending & PendingPing))
             return;
-        pendingFlags.fetch_and(~quint32(PendingPing), std::memory_order_release);
-        replyCondition.wakeOne();
+        completeReply(PendingPing);
         return;
 
     default:

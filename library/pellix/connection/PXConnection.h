@@ -179,6 +179,8 @@ private:
     unsigned int runQuery(quint32 flag, const QByteArray& request, unsigned long timeout);
     bool waitReply(quint32 flag, unsigned long timeout, bool look);
     void dispatchFrame(const QByteArray& frame);
+    // Dispatch side of a reply: clears the request's pending bit and wakes its waiter.
+    void completeReply(quint32 flag);
     unsigned int takeWholePacket(unsigned char* flowId, unsigned char* buffer, int size,
                                  int* length);
 
