@@ -94,8 +94,14 @@ public:
     Peer()
     {
         pollfd p{listener().fd, POLLIN, 0};
-        if (::poll(&p, 1, 5000) != 1 ||
-            (fd = ::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
+        int ready;
+        do
+            ready = ::poll(&p, 1, 5000);
+        while (ready < 0 && errno == EINTR);
+        do
+            fd = ready == 1 ? ::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        while (fd < 0 && ready == 1 && errno == EINTR);
+        if (fd < 0)
             fail("no client to accept");
         const int one = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
@@ -112,9 +118,18 @@ public:
             for (QByteArray f = parser.getPacket(false); !f.isEmpty(); f = parser.getPacket(false))
                 if (pxproto::flowId(f) == flow)
                     return true;
+            // libFuzzer's own timers interrupt system calls: EINTR is not the end.
             pollfd p{fd, POLLIN, 0};
+            const int ready = ::poll(&p, 1, timeoutMs);
+            if (ready < 0 && errno == EINTR)
+                continue;
             unsigned char bytes[4096];
-            const ssize_t n = ::poll(&p, 1, timeoutMs) == 1 ? ::read(fd, bytes, sizeof bytes) : 0;
+            ssize_t n = 0;
+            if (ready == 1) {
+                do
+                    n = ::read(fd, bytes, sizeof bytes);
+                while (n < 0 && errno == EINTR);
+            }
             if (n <= 0)
                 return false;
             parser.feedData(bytes, int(n));
@@ -124,10 +139,15 @@ public:
     // Writes everything (blocking); false when the client has gone.
     bool send(const QByteArray& bytes)
     {
-        for (qsizetype done = 0, n = 0; done < bytes.size(); done += n)
-            if ((n = ::send(fd, bytes.constData() + done, size_t(bytes.size() - done),
-                            MSG_NOSIGNAL)) <= 0)
+        for (qsizetype done = 0; done < bytes.size();) {
+            const ssize_t n =
+                ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), MSG_NOSIGNAL);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
                 return false;
+            done += n;
+        }
         return true;
     }
 

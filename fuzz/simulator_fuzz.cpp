@@ -74,12 +74,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                                      size_t(stream.size() - written), MSG_NOSIGNAL);
             if (n > 0)
                 written += n;
-            else if (n < 0 && errno != EAGAIN)
+            else if (n < 0 && errno != EAGAIN && errno != EINTR)
                 ended = true;
         }
         unsigned char bytes[65536];
         for (;;) {
             const ssize_t n = ::read(fd, bytes, sizeof bytes);
+            if (n < 0 && errno == EINTR)
+                continue;
             if (n == 0 || (n < 0 && errno != EAGAIN)) {
                 ended = true;
                 break;
