@@ -1,10 +1,12 @@
 // The stream parser on arbitrary bytes: the first byte picks the parser type and how the
-// rest is cut into feeds; every packet cut must be a whole frame by its own length field.
+// rest is cut into feeds; every packet cut must be a whole frame by its own length field, and
+// a second parser fed the same arrays must hand out the same packets in place (nextPacket).
 
 #include "pellix/protocol/PXParser.h"
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -27,6 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     PXParser parser(type);
     parser.setClock(fakeClock);
+    PXParser inPlace(type);
+    inPlace.setClock(fakeClock);
     fakeNow = 1000;
     size_t offset = 0;
     while (offset < size) {
@@ -34,10 +38,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         // Bytes 0xFE in the stream stand for a pause long enough to make partial data stale.
         fakeNow += data[offset] == 0xFE ? 2000 : 1;
         parser.feedData(data + offset, int(n));
+        // Fed as an owned array, which the parser may keep by sharing.
+        inPlace.feedData(QByteArray(reinterpret_cast<const char*>(data + offset), int(n)));
         offset += n;
         const bool flush = (data[offset - 1] & 1) != 0;
         for (int guard = 0; guard < 100000; ++guard) {
             const QByteArray& packet = parser.getPacket(flush);
+            if (type != PXParser::EscapedDebugStream) {
+                int inPlaceSize = 0;
+                const unsigned char* p = inPlace.nextPacket(&inPlaceSize);
+                if (inPlaceSize != packet.size() ||
+                    (p && std::memcmp(p, packet.constData(), size_t(inPlaceSize)) != 0) ||
+                    inPlace.logs() != parser.logs())
+                    std::abort();
+            }
             if (packet.isEmpty())
                 break;
             if (packet.size() < 4)

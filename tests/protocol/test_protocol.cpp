@@ -191,6 +191,47 @@ TEST_F(Parser, DropsLeadingBytesAndResynchronisesWithOneLineEach)
     EXPECT_TRUE(parser.logs().isEmpty());
 }
 
+// nextPacket hands out the packets and log lines of getPacket, in place: fed at every split
+// point, with bytes to drop before and between frames. Escaped streams are not served in place.
+TEST_F(Parser, InPlacePacketsMatchCopiedOnes)
+{
+    const QByteArray stream =
+        hex("01 BB 00 01 80 AA 7E") + pxproto::readData(0x10, "\xBB\x00", 2) + pxproto::event(7);
+    for (int split = 0; split <= stream.size(); ++split) {
+        PXParser copied;
+        copied.setClock([] { return gNow; });
+        parser.reset();
+        QList<QByteArray> want, got;
+        QStringList wantLogs, gotLogs;
+        for (const QByteArray& piece : {stream.left(split), stream.mid(split)}) {
+            copied.feedData(piece);
+            parser.feedData(piece);
+            wantLogs += copied.logs();
+            gotLogs += parser.logs();
+            for (QByteArray p = copied.getPacket(false); !p.isEmpty();
+                 p = copied.getPacket(false)) {
+                want << p;
+                wantLogs += copied.logs();
+            }
+            int size = -1;
+            while (const unsigned char* p = parser.nextPacket(&size)) {
+                got << QByteArray(reinterpret_cast<const char*>(p), size);
+                gotLogs += parser.logs();
+            }
+            EXPECT_EQ(size, 0);
+        }
+        EXPECT_EQ(got, want) << "split at " << split;
+        EXPECT_EQ(gotLogs, wantLogs) << "split at " << split;
+        EXPECT_EQ(want.size(), 3);
+    }
+    use(PXParser::EscapedDebugStream);
+    parser.feedData(debugReply(1));
+    int size = -1;
+    EXPECT_EQ(parser.nextPacket(&size), nullptr);
+    EXPECT_EQ(size, 0);
+    EXPECT_EQ(parser.getPacket(false), debugReply(1));
+}
+
 // A fed array may be kept by sharing, a handed-out packet by its caller: later changes by
 // the owner of either must not reach the other.
 TEST_F(Parser, SharedArraysAreNotAffectedByTheOtherSide)

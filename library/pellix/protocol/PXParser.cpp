@@ -179,6 +179,24 @@ const QByteArray& PXParser::getPacket(bool flush)
     return packet;
 }
 
+const unsigned char* PXParser::nextPacket(int* size)
+{
+    logLines.clear();
+    *size = 0;
+    const int available = bufferedSize();
+    if (nested || available < 4)
+        return nullptr;
+    const int total = firstLength() + 4;
+    if (available < total)
+        return nullptr;
+    const unsigned char* packetStart = live();
+    head += total;
+    skipToNextStart();
+    // The consumed front stays in place until the next feed: the packet lives in it.
+    *size = total;
+    return packetStart;
+}
+
 int PXParser::firstLength() const
 {
     return pxproto::getBe16(live() + 1);
@@ -233,13 +251,19 @@ void PXParser::outputPacket(int length)
 {
     setPacket(live(), length);
     head += length;
-    while (bufferedSize() > 0 && live()[0] != startByte) {
-        logLines.append(PXLogString("Resync drop bytes: %02x", live()[0]));
-        ++head;
-    }
+    skipToNextStart();
     if (bufferedSize() == 0) {
         buffer.clear();
         head = 0;
+    }
+}
+
+// Drops the bytes between a packet just consumed and the next start byte, one line each.
+void PXParser::skipToNextStart()
+{
+    while (bufferedSize() > 0 && live()[0] != startByte) {
+        logLines.append(PXLogString("Resync drop bytes: %02x", live()[0]));
+        ++head;
     }
 }
 

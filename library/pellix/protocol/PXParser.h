@@ -65,6 +65,13 @@ public:
     // for nested data is released. The reference stays valid until the next call.
     const QByteArray& getPacket(bool flush);
 
+    // The next packet in place, without copying it: a pointer into the parser's buffer and its
+    // size in `size`, or null (size 0) when no complete packet is buffered. Valid until the
+    // next call of a non-const function. Consumes the packet and records log lines as
+    // getPacket(false) does. An EscapedDebugStream parser, which may cut nested packets out of
+    // others, always returns null: use getPacket() there.
+    const unsigned char* nextPacket(int* size);
+
     // True when the buffer holds at least one whole packet by the length of its first
     // header (for EscapedDebugStream: getPacket(true) would release it).
     bool isNestedWaiting() const;
@@ -94,6 +101,7 @@ private:
     bool parsePacket();
     bool flushPacket();
     void outputPacket(int length);
+    void skipToNextStart();
     void setPacket(const unsigned char* data, int length);
     bool checkDebugPacket(int offset);
     bool digDebugPacket(int from, int to);
