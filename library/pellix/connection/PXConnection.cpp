@@ -1,6 +1,7 @@
 #include "pellix/connection/PXConnection.h"
 
 #include "pellix/connection/PXClientManager.h"
+#include "pellix/connection/PXReplyLook.h"
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXProtocol.h"
 #include "pellix/tsan_p.h"
@@ -29,18 +30,13 @@ bool waitOn(QWaitCondition& condition, QMutex& mutex, unsigned long timeout)
     return woken;
 }
 
-// How long a short request looks at its pending bit before it sleeps on the wait condition.
-// The reply of a local server usually arrives within this time, and the caller then skips the
-// futex sleep and wake-up. The look yields the processor on every round, so on a busy machine
-// the network thread and the server run instead. Only where another core can run them.
-qint64 spinNanoseconds()
+// Looking for a reply before sleeping (PXReplyLook) pays only where another processor can run
+// the network thread and the server meanwhile; with one, the look would only delay them.
+bool mayLook()
 {
-    static const qint64 spin = QThread::idealThreadCount() > 1 ? 50000 : 0;
-    return spin;
+    static const bool several = QThread::idealThreadCount() > 1;
+    return several;
 }
-
-// Requests whose reply is a few bytes; a block read waits without looking first.
-constexpr int ShortRequest = 64;
 
 } // namespace
 
@@ -114,17 +110,13 @@ void PXConnection::readSocketData()
     const qint64 available = s->bytesAvailable();
     if (available < 1)
         return;
-    inbox.resize(int(available));
-    const qint64 got = s->read(inbox.data(), available);
-    if (got < 1)
-        return;
-    parser->feedData(reinterpret_cast<const unsigned char*>(inbox.constData()), int(got));
-    for (;;) {
-        const QByteArray& frame = parser->getPacket(false);
-        if (frame.isEmpty())
-            break;
-        dispatchFrame(frame);
-    }
+    // The parser keeps the array itself when it holds no partial frame (the usual case), and
+    // frames are dispatched from its buffer in place: read data is copied once more, into the
+    // caller's buffer.
+    parser->feedData(s->read(available));
+    int size = 0;
+    while (const unsigned char* frame = parser->nextPacket(&size))
+        dispatchFrame(frame, size);
 }
 
 void PXConnection::completeReply(quint32 flag)
@@ -133,16 +125,14 @@ void PXConnection::completeReply(quint32 flag)
     replyCondition.wakeOne();
 }
 
-void PXConnection::dispatchFrame(const QByteArray& frame)
+void PXConnection::dispatchFrame(const unsigned char* bytes, int size)
 {
-    const int size = int(frame.size());
     if (size < pxproto::HeaderSize)
         return;
-    const int length = pxproto::payloadLength(frame);
-    const auto* bytes = reinterpret_cast<const unsigned char*>(frame.constData());
+    const int length = pxproto::getBe16(bytes + 1);
     const quint32 pending = pendingFlags.load(std::memory_order_relaxed);
 
-    switch (pxproto::flowId(frame)) {
+    switch (bytes[3]) {
     case pxproto::reply::Event:
         if (!eventsEnabled.load(std::memory_order_relaxed) || length != pxproto::EventLength ||
             size < pxproto::HeaderSize + pxproto::EventLength)
@@ -180,7 +170,8 @@ void PXConnection::dispatchFrame(const QByteArray& frame)
             return;
         if (bypassPackets.size() > MaxQueued)
             bypassPackets = QList<QByteArray>();
-        bypassPackets.append(frame.mid(pxproto::HeaderSize));
+        bypassPackets.append(QByteArray(reinterpret_cast<const char*>(bytes) + pxproto::HeaderSize,
+                                        size - pxproto::HeaderSize));
         bypassCallback.trigger();
         bypassCondition.wakeOne();
         if (bypassDelayCallback)
@@ -219,26 +210,29 @@ void PXConnection::dispatchFrame(const QByteArray& frame)
 
 // ---- requests ---------------------------------------------------------------------------------
 
-// Waits for the reply that clears `flag`, dataMutex held on entry and on return. True when the
-// flag was cleared. With `look`, a short look at the flag with dataMutex released comes first:
-// the reply usually arrives within it, and the caller then needs no wake-up.
+// Waits for the reply that clears `flag`, requestMutex and dataMutex held on entry and on
+// return. True when the flag was cleared. With `look`, the caller may first look at the flag
+// with dataMutex released, for as long as replyLook says.
 bool PXConnection::waitReply(quint32 flag, unsigned long timeout, bool look)
 {
-    const qint64 spin = look ? spinNanoseconds() : 0;
-    if (spin > 0) {
-        QElapsedTimer clock;
-        clock.start();
+    QElapsedTimer clock;
+    clock.start();
+    const qint64 lookFor = look && mayLook() ? replyLook.begin() : 0;
+    if (lookFor > 0) {
         dataMutex.unlock();
-        while ((pendingFlags.load(std::memory_order_acquire) & flag) && clock.nsecsElapsed() < spin)
+        while ((pendingFlags.load(std::memory_order_acquire) & flag) &&
+               clock.nsecsElapsed() < lookFor)
             QThread::yieldCurrentThread();
         dataMutex.lock();
-        if (!(pendingFlags.load(std::memory_order_relaxed) & flag))
-            return true;
         const qint64 spent = clock.elapsed();
         timeout = timeout > quint64(spent) ? timeout - (unsigned long)spent : 0;
     }
-    waitOn(replyCondition, dataMutex, timeout);
-    return !(pendingFlags.load(std::memory_order_relaxed) & flag);
+    if (pendingFlags.load(std::memory_order_relaxed) & flag)
+        waitOn(replyCondition, dataMutex, timeout);
+    const bool replied = !(pendingFlags.load(std::memory_order_relaxed) & flag);
+    if (look)
+        replyLook.end(replied, clock.nsecsElapsed());
+    return replied;
 }
 
 unsigned int PXConnection::genericRead(unsigned int address, bool internal, void* data, int size)
@@ -258,7 +252,7 @@ unsigned int PXConnection::genericRead(unsigned int address, bool internal, void
                                                   false);
     qint32 last = size;
     for (;;) {
-        waitReply(PendingRead, ReplyTimeout, size <= ShortRequest && last == size);
+        waitReply(PendingRead, ReplyTimeout, last == size);
         if (readRemaining < 0)
             return 13;
         if (!(pendingFlags.load(std::memory_order_relaxed) & PendingRead))
@@ -284,7 +278,7 @@ unsigned int PXConnection::genericWrite(unsigned int address, bool internal, voi
     QMutexLocker lock(&dataMutex);
     pendingFlags.fetch_or(PendingWrite, std::memory_order_relaxed);
     PXClientManager::Instance()->sendSocketPacket(s, frame, false);
-    if (waitReply(PendingWrite, ReplyTimeout, size <= ShortRequest))
+    if (waitReply(PendingWrite, ReplyTimeout, true))
         return 0;
     pendingFlags.fetch_and(~quint32(PendingWrite), std::memory_order_relaxed);
     return 13;

@@ -2,6 +2,7 @@
 #define PELLIX_PXCONNECTION_H
 
 #include "pellix/connection/PXCallback.h"
+#include "pellix/connection/PXReplyLook.h"
 #include "pellix/pellix_export.h"
 #include "pellix/protocol/PXLTypes.h"
 
@@ -178,11 +179,9 @@ private:
     unsigned int sendCommand(const QByteArray& request);
     unsigned int runQuery(quint32 flag, const QByteArray& request, unsigned long timeout);
     bool waitReply(quint32 flag, unsigned long timeout, bool look);
-    void dispatchFrame(const QByteArray& frame);
+    void dispatchFrame(const unsigned char* bytes, int size);
     // Dispatch side of a reply: clears the request's pending bit and wakes its waiter.
     void completeReply(quint32 flag);
-    unsigned int takeWholePacket(unsigned char* flowId, unsigned char* buffer, int size,
-                                 int* length);
 
     std::atomic<QTcpSocket*> socket{nullptr};
     PXParser* parser;
@@ -199,14 +198,14 @@ private:
     qint32 readRemaining = 0;
     unsigned char* readBuffer = nullptr;
     quint8 statusByte = 0;
+    // How long a waiting request looks for its reply before it sleeps; requestMutex guards it.
+    PXReplyLook replyLook;
     QList<unsigned int> events;
     QList<QByteArray> bypassPackets;
     // Network thread only: created, replaced and retired there.
     PXDelayCallback* bypassDelayCallback = nullptr;
     PXCallback eventCallback;
     PXCallback bypassCallback;
-    // Network thread only: bytes read from the socket, kept to avoid an allocation per read.
-    QByteArray inbox;
 
     static int MGlobalId;
     static QMap<int, PXConnection*> MGlobalMap;
