@@ -36,13 +36,22 @@ if [[ "${PELLIX_BENCH_PLAIN_MEMCPY:-0}" != 1 ]]; then
     export GLIBC_TUNABLES="${GLIBC_TUNABLES:+$GLIBC_TUNABLES:}glibc.cpu.x86_rep_movsb_threshold=1073741824"
     echo "bench: GLIBC_TUNABLES=$GLIBC_TUNABLES"
 fi
+# Steal time (processor time the hypervisor gave to other guests) changes latencies more
+# than anything the library does; it is measured over the run and reported with the figures.
+cpu_ticks() { head -1 /proc/stat; }
+before=$(cpu_ticks)
 PELLIX_BENCH_SAMPLES="$out/samples.csv" build/release/bin/pellix_bench_suite \
     --benchmark_repetitions="${PELLIX_BENCH_REPETITIONS:-5}" \
     --benchmark_min_time=0.3 \
     --benchmark_enable_random_interleaving=true \
     --benchmark_out="$out/suite.json" --benchmark_out_format=json \
     "$@"
-"$python" scripts/bench_summary.py "$out/suite.json" >"$out/summary.md"
+after=$(cpu_ticks)
+steal=$("$python" -c 'import sys
+a, b = ([int(x) for x in line.split()[1:]] for line in sys.argv[1:3])
+d = [y - x for x, y in zip(a, b)]
+print(f"{100.0 * d[7] / max(1, sum(d)):.0f}")' "$before" "$after")
+"$python" scripts/bench_summary.py "$out/suite.json" "$steal" >"$out/summary.md"
 "$python" scripts/plot_latency.py "$out/samples.csv" "$out/read32-latency.png"
 cat "$out/summary.md"
 echo "bench: results in $out"

@@ -2,7 +2,7 @@
 """Turns the benchmark suite's JSON into a Markdown table: each library figure beside its
 raw-socket baseline from the same run, the ratio, and the target where there is one.
 
-Usage: bench_summary.py suite.json > summary.md
+Usage: bench_summary.py suite.json [steal-percent] > summary.md
 
 Figures are the median over repetitions (Google Benchmark's "median" aggregate), or the
 single run when the suite ran once. Latency is the median of single calls (median_us)."""
@@ -124,13 +124,17 @@ def main():
         else:
             value_text = f"{value:.1f} {unit}"
         if "p99_us" in b:
-            value_text += f" (p99 {b['p99_us']:.0f})"
+            cpu = f", CPU {b['cpu_us']:.0f} us" if "cpu_us" in b else ""
+            value_text += f" (p99 {b['p99_us']:.0f}{cpu})"
         if "median_us" in b and "items_per_second" in b:
             value_text += f", {b['items_per_second'] / 1e3:.1f} k calls/s in all"
         print(f"| {name} | {value_text} | {raw_text} | {ratio_text} | {target_text} | {met_text} |")
     print()
     print(f"Load average during the run: {context.get('load_avg', '?')}; "
           f"{context.get('num_cpus', '?')} CPUs at {context.get('mhz_per_cpu', '?')} MHz.")
+    if len(sys.argv) > 2:
+        print(f"Steal time during the run (processor time the hypervisor gave to others): "
+              f"{sys.argv[2]} % of all processor time.")
 
 
 if __name__ == "__main__":

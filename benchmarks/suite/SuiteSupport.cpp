@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
@@ -59,14 +60,29 @@ unsigned short simulatorPort()
     return process.port();
 }
 
-RawClient::RawClient() : inbox(1 << 17)
+double processCpuSeconds()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
+}
+
+unsigned short slowSimulatorPort()
+{
+    static SimulatorProcess process({QStringLiteral("--latency"), QStringLiteral("1")});
+    if (!process.isListening())
+        fail("the slow pellix simulator did not start");
+    return process.port();
+}
+
+RawClient::RawClient(unsigned short port) : inbox(1 << 17)
 {
     fd = ::socket(AF_INET, SOCK_STREAM, 0);
     const int one = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(simulatorPort());
+    address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
         fail("raw client cannot connect");

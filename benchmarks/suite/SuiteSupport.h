@@ -34,6 +34,9 @@ int eventBurst();
 
 // The simulator of the whole run ("pellix --port 0" beside this binary), started on first use.
 unsigned short simulatorPort();
+// A second simulator that answers every request 1 ms late (--latency 1), standing in for a
+// slow link behind the server; started on first use.
+unsigned short slowSimulatorPort();
 
 // A blocking client on its own socket with TCP_NODELAY: frames built with pxproto, cut with
 // PXParser, one request at a time. It is the least any client can do per request, so it is
@@ -42,7 +45,7 @@ unsigned short simulatorPort();
 class RawClient
 {
 public:
-    RawClient();
+    explicit RawClient(unsigned short port = simulatorPort());
     ~RawClient();
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
@@ -90,17 +93,25 @@ private:
     std::vector<double> samples;
 };
 
+// Processor time used by all threads of this process so far.
+double processCpuSeconds();
+
 // Times `call` once per iteration into median/p99 counters and the sample dump.
 template <typename Call>
 void timeCalls(benchmark::State& state, const char* name, Call call)
 {
     LatencySamples samples(state, name);
+    const double cpuStart = processCpuSeconds();
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
         call();
         samples.add(std::chrono::steady_clock::now() - start);
     }
     samples.finish();
+    // Every thread of this process (the library's network thread too; not the simulator).
+    if (state.iterations() > 0)
+        state.counters["cpu_us"] =
+            (processCpuSeconds() - cpuStart) * 1e6 / double(state.iterations());
 }
 
 // Writes the recorded samples as CSV ("benchmark,us") to the file named by

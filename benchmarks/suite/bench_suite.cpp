@@ -129,6 +129,28 @@ void read32Api(benchmark::State& state)
               [&] { check(state, PXST_Read32(h, LatencyAddress, &value), "read32"); });
 }
 
+// Against a server that answers 1 ms late: the library should then sleep while it waits
+// rather than look for the reply (compare cpu_us with the raw client's).
+void read32SlowRaw(benchmark::State& state)
+{
+    RawClient raw(slowSimulatorPort());
+    unsigned int value = 0;
+    timeCalls(state, "Read32/Raw/SlowServer", [&] { raw.read(LatencyAddress, &value, 4); });
+}
+
+void read32SlowConnection(benchmark::State& state)
+{
+    static PXConnection* c = [] {
+        auto* created = new PXConnection;
+        if (!created->open(QStringLiteral("127.0.0.1"), slowSimulatorPort()))
+            std::abort();
+        return created;
+    }();
+    unsigned int value = 0;
+    timeCalls(state, "Read32/Connection/SlowServer",
+              [&] { check(state, c->read32(LatencyAddress, &value), "read32"); });
+}
+
 void write32Raw(benchmark::State& state)
 {
     RawClient raw;
@@ -966,6 +988,8 @@ void registerAll()
     latency("Read32/Connection", read32Connection);
     latency("Read32/NSConnection", read32NS);
     latency("Read32/CApi", read32Api);
+    latency("Read32/Raw/SlowServer", read32SlowRaw);
+    latency("Read32/Connection/SlowServer", read32SlowConnection);
     latency("Write32/Raw", write32Raw);
     latency("Write32/Connection", write32Connection);
     latency("Write32/NSConnection", write32NS);
