@@ -34,6 +34,12 @@ class QTcpSocket;
 // dataMutex and may run while a request waits. Lock order: requestMutex, then the client
 // manager's mapMutex, then dataMutex.
 //
+// Waiting: a request first looks for its reply for up to 300 us, yielding the processor in a
+// loop, and then sleeps until the reply or its time-out. A local server usually answers within
+// the look, which spares the caller a wake-up. A connection whose replies keep coming later
+// than that stops looking (but for a probe every 16th request) until one comes in time again
+// (PXReplyLook); a process with one processor never looks.
+//
 // A connection without socket (never opened, failed open) refuses requests at once: reads,
 // writes and queries return 13 without waiting, commands send nothing and return 0.
 //
