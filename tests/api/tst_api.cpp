@@ -1,0 +1,459 @@
+// The C interface against the real simulator, run with --verbose so that its log shows every
+// memory access a call makes, and against a scripted fake server for status bytes and failing
+// reads. One forwarding check per family of calls; the interface's own logic (handle checks,
+// masked reads, LOD transfers, progress) in full. Serial ports 120..139 belong to the cases
+// that let PXST_Open start a server.
+
+#include "FakeServer.h"
+#include "RefusedPort.h"
+#include "SimulatorProcess.h"
+#include "WaitUntil.h"
+
+#include "pellix/api/PXLLibraryApi.h"
+#include "pellix/connection/PXConnection.h"
+#include "pellix/protocol/PXProtocol.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QSemaphore>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Writes `lines`, each ended by a line feed, to `path`; returns the path in local encoding.
+QByteArray writeLines(const QString& path, const QStringList& lines)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        for (const QString& line : lines)
+            file.write(line.toLatin1() + '\n');
+    }
+    return QFile::encodeName(path);
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+QString hex8(quint32 value)
+{
+    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0')).toUpper();
+}
+
+// Memory requests as the simulator logs them: a plain read of 1, 2 or 4 bytes or a block
+// read of any other size; a write of any size.
+QString read(quint32 address, quint32 size)
+{
+    if (size == 1 || size == 2 || size == 4)
+        return QStringLiteral("read%1 0x%2").arg(size * 8).arg(hex8(address));
+    return QStringLiteral("block read 0x%1, %2 byte(s)").arg(hex8(address)).arg(size);
+}
+
+QString write(quint32 address, quint32 size)
+{
+    return QStringLiteral("write 0x%1, %2 byte(s)").arg(hex8(address)).arg(size);
+}
+
+std::vector<quint32> sequence(int count, quint32 seed)
+{
+    std::vector<quint32> words(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i)
+        words[size_t(i)] = (quint32(i) + seed) * 2654435761u;
+    return words;
+}
+
+void releaseSemaphore(void* semaphore)
+{
+    static_cast<QSemaphore*>(semaphore)->release();
+}
+
+int openTo(quint16 port)
+{
+    int handle = 0;
+    EXPECT_EQ(PXST_OpenSocket("127.0.0.1", port, &handle), PXST_RESULT_OK);
+    return handle;
+}
+
+// Each case has a simulator of its own and a handle to it.
+class Api : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(simulator.isListening() && dir.isValid());
+        handle = openTo(simulator.port());
+    }
+    void TearDown() override { PXST_Close(handle); }
+
+    // The requests the simulator logged since the last call, without its connection notes.
+    QStringList requests()
+    {
+        const QString log = simulator.errorOutput();
+        static const QRegularExpression request(
+            QStringLiteral("^pellix: client \\d+: (?!connected|disconnected)(.*)$"),
+            QRegularExpression::MultilineOption);
+        QStringList out;
+        for (auto it = request.globalMatch(log, seen); it.hasNext();)
+            out << it.next().captured(1);
+        seen = log.size();
+        return out;
+    }
+
+    SimulatorProcess simulator{{"--verbose"}};
+    QTemporaryDir dir;
+    int handle = 0;
+    int seen = 0;
+};
+
+} // namespace
+
+// Failed opens (11, handle -1) are checked by tst_api_noapp and the C header check.
+TEST(ApiNoServer, ResultTexts)
+{
+    const std::string unknown = PXST_ResultText(1);
+    EXPECT_EQ(unknown, "unknown result code");
+    std::set<std::string> texts;
+    for (unsigned int code : {0, 3, 5, 6, 8, 11, 12, 13, 15, 16, 17, 19, 20, 30})
+        EXPECT_TRUE(texts.insert(PXST_ResultText(code)).second && texts.count(unknown) == 0)
+            << code << " has no text of its own";
+    for (unsigned int code : {2u, 4u, 14u, 18u, 21u, 31u, 0xFFFFFFFFu})
+        EXPECT_EQ(PXST_ResultText(code), unknown) << code;
+}
+
+// 3 for a handle never given out and for a closed one, 12 for a known handle whose
+// connection lost its socket, before anything else; out parameters stay as they were, except
+// the verify fail address, which is zeroed. One call per family, and every call that resolves
+// the handle on a path of its own (the LOD transfers, the masked read, the pointer handle).
+TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
+{
+    const QByteArray lodPath = writeLines(dir.filePath("ok.lod"), {"@1000", "1"});
+    const QByteArray dumpPath = QFile::encodeName(dir.filePath("dump.bin"));
+    const char *lod = lodPath.constData(), *dump = dumpPath.constData();
+    std::vector<unsigned char> buffer(16, 0xEE), mask(16, 0xFF);
+    unsigned int word = 77, fail = 77;
+    int length = 0;
+
+    using Call = std::function<unsigned int(int)>;
+    // clang-format off
+    const std::pair<const char*, Call> calls[] = {
+        {"Ping", [](int h) { return PXST_Ping(h); }},
+        {"PellixStatus", [&](int h) { return PXST_PellixStatus(h, &word); }},
+        {"ForcePellixReconnection", [](int h) { return PXST_ForcePellixReconnection(&h); }},
+        {"WaitEvent", [&](int h) { return PXST_WaitEvent(h, &word, 10); }},
+        {"BypassGetData", [&](int h) { return PXST_BypassGetData(h, buffer.data(), 16, &length); }},
+        {"Read32", [&](int h) { return PXST_Read32(h, 0x1000, &word); }},
+        {"ReadBlockMasked", [&](int h) { return PXST_ReadBlockMasked(h, 0x1000, buffer.data(), 16, mask.data()); }},
+        {"BatchRead", [&](int h) { return PXST_BatchRead(h, 0x1000, buffer.data(), 16); }},
+        {"LoadLod", [&](int h) { return PXST_LoadLod(h, lod, 1, &word); }},
+        {"VerifyLod", [&](int h) { return PXST_VerifyLod(h, lod, &fail); }},
+        {"DumpLodProgress", [&](int h) { return PXST_DumpLodProgress(h, dump, 0x1000, 4, 1, nullptr, nullptr); }},
+    };
+    // clang-format on
+
+    // PXST_Open, unlike PXST_OpenSocket (the fixture's open), pings the server it reached
+    // (here a forced one).
+    int closed = 0;
+    qputenv("FORCED_PELLIX_HOST", "127.0.0.1");
+    qputenv("FORCED_PELLIX_PORT", QByteArray::number(simulator.port()));
+    ASSERT_EQ(PXST_Open(140, -1, PXL_FLOW_NONE, &closed), PXST_RESULT_OK);
+    qunsetenv("FORCED_PELLIX_HOST");
+    qunsetenv("FORCED_PELLIX_PORT");
+    EXPECT_EQ(requests(), QStringList{"ping"});
+    ASSERT_EQ(PXST_Close(closed), PXST_RESULT_OK);
+    const int unplugged = openTo(simulator.port());
+    // The socket can go missing only through a failed reopen of the C++ object.
+    ASSERT_FALSE(
+        PXConnection::GetById(unplugged)->open(QStringLiteral("127.0.0.1"), refusedPort()));
+    requests();
+
+    for (const auto& [name, call] : calls) {
+        SCOPED_TRACE(name);
+        for (int h : {0, -1, 987654, closed}) {
+            fail = 77;
+            EXPECT_EQ(call(h), PXST_RESULT_UNKNOWN_HANDLE) << h;
+            EXPECT_EQ(fail, std::string(name) == "VerifyLod" ? 0u : 77u);
+        }
+        EXPECT_EQ(call(unplugged), PXST_RESULT_NOT_CONNECTED);
+        EXPECT_EQ(word, 77u);
+        EXPECT_EQ(buffer[0], 0xEE);
+    }
+    // Nothing reached the server, and the dump never created its file.
+    EXPECT_EQ(requests(), QStringList());
+    EXPECT_FALSE(QFile::exists(dir.filePath("dump.bin")));
+
+    for (int h : {unplugged, closed, 987654})
+        EXPECT_EQ(PXST_HandleStatus(h), 0) << h;
+    EXPECT_EQ(PXST_Close(unplugged), PXST_RESULT_OK);
+}
+
+// With nothing listening on its port, the open starts "pellix" from the application's folder
+// (this binary's, where the build puts the simulator); the bypass variant then subscribes.
+TEST(ApiOpen, BypassOpenStartsTheServerAndKillStopsIt)
+{
+    int handle = 0;
+    unsigned char ids[] = {0x21, 0x22}, hi[] = {'h', 'i'};
+    ASSERT_EQ(PXST_BypassOpen(120, -1, PXL_FLOW_NONE, ids, 2, &handle), PXST_RESULT_OK);
+    QSemaphore arrived;
+    ASSERT_EQ(PXST_BypassSetCallback(handle, releaseSemaphore, &arrived), PXST_RESULT_OK);
+    // The flow id is cut to 8 bits: 0x122 goes out on flow 0x22.
+    for (int flowId : {0x21, 0x122, 0x21})
+        ASSERT_EQ(PXST_BypassSendPacket(handle, flowId, hi, 2), PXST_RESULT_OK);
+    ASSERT_TRUE(arrived.tryAcquire(3, 5000));
+    unsigned char flow = 0, buffer[64] = {};
+    int length = 0;
+    ASSERT_EQ(PXST_BypassWaitPacket(handle, &flow, buffer, 64, &length, 5000), PXST_RESULT_OK);
+    EXPECT_EQ(flow, 0x21);
+    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(buffer), length),
+              QByteArray("\xAD\x00\x03\x21hi", 6) + char(0x21 ^ 'h' ^ 'i'));
+    ASSERT_EQ(PXST_BypassGetData(handle, buffer, 64, &length), PXST_RESULT_OK);
+    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(buffer), length),
+              QByteArray("\xAD\x00\x03\x22hi", 6) + char(0x22 ^ 'h' ^ 'i'));
+
+    EXPECT_EQ(PXST_KillPellix(handle), PXST_RESULT_OK);
+    EXPECT_TRUE(waitUntil(
+        [] {
+            int probe = 0;
+            return PXST_OpenSocket("127.0.0.1", 7820, &probe) != 0 || PXST_Close(probe) != 0;
+        },
+        10000))
+        << "the server still listens after PXST_KillPellix";
+    EXPECT_EQ(PXST_HandleStatus(handle), 1) << "the socket stays set after the server left";
+    EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
+}
+
+TEST_F(Api, MemoryAndServerControl)
+{
+    const int copy = handle;
+    EXPECT_EQ(PXST_ForcePellixReconnection(&handle), PXST_RESULT_OK);
+    EXPECT_EQ(handle, copy) << "a forced reconnection keeps the handle";
+    // Single accesses of every width; values are cut to the width of the access.
+    unsigned int word = 0;
+    unsigned short half = 0;
+    unsigned char byte = 0, internal = 0;
+    ASSERT_EQ(PXST_Write32(handle, 0x1000, 0x11223344), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_Write16(handle, 0x1004, 0x1BEEF), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_Write8(handle, 0x1006, 0x1A5), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_WriteInternal(handle, 0x40, 0x15A), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_Read32(handle, 0x1002, &word), PXST_RESULT_OK);
+    EXPECT_EQ(word, 0xBEEF1122u);
+    EXPECT_EQ(PXST_Read16(handle, 0x1005, &half), PXST_RESULT_OK);
+    EXPECT_EQ(half, 0xA5BE);
+    EXPECT_EQ(PXST_Read8(handle, 0x1006, &byte), PXST_RESULT_OK);
+    EXPECT_EQ(byte, 0xA5);
+    EXPECT_EQ(PXST_ReadInternal(handle, 0x40, &internal), PXST_RESULT_OK);
+    EXPECT_EQ(internal, 0x5A);
+}
+
+TEST_F(Api, EventsAreQueuedAnnouncedAndFlushed)
+{
+    unsigned int event = 0;
+    EXPECT_EQ(PXST_PopEvent(handle, &event), PXST_RESULT_EVENTS_DISABLED);
+    QSemaphore announced;
+    ASSERT_EQ(PXST_EventSetCallback(handle, releaseSemaphore, &announced), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_EnableEvents(handle, 1), PXST_RESULT_OK);
+    for (unsigned int value : {0x12345678u, 0x9ABCu, 7u})
+        ASSERT_EQ(PXST_Write32(handle, 0xFFFFFF00u, value), PXST_RESULT_OK);
+    EXPECT_TRUE(announced.tryAcquire(3, 5000));
+    EXPECT_EQ(PXST_WaitEvent(handle, &event, 5000), PXST_RESULT_OK);
+    EXPECT_EQ(event, 0x12345678u);
+    EXPECT_EQ(PXST_FlushEvents(handle), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_PopEvent(handle, &event), PXST_RESULT_NO_EVENT);
+}
+
+TEST_F(Api, BatchReadAndMaskedReadUsingTheWidestAccessEachRunAllows)
+{
+    const std::vector<quint32> pattern = sequence(12000, 3);
+    const auto* memory = reinterpret_cast<const unsigned char*>(pattern.data());
+    ASSERT_EQ(PXST_WriteBlock(handle, 0x1000, const_cast<quint32*>(pattern.data()), 48000),
+              PXST_RESULT_OK);
+    // The batch read (a path of its own beside the block read the LOD transfers use).
+    std::vector<unsigned char> bytes(999);
+    ASSERT_EQ(PXST_BatchRead(handle, 0x1001, bytes.data(), 999), PXST_RESULT_OK);
+    EXPECT_EQ(std::memcmp(bytes.data(), memory + 1, 999), 0);
+    requests();
+    const auto all = [](size_t size, unsigned char value = 0xFF) {
+        return std::vector<unsigned char>(size, value);
+    };
+    const struct
+    {
+        const char* name;
+        quint32 address;
+        std::vector<unsigned char> mask;
+        QStringList expected;
+    } cases[] = {
+        // clang-format off
+        {"aligned 8", 0x1000, all(8), {read(0x1000, 8)}},
+        {"odd start", 0x1001, all(4), {read(0x1001, 1), read(0x1002, 2), read(0x1004, 1)}},
+        {"gap", 0x1000, {0xFF, 0x00, 0xFF, 0xFF}, {read(0x1000, 1), read(0x1002, 2)}},
+        {"partial mask byte", 0x1000, {0xFF, 0x0F, 0xFF, 0xFF}, {read(0x1000, 1), read(0x1002, 2)}},
+        {"15 bytes", 0x1000, all(15), {read(0x1000, 12), read(0x100C, 2), read(0x100E, 1)}},
+        {"run of 5 then a gap", 0x1000, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0xFF, 0xFF, 0xFF, 0xFF,
+         0xFF, 0xFF}, {read(0x1000, 4), read(0x1004, 1), read(0x1006, 2), read(0x1008, 4)}},
+        {"third byte unselected", 0x1000, {0xFF, 0xFF, 0x00, 0xFF, 0xFF},
+         {read(0x1000, 2), read(0x1003, 1), read(0x1004, 1)}},
+        {"beyond the block read limit", 0x1000, all(40000), {read(0x1000, 40000)}},
+        {"nothing selected", 0x1000, all(8, 0x00), {}},
+        // clang-format on
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<unsigned char> mask = c.mask, buffer(mask.size() + 1, 0xEE);
+        EXPECT_EQ(PXST_ReadBlockMasked(handle, c.address, buffer.data(),
+                                       static_cast<unsigned int>(mask.size()), mask.data()),
+                  PXST_RESULT_OK);
+        EXPECT_EQ(requests(), c.expected);
+        for (size_t i = 0; i < mask.size(); ++i)
+            ASSERT_EQ(buffer[i], mask[i] == 0xFF ? memory[c.address - 0x1000 + i] : 0) << i;
+        EXPECT_EQ(buffer[mask.size()], 0xEE) << "wrote past the buffer";
+    }
+}
+
+// LOD transfers one after another on one simulator: result, fail address, the accesses in
+// order, and what a dump wrote.
+TEST_F(Api, LodTransfers)
+{
+    enum Op { Load, LoadNoVerify, Verify, Dump, DumpBinary };
+    const QStringList image{"# image",   "@00001000", "12345678",  "9ABCDEF0", "",
+                            "@F0000000", "DEADBEEF",  "@00002000", "CAFEF00D"};
+    const QStringList stray{"@3000", "1", "", "3"};
+    const struct
+    {
+        const char* name;
+        Op op;
+        QStringList lines; // a dump's file content (raw words in hex); empty: a missing path
+        unsigned int result;
+        unsigned int fail;
+        QStringList expected;
+    } cases[] = {
+        // clang-format off
+        {"load, skip 0xF0000000, verify", Load, image, PXST_RESULT_OK, 0,
+         {write(0x1000, 8), write(0x2000, 4), read(0x1000, 8), read(0x2000, 4)}},
+        {"load without verify", LoadNoVerify, image, PXST_RESULT_OK, 77,
+         {write(0x1000, 8), write(0x2000, 4)}},
+        {"mismatch at the first differing word", Verify, {"@1000", "12345678", "9ABCDEF1",
+         "00000000"}, PXST_RESULT_MISMATCH, 0x1004, {read(0x1000, 12)}},
+        {"stray data line: load writes earlier packets", LoadNoVerify, stray,
+         PXST_RESULT_LOD_FORMAT, 77, {write(0x3000, 4)}},
+        {"stray data line: verify", Verify, stray, PXST_RESULT_LOD_FORMAT, 0, {read(0x3000, 4)}},
+        {"missing file: load", Load, {}, PXST_RESULT_FILE, 77, {}},
+        {"missing file: verify", Verify, {}, PXST_RESULT_FILE, 0, {}},
+        {"dump into a missing folder", Dump, {}, PXST_RESULT_FILE, 77, {}},
+        {"dump as LOD text", Dump, {"@00001000", "12345678", "9ABCDEF0"}, PXST_RESULT_OK, 77,
+         {read(0x1000, 8)}},
+        {"dump as raw words", DumpBinary, {"78563412 F0DEBC9A"}, PXST_RESULT_OK, 77,
+         {read(0x1000, 8)}},
+        // clang-format on
+    };
+    int index = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const QString name = dir.filePath(QString::number(index++));
+        if (c.op != Dump && c.op != DumpBinary && !c.lines.isEmpty())
+            writeLines(name, c.lines);
+        const QByteArray path = QFile::encodeName(c.lines.isEmpty() ? name + "/missing" : name);
+        unsigned int fail = 77, result = 0;
+        if (c.op == Load || c.op == LoadNoVerify)
+            result = PXST_LoadLod(handle, path, c.op == Load, &fail);
+        else if (c.op == Verify)
+            result = PXST_VerifyLod(handle, path, &fail);
+        else
+            result = PXST_DumpLod(handle, path, 0x1000, 2, c.op == DumpBinary);
+        EXPECT_EQ(result, c.result);
+        EXPECT_EQ(fail, c.fail);
+        EXPECT_EQ(requests(), c.expected);
+        // A dump writes this; a load or verify leaves its file alone.
+        EXPECT_EQ(readFile(name), c.lines.isEmpty()    ? QByteArray("<missing>")
+                                  : c.op == DumpBinary ? QByteArray::fromHex(c.lines[0].toLatin1())
+                                                       : c.lines.join('\n').toLatin1() + '\n');
+    }
+}
+
+namespace {
+
+using Steps = std::vector<unsigned long long>;
+
+void logProgress(unsigned long long done, unsigned long long total, void* userData)
+{
+    static_cast<Steps*>(userData)->push_back(done);
+    static_cast<Steps*>(userData)->push_back(total);
+}
+
+} // namespace
+
+// Progress after every chunk of at most 64 KiB, as (done, total) pairs.
+TEST_F(Api, ProgressVariantsReportEveryChunk)
+{
+    // 50000 words = 200000 bytes: chunks of 65536, 65536, 65536 and 3392 bytes.
+    QStringList lines{"@00100000"};
+    for (quint32 word : sequence(50000, 0))
+        lines << hex8(word);
+    lines += {"@F0000000", "1", "@00200000"};
+    const QByteArray file = writeLines(dir.filePath("big.lod"), lines);
+    const Steps verify = {65536,  200000, 131072, 200000, 196608,
+                          200000, 200000, 200000, 200000, 200000};
+    Steps log;
+    unsigned int fail = 77;
+    ASSERT_EQ(PXST_LoadLodProgress(handle, file, 1, &fail, logProgress, &log), PXST_RESULT_OK);
+    EXPECT_EQ(fail, 0u);
+    // The empty packet reports once more; verification continues from the written total.
+    EXPECT_EQ(log, (Steps{65536,  400000, 131072, 400000, 196608, 400000, 200000,
+                          400000, 200000, 400000, 265536, 400000, 331072, 400000,
+                          396608, 400000, 400000, 400000, 400000, 400000}));
+    log.clear();
+    ASSERT_EQ(PXST_VerifyLodProgress(handle, file, &fail, logProgress, &log), PXST_RESULT_OK);
+    EXPECT_EQ(log, verify);
+    log.clear();
+    const QString dump = dir.filePath("dump.bin");
+    ASSERT_EQ(PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000, 50000, 1, logProgress,
+                                   &log),
+              PXST_RESULT_OK);
+    EXPECT_EQ(log, Steps(verify.begin(), verify.end() - 2));
+    EXPECT_EQ(readFile(dump).size(), 200000);
+}
+
+// A server that answers status requests with a chosen byte (none when negative) and every
+// other request with read data for another address, which fails a read at once.
+TEST(ApiFake, StatusBytesAndFailingReads)
+{
+    FakeServer fake;
+    std::atomic<int> status{0};
+    fake.setResponder([&status](FakeServer& server, int client, const QByteArray& frame) {
+        if (pxproto::flowId(frame) != pxproto::request::Status)
+            server.send(pxproto::readData(0xDEAD0000, "x", 1), client);
+        else if (status >= 0)
+            server.send(pxproto::statusReply(static_cast<unsigned char>(status)), client);
+    });
+    const int handle = openTo(fake.port());
+    for (int byte : {5, 1, 0xFF, 0, -1}) {
+        status = byte;
+        unsigned int value = 77;
+        EXPECT_EQ(PXST_PellixStatus(handle, &value),
+                  byte < 0 ? PXST_RESULT_TIMEOUT : PXST_RESULT_OK);
+        EXPECT_EQ(value, byte > 0 ? 1u : 0u) << byte;
+    }
+    // A failing read ends each call with its code: the masked read's buffer is zeroed first,
+    // the verify's fail address stays 0, the dump leaves an empty file.
+    unsigned char mask[] = {0x00, 0xFF, 0xFF}, buffer[] = {1, 2, 3};
+    EXPECT_EQ(PXST_ReadBlockMasked(handle, 0x2000, buffer, 3, mask), PXST_RESULT_TIMEOUT);
+    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(buffer), 3), QByteArray(3, 0));
+    EXPECT_EQ(PXST_BatchRead(handle, 0x2000, buffer, 3), PXST_RESULT_TIMEOUT);
+    QTemporaryDir dir;
+    const QByteArray lod = writeLines(dir.filePath("x.lod"), {"@2000", "1"});
+    unsigned int fail = 77;
+    EXPECT_EQ(PXST_VerifyLod(handle, lod, &fail), PXST_RESULT_TIMEOUT);
+    EXPECT_EQ(fail, 0u);
+    EXPECT_EQ(PXST_DumpLod(handle, lod, 0x2000, 4, 0), PXST_RESULT_TIMEOUT);
+    EXPECT_EQ(readFile(dir.filePath("x.lod")), QByteArray()) << "a failed dump leaves it empty";
+    EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
+}
