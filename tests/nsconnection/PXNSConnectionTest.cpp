@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <numeric>
 #include <vector>
 
 namespace {
@@ -35,30 +36,22 @@ struct ArrivalLog
 {
     explicit ArrivalLog(PXNSConnection& c)
     {
-        QObject::connect(&c, &PXNSConnection::eventArrived, &context, [this](qint64 t, uint32_t e) {
-            names << QStringLiteral("E%1").arg(e);
-            stamps << t;
-        });
+        QObject::connect(&c, &PXNSConnection::eventArrived, &context,
+                         [this](qint64 t, uint32_t e) { add(t, QStringLiteral("E%1").arg(e)); });
         QObject::connect(&c, &PXNSConnection::bypassArrived, &context,
-                         [this](qint64 t, const QByteArray& b) {
-                             names << name(b);
-                             stamps << t;
-                         });
+                         [this](qint64 t, const QByteArray& b) { add(t, name(b)); });
     }
-    static QString name(const QByteArray& b)
+    static QString name(const QByteArray& b) { return "B" + QString::fromLatin1(b.toHex()); }
+    void add(qint64 stamp, const QString& what)
     {
-        return QStringLiteral("B") + QString::fromLatin1(b.toHex());
+        names << what;
+        stamps << stamp;
     }
 
     QObject context;
     QStringList names;
     QList<qint64> stamps;
 };
-
-qint64 now()
-{
-    return QDateTime::currentMSecsSinceEpoch();
-}
 
 // A target memory for the responder: byte at address a.
 QByteArray memoryBytes(quint32 address, int count)
@@ -132,7 +125,7 @@ TEST(NSConnectionClosed, EveryPathReturns12)
 // A misfit ends the read when it arrives, well before the 1000 ms time-out.
 TEST_F(NSConnectionFake, ReadsAreCutByAlignmentAndEndAtOnceOnAMisfit)
 {
-    enum Kind { R8, Ri8, R16, R32, Block, Generic };
+    enum Kind { R8, Ri8, R16, R32, Block };
     const QByteArray m = memoryBytes(0x3000, 16);
     const auto r = [](unsigned char code, quint32 a) { return pxproto::singleRead(code, a); };
     const auto b = [](quint32 a, quint32 n) { return pxproto::blockRead(a, n); };
@@ -157,7 +150,6 @@ TEST_F(NSConnectionFake, ReadsAreCutByAlignmentAndEndAtOnceOnAMisfit)
         {Block, 0x1000, 10, {b(0x1000, 8), r(1, 0x1008)}, {}, 0},
         {Block, 0x1001, 8, {r(0, 0x1001), r(1, 0x1002), r(2, 0x1004), r(0, 0x1008)}, {}, 0},
         {Block, 0, 65536, {b(0, 32768), b(0x8000, 32768)}, {}, 0},
-        {Generic, 0x1000, 64, {b(0x1000, 64)}, {}, 0},
         {Block, 0x3000, 16, {b(0x3000, 16)}, data(0x3000, 8) + data(0x3008, 8), 0},
         {Block, 0x3000, 8, {b(0x3000, 8)}, pxproto::pingReply() + data(0x3000, 8), 0},
         {Block, 0x3000, 8, {b(0x3000, 8)}, data(0x3004, 8), 13},
@@ -177,12 +169,11 @@ TEST_F(NSConnectionFake, ReadsAreCutByAlignmentAndEndAtOnceOnAMisfit)
         QElapsedTimer timer;
         timer.start();
         const unsigned int result =
-            c.kind == R8      ? connection.read8(a, d)
-            : c.kind == Ri8   ? connection.readi8(a, d)
-            : c.kind == R16   ? connection.read16(a, reinterpret_cast<unsigned short*>(d))
-            : c.kind == R32   ? connection.read32(a, reinterpret_cast<unsigned int*>(d))
-            : c.kind == Block ? connection.readBlock(a, d, c.size)
-                              : connection.genericRead(a, false, d, c.size);
+            c.kind == R8    ? connection.read8(a, d)
+            : c.kind == Ri8 ? connection.readi8(a, d)
+            : c.kind == R16 ? connection.read16(a, reinterpret_cast<unsigned short*>(d))
+            : c.kind == R32 ? connection.read32(a, reinterpret_cast<unsigned int*>(d))
+                            : connection.readBlock(a, d, c.size);
         EXPECT_EQ(result, c.result);
         EXPECT_LT(timer.elapsed(), 900);
         if (c.result == 0) {
@@ -196,7 +187,8 @@ TEST_F(NSConnectionFake, ReadsAreCutByAlignmentAndEndAtOnceOnAMisfit)
 // refused before anything is sent.
 TEST_F(NSConnectionFake, WritesAndCommandsAreSentAtOnce)
 {
-    std::vector<unsigned int> words(16384, 0x5A5A5A5A);
+    std::vector<unsigned int> words(16384);
+    std::iota(words.begin(), words.end(), 0x5A5A0000u);
     const auto* bytes = reinterpret_cast<const char*>(words.data());
     auto* data = reinterpret_cast<unsigned char*>(words.data());
     for (const unsigned int result :
@@ -313,7 +305,7 @@ TEST_F(NSConnectionFake, ArrivalsAreSignalledAtOnceOrHeldBackEventsFirst)
                          if (event == 1)
                              nested << connection.ping();
                      });
-    const qint64 before = now();
+    const qint64 before = QDateTime::currentMSecsSinceEpoch();
     const QByteArray packet = pxproto::debugPacket(0x21, "\x01\x02\x03", 3);
     // An event frame of length 4 is not an event; a 4-byte bypass frame is an empty packet.
     server.send(pxproto::frame(pxproto::reply::Event, "\x09\x00\x00\x00", 4) +
@@ -323,9 +315,9 @@ TEST_F(NSConnectionFake, ArrivalsAreSignalledAtOnceOrHeldBackEventsFirst)
     ASSERT_TRUE(QTest::qWaitFor([&] { return nested.size() == 1; }, 3000));
     const QStringList idle{"B", "E66", ArrivalLog::name(packet), "E4294967295"};
     EXPECT_EQ(log.names, idle);
-    const qint64 requested = now();
+    const qint64 requested = QDateTime::currentMSecsSinceEpoch();
     EXPECT_EQ(connection.ping(), 0u);
-    const qint64 returned = now();
+    const qint64 returned = QDateTime::currentMSecsSinceEpoch();
     EXPECT_EQ(log.names, idle);
     ASSERT_TRUE(QTest::qWaitFor([&] { return log.names.size() == 9; }, 3000));
     const QStringList held{"E1", "E2", ArrivalLog::name(b1), ArrivalLog::name(b2), "E3"};
