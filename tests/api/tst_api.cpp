@@ -1,8 +1,8 @@
 // The C interface against the real simulator, run with --verbose so that its log shows every
 // memory access a call makes, and against a scripted fake server for status bytes and failing
 // reads. One forwarding check per family of calls; the interface's own logic (handle checks,
-// masked reads, LOD transfers, progress) in full. Serial ports 120..139 belong to the cases
-// that let PXST_Open start a server.
+// masked reads, LOD transfers, progress) in full. The cases that open by serial port number use
+// their own in 100..149 (TCP 7800..7849), the area of these tests.
 
 #include "FakeServer.h"
 #include "RefusedPort.h"
