@@ -34,20 +34,16 @@ void PrintTo(const OpenCase& c, std::ostream* out)
     *out << c.name;
 }
 
-// Processes whose command line mentions `text` (other than this test process).
+// Processes whose command line mentions `text`.
 QStringList processesMentioning(const QString& text)
 {
     QStringList found;
-    const QString self = QString::number(QCoreApplication::applicationPid());
-    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        if (pid == self || !pid.at(0).isDigit())
-            continue;
-        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(pid));
-        if (!cmdline.open(QIODevice::ReadOnly))
-            continue;
-        const QString line = QString::fromLocal8Bit(cmdline.readAll().replace('\0', ' '));
-        if (line.contains(text))
-            found << pid + QLatin1Char(' ') + line;
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList({"[0-9]*"}, QDir::Dirs)) {
+        QFile file(QStringLiteral("/proc/%1/cmdline").arg(pid));
+        const QByteArray line =
+            file.open(QIODevice::ReadOnly) ? file.readAll().replace('\0', ' ') : "";
+        if (QString::fromLocal8Bit(line).contains(text))
+            found << pid + QLatin1Char(' ') + QString::fromLocal8Bit(line);
     }
     return found;
 }
