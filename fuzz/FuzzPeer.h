@@ -43,6 +43,17 @@ inline void ensureApplication()
         new QCoreApplication(argc, argv);
 }
 
+// Calls `call` again while it fails with EINTR (libFuzzer's own timers interrupt system
+// calls: that is not the end).
+template <class F>
+auto retry(F call)
+{
+    auto result = call();
+    while (result < 0 && errno == EINTR)
+        result = call();
+    return result;
+}
+
 inline sockaddr_in loopback(quint16 port)
 {
     sockaddr_in address{};
@@ -94,13 +105,8 @@ public:
     Peer()
     {
         pollfd p{listener().fd, POLLIN, 0};
-        int ready;
-        do
-            ready = ::poll(&p, 1, 5000);
-        while (ready < 0 && errno == EINTR);
-        do
-            fd = ready == 1 ? ::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-        while (fd < 0 && ready == 1 && errno == EINTR);
+        if (retry([&] { return ::poll(&p, 1, 5000); }) == 1)
+            fd = retry([] { return ::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC); });
         if (fd < 0)
             fail("no client to accept");
         const int one = 1;
@@ -118,18 +124,11 @@ public:
             for (QByteArray f = parser.getPacket(false); !f.isEmpty(); f = parser.getPacket(false))
                 if (pxproto::flowId(f) == flow)
                     return true;
-            // libFuzzer's own timers interrupt system calls: EINTR is not the end.
             pollfd p{fd, POLLIN, 0};
-            const int ready = ::poll(&p, 1, timeoutMs);
-            if (ready < 0 && errno == EINTR)
-                continue;
             unsigned char bytes[4096];
-            ssize_t n = 0;
-            if (ready == 1) {
-                do
-                    n = ::read(fd, bytes, sizeof bytes);
-                while (n < 0 && errno == EINTR);
-            }
+            const ssize_t n = retry([&] { return ::poll(&p, 1, timeoutMs); }) == 1
+                                  ? retry([&] { return ::read(fd, bytes, sizeof bytes); })
+                                  : 0;
             if (n <= 0)
                 return false;
             parser.feedData(bytes, int(n));
@@ -139,15 +138,12 @@ public:
     // Writes everything (blocking); false when the client has gone.
     bool send(const QByteArray& bytes)
     {
-        for (qsizetype done = 0; done < bytes.size();) {
-            const ssize_t n =
-                ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
+        for (qsizetype done = 0, n = 1; done < bytes.size(); done += n)
+            if ((n = retry([&] {
+                     return ::send(fd, bytes.constData() + done, size_t(bytes.size() - done),
+                                   MSG_NOSIGNAL);
+                 })) <= 0)
                 return false;
-            done += n;
-        }
         return true;
     }
 

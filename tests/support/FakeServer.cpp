@@ -14,6 +14,12 @@
 
 namespace {
 
+// A deep copy: see readClient().
+QByteArray own(const QByteArray& bytes)
+{
+    return QByteArray(bytes.constData(), bytes.size());
+}
+
 // Runs the queued commands on the server's thread when a posted event reaches it. A posted
 // event instead of a queued functor call: the functor's slot object is released through a
 // reference count inside QtCore, which ThreadSanitizer cannot see.
@@ -70,8 +76,6 @@ void FakeServer::run()
     commands.clear();
     // The sockets are children of the server and go with it.
     sockets.clear();
-    for (PXParser* parser : parsers)
-        delete parser;
     parsers.clear();
     server = nullptr;
 }
@@ -128,7 +132,7 @@ void FakeServer::accept()
         socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         const int index = int(sockets.size());
         sockets.push_back(socket);
-        parsers.push_back(new PXParser(PXParser::ServerFrames));
+        parsers.push_back(std::make_unique<PXParser>(PXParser::ServerFrames));
         QObject::connect(socket, &QTcpSocket::readyRead, context,
                          [this, index] { readClient(index); });
         {
@@ -147,21 +151,16 @@ void FakeServer::readClient(int client)
     if (!socket)
         return;
     const QByteArray bytes = socket->readAll();
-    PXParser* parser = parsers[size_t(client)];
+    PXParser* parser = parsers[size_t(client)].get();
     parser->feedData(bytes);
     QList<QByteArray> cut;
-    for (;;) {
-        const QByteArray& frame = parser->getPacket(false);
-        if (frame.isEmpty())
-            break;
+    for (QByteArray frame; !(frame = parser->getPacket(false)).isEmpty();)
         cut.append(frame);
-    }
     Responder current;
     {
         // The record gets copies of its own: an array shared with this thread's temporaries
         // would be freed by the test's thread through reference counts that Qt's own,
         // uninstrumented code drops, which ThreadSanitizer cannot pair up.
-        const auto own = [](const QByteArray& b) { return QByteArray(b.constData(), b.size()); };
         std::lock_guard<std::mutex> lock(mutex);
         allBytes.append(bytes.constData(), bytes.size());
         bytesByClient[size_t(client)].append(bytes.constData(), bytes.size());
@@ -172,10 +171,9 @@ void FakeServer::readClient(int client)
         current = responder;
     }
     changed.notify_all();
-    if (current) {
-        for (const QByteArray& frame : cut)
+    for (const QByteArray& frame : cut)
+        if (current)
             current(*this, client, frame);
-    }
 }
 
 void FakeServer::setResponder(Responder newResponder)
@@ -184,27 +182,25 @@ void FakeServer::setResponder(Responder newResponder)
     responder = std::move(newResponder);
 }
 
+void FakeServer::write(int index, const QByteArray& bytes) const
+{
+    if (QTcpSocket* socket = socketFor(index)) {
+        socket->write(bytes);
+        socket->flush();
+    }
+}
+
 void FakeServer::send(const QByteArray& bytes, int client)
 {
     const int index = resolve(client);
-    post([this, bytes, index] {
-        if (QTcpSocket* socket = socketFor(index)) {
-            socket->write(bytes);
-            socket->flush();
-        }
-    });
+    post([this, bytes, index] { write(index, bytes); });
 }
 
 void FakeServer::sendLater(const QByteArray& bytes, int delayMs, int client)
 {
     const int index = resolve(client);
     post([this, bytes, delayMs, index] {
-        QTimer::singleShot(delayMs, context, [this, bytes, index] {
-            if (QTcpSocket* socket = socketFor(index)) {
-                socket->write(bytes);
-                socket->flush();
-            }
-        });
+        QTimer::singleShot(delayMs, context, [this, bytes, index] { write(index, bytes); });
     });
 }
 
@@ -217,11 +213,6 @@ void FakeServer::closeClient(int client)
             socket->close();
         }
     });
-}
-
-void FakeServer::stopListening()
-{
-    post([this] { server->close(); });
 }
 
 int FakeServer::connectionCount() const
@@ -237,51 +228,49 @@ bool FakeServer::waitForConnections(int count, int timeoutMs) const
                             [&] { return clients >= count; });
 }
 
-// Both hand out deep copies, for the same reason the record holds its own.
+// Callers hold the mutex. Null for a client that does not exist.
+template <class T>
+static const T* recordOf(int client, int clients, const T& all, const std::vector<T>& each)
+{
+    const int index = client >= 0 ? client : clients - 1;
+    return client == FakeServer::AllClients ? &all
+           : index >= 0 && index < clients  ? &each[size_t(index)]
+                                            : nullptr;
+}
+
+const QByteArray* FakeServer::bytesOf(int client) const
+{
+    return recordOf(client, clients, allBytes, bytesByClient);
+}
+
+const QList<QByteArray>* FakeServer::framesOf(int client) const
+{
+    return recordOf(client, clients, allFrames, framesByClient);
+}
+
 QByteArray FakeServer::received(int client) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    const int index = client >= 0 ? client : clients - 1;
-    const QByteArray* bytes = client == AllClients            ? &allBytes
-                              : index >= 0 && index < clients ? &bytesByClient[size_t(index)]
-                                                              : nullptr;
-    return bytes ? QByteArray(bytes->constData(), bytes->size()) : QByteArray();
+    const QByteArray* bytes = bytesOf(client);
+    return bytes ? own(*bytes) : QByteArray();
 }
 
 QList<QByteArray> FakeServer::frames(int client) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    const int index = client >= 0 ? client : clients - 1;
-    const QList<QByteArray>* list = client == AllClients            ? &allFrames
-                                    : index >= 0 && index < clients ? &framesByClient[size_t(index)]
-                                                                    : nullptr;
     QList<QByteArray> out;
-    if (list) {
+    if (const QList<QByteArray>* list = framesOf(client))
         for (const QByteArray& frame : *list)
-            out.append(QByteArray(frame.constData(), frame.size()));
-    }
+            out.append(own(frame));
     return out;
-}
-
-bool FakeServer::waitForBytes(int count, int timeoutMs, int client) const
-{
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        if (client == AllClients)
-            return allBytes.size() >= count;
-        const int index = client >= 0 ? client : clients - 1;
-        return index >= 0 && index < clients && bytesByClient[size_t(index)].size() >= count;
-    });
 }
 
 bool FakeServer::waitForFrames(int count, int timeoutMs, int client) const
 {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        if (client == AllClients)
-            return allFrames.size() >= count;
-        const int index = client >= 0 ? client : clients - 1;
-        return index >= 0 && index < clients && framesByClient[size_t(index)].size() >= count;
+        const QList<QByteArray>* list = framesOf(client);
+        return list && list->size() >= count;
     });
 }
 

@@ -1,11 +1,14 @@
 #ifndef PELLIX_TESTS_FAKESERVER_H
 #define PELLIX_TESTS_FAKESERVER_H
 
+#include "pellix/protocol/PXParser.h"
+
 #include <QByteArray>
 #include <QList>
 
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -14,7 +17,6 @@ class QEventLoop;
 class QObject;
 class QTcpServer;
 class QTcpSocket;
-class PXParser;
 
 // A scripted server for the cases a correct server never produces: it listens on
 // 127.0.0.1 (port 0) on its own thread, records every byte it receives (also cut into
@@ -49,8 +51,6 @@ public:
     void sendLater(const QByteArray& bytes, int delayMs, int client = -1);
     // Closes a client's socket (the peer sees the connection closed).
     void closeClient(int client = -1);
-    // Stops accepting new connections (existing ones stay).
-    void stopListening();
 
     int connectionCount() const;
     bool waitForConnections(int count, int timeoutMs = 5000) const;
@@ -60,7 +60,6 @@ public:
     static constexpr int AllClients = -2;
     QByteArray received(int client = AllClients) const;
     QList<QByteArray> frames(int client = AllClients) const;
-    bool waitForBytes(int count, int timeoutMs = 5000, int client = AllClients) const;
     bool waitForFrames(int count, int timeoutMs = 5000, int client = AllClients) const;
     // Forgets what was received so far.
     void clearReceived();
@@ -72,7 +71,10 @@ private:
     void accept();
     void readClient(int client);
     QTcpSocket* socketFor(int client) const;
+    void write(int client, const QByteArray& bytes) const;
     int resolve(int client) const;
+    const QByteArray* bytesOf(int client) const;
+    const QList<QByteArray>* framesOf(int client) const;
 
     // The server's thread: a std::thread running a QEventLoop (joined, unlike a QThread, so
     // ThreadSanitizer sees its end).
@@ -81,8 +83,8 @@ private:
     quint16 listenPort = 0;
     QObject* context = nullptr;
     QTcpServer* server = nullptr;
-    std::vector<QTcpSocket*> sockets; // server thread only
-    std::vector<PXParser*> parsers;   // server thread only
+    std::vector<QTcpSocket*> sockets;               // server thread only
+    std::vector<std::unique_ptr<PXParser>> parsers; // server thread only
 
     mutable std::mutex mutex;
     mutable std::condition_variable changed;

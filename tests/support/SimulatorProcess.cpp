@@ -1,27 +1,18 @@
 #include "SimulatorProcess.h"
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QFileInfo>
 #include <QRegularExpression>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
-
-namespace {
-
-qint64 nowMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-} // namespace
 
 QString SimulatorProcess::binaryFolder()
 {
@@ -41,19 +32,15 @@ SimulatorProcess SimulatorProcess::withArguments(const QStringList& arguments)
 }
 
 SimulatorProcess::SimulatorProcess(SimulatorProcess&& other) noexcept
-    : child(other.child), outFd(other.outFd), errFd(other.errFd), listenPort(other.listenPort),
+    : child(std::exchange(other.child, -1)), outFd(std::exchange(other.outFd, -1)),
+      errFd(std::exchange(other.errFd, -1)), listenPort(other.listenPort),
       stderrBytes(std::move(other.stderrBytes)), exitStatus(other.exitStatus)
-{
-    other.child = -1;
-    other.outFd = -1;
-    other.errFd = -1;
-}
+{}
 
 void SimulatorProcess::launch(const QStringList& arguments)
 {
     const QByteArray path = (binaryFolder() + QStringLiteral("/pellix")).toLocal8Bit();
-    std::vector<QByteArray> storage;
-    storage.push_back(path);
+    std::vector<QByteArray> storage{path};
     for (const QString& argument : arguments)
         storage.push_back(argument.toLocal8Bit());
     std::vector<char*> argv;
@@ -80,13 +67,11 @@ void SimulatorProcess::launch(const QStringList& arguments)
 
     // Read stdout until the announcement line, for at most 10 s.
     QByteArray line;
-    const qint64 deadline = nowMs() + 10000;
-    while (nowMs() < deadline && !line.contains('\n')) {
-        pollfd p{outFd, POLLIN, 0};
-        if (poll(&p, 1, int(deadline - nowMs())) <= 0)
-            break;
-        char c[256];
-        const ssize_t n = read(outFd, c, sizeof c);
+    const QDeadlineTimer deadline(10000);
+    char c[256];
+    for (pollfd p{outFd, POLLIN, 0}; !line.contains('\n');) {
+        const ssize_t n =
+            poll(&p, 1, int(deadline.remainingTime())) > 0 ? read(outFd, c, sizeof c) : 0;
         if (n <= 0)
             break;
         line.append(c, int(n));
@@ -121,23 +106,18 @@ QString SimulatorProcess::errorOutput()
 
 bool SimulatorProcess::waitForErrorOutput(const QString& text, int timeoutMs)
 {
-    const qint64 deadline = nowMs() + timeoutMs;
-    for (;;) {
-        drainStderr(0);
-        if (QString::fromLocal8Bit(stderrBytes).contains(text))
-            return true;
-        const qint64 left = deadline - nowMs();
-        if (left <= 0)
+    const QDeadlineTimer deadline(timeoutMs);
+    for (drainStderr(0); !QString::fromLocal8Bit(stderrBytes).contains(text); drainStderr(50))
+        if (deadline.hasExpired())
             return false;
-        drainStderr(int(left < 50 ? left : 50));
-    }
+    return true;
 }
 
 int SimulatorProcess::waitForExit(int timeoutMs)
 {
     if (child <= 0)
         return exitStatus;
-    const qint64 deadline = nowMs() + timeoutMs;
+    const QDeadlineTimer deadline(timeoutMs);
     for (;;) {
         int status = 0;
         const pid_t done = waitpid(child, &status, WNOHANG);
@@ -146,7 +126,7 @@ int SimulatorProcess::waitForExit(int timeoutMs)
             exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
             return exitStatus;
         }
-        if (nowMs() >= deadline)
+        if (deadline.hasExpired())
             return -1;
         drainStderr(10);
         usleep(1000);
