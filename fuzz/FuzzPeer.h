@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 namespace fuzzpeer {
@@ -179,14 +180,10 @@ inline QByteArray completion(const QByteArray& stream)
         const int buffered = parser.bufferedSize();
         if (buffered == 0)
             break;
-        int need;
-        if (buffered < pxproto::HeaderSize) {
-            need = pxproto::HeaderSize - buffered;
-        } else {
-            const QByteArray head = parser.buffered();
-            need = pxproto::getBe16(head.constData() + 1) + pxproto::HeaderSize - buffered;
-        }
-        const QByteArray zeros(need, '\0');
+        const QByteArray head = parser.buffered();
+        const QByteArray zeros((buffered < pxproto::HeaderSize ? 0 : pxproto::payloadLength(head)) +
+                                   pxproto::HeaderSize - buffered,
+                               '\0');
         parser.feedData(zeros);
         filler += zeros;
     }
@@ -208,28 +205,21 @@ struct Request
 
 inline Request request(Op op, int sizeIndex)
 {
+    using namespace pxproto;
     constexpr int ReadSizes[] = {1, 2, 4, 8, 16, 64, 300};
     int size = ReadSizes[sizeIndex % 7];
-    switch (op) {
-    case Op::Read:
-    case Op::ReadInternal:
-        if (op == Op::ReadInternal && size <= 4)
-            size = 1; // internal single read
-        return {size > 4 ? pxproto::request::BlockRead : pxproto::request::Read,
-                pxproto::frame(pxproto::reply::ReadData, nullptr, 0), size};
-    case Op::Write:
-        return {pxproto::request::Write, pxproto::writeAck(), size};
-    case Op::Status:
-        return {pxproto::request::Status, pxproto::statusReply(1), size};
-    case Op::Ping:
-        return {pxproto::request::Ping, pxproto::pingReply(), size};
-    case Op::Break:
-        return {pxproto::request::Break, pxproto::completion(), size};
-    case Op::Reconnect:
-        return {pxproto::request::ForceReconnect, pxproto::completion(), size};
-    default:
-        return {0, QByteArray(), size};
-    }
+    if (op == Op::ReadInternal && size <= 4)
+        size = 1; // internal single read
+    if (op == Op::Read || op == Op::ReadInternal)
+        return {size > 4 ? request::BlockRead : request::Read, emptyFrame(reply::ReadData), size};
+    // clang-format off
+    const std::pair<unsigned char, QByteArray> others[] = { // from Op::Write on
+        {request::Write, writeAck()}, {request::Status, statusReply(1)},
+        {request::Ping, pingReply()}, {request::Break, pxproto::completion()},
+        {request::ForceReconnect, pxproto::completion()}, {0, QByteArray()}};
+    // clang-format on
+    const auto& [flow, terminator] = others[int(op) - int(Op::Write)];
+    return {flow, terminator, size};
 }
 
 // Makes the request on a PXConnection or a PXNSConnection; None gives 0.

@@ -10,11 +10,7 @@
 
 namespace {
 
-qint64 fakeNow = 1;
-qint64 fakeClock()
-{
-    return fakeNow;
-}
+qint64 fakeNow = 1; // the parsers' clock
 
 } // namespace
 
@@ -27,10 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     data += 2;
     size -= 2;
 
-    PXParser parser(type);
-    parser.setClock(fakeClock);
-    PXParser inPlace(type);
-    inPlace.setClock(fakeClock);
+    PXParser parser(type), inPlace(type);
+    parser.setClock([] { return fakeNow; });
+    inPlace.setClock([] { return fakeNow; });
     fakeNow = 1000;
     size_t offset = 0;
     while (offset < size) {

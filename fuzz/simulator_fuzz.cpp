@@ -79,14 +79,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         unsigned char bytes[65536];
         for (;;) {
-            const ssize_t n = ::read(fd, bytes, sizeof bytes);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n == 0 || (n < 0 && errno != EAGAIN)) {
+            const ssize_t n = fuzzpeer::retry([&] { return ::read(fd, bytes, sizeof bytes); });
+            if (n == 0 || (n < 0 && errno != EAGAIN))
                 ended = true;
-                break;
-            }
-            if (n < 0)
+            if (n <= 0)
                 break;
             received += n;
             replies.feedData(bytes, int(n));
