@@ -139,7 +139,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         FaultCase{"BlockReadClosedMidFrame", false, request::BlockRead, Fault::CloseInFrame, 4500,
                   9000},
-        FaultCase{"StatusStalls", false, request::Status, Fault::Stall, 4500, 9000},
         FaultCase{"ReadPromisesMore", false, request::Read, Fault::PromiseMore, 4500, 9000},
         FaultCase{"PingGetsWrongReply", false, request::Ping, Fault::WrongReply, 4500, 9000},
         FaultCase{"NSRead32KilledMidRequest", true, request::Read, Fault::CloseAtOnce, 0, 900},
