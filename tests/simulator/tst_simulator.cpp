@@ -26,6 +26,14 @@ QByteArray hex(const char* text)
     return QByteArray::fromHex(text);
 }
 
+QList<QByteArray> copies(int count, const QByteArray& frame)
+{
+    QList<QByteArray> out;
+    while (count-- > 0)
+        out << frame;
+    return out;
+}
+
 // A raw client socket that sends prebuilt frames and cuts the replies with PXParser.
 struct SimClient
 {
@@ -169,7 +177,7 @@ TEST_F(Simulator, MemoryReadsBackWhatWasWritten)
           writeRequest(0x1008, false, "\1\2\3", 3), writeRequest(0x100B, false, nullptr, 0),
           writeRequest(0x10, true, "\xAA\xBB", 2), writeRequest(0x20, false, "\xCC", 1)})
         client->send(request);
-    EXPECT_EQ(client->framesBeforePing(), QList<QByteArray>(7, writeAck()));
+    EXPECT_EQ(client->framesBeforePing(), copies(7, writeAck()));
     // "<access code> <address> <data read>"; codes 0: 8-bit, 1: 16-bit, 2: 32-bit, 4: internal.
     for (const char* line : {"0 1000 7f", "0 1001 00", "1 1002 3412", "1 1005 ccbb",
                              "2 1004 ddccbbaa", "2 1008 01020300", "2 7654320 00000000", "4 10 aa",
@@ -219,7 +227,7 @@ TEST_F(Simulator, EventsAndBypassEchoesReachOnlyTheClientsThatChoseThem)
           writeRequest(0x4001, false, block, 4), writeRequest(0x4000, false, "\x01\x02", 2),
           writeRequest(0x4004, false, "\x42\0\0\0", 4)})
         a->send(request);
-    EXPECT_EQ(a->framesBeforePing(), QList<QByteArray>(5, writeAck()));
+    EXPECT_EQ(a->framesBeforePing(), copies(5, writeAck()));
     // The register keeps what was written to it, as memory does.
     a->send(singleRead(access::Read32, 0x4000));
     EXPECT_EQ(a->next(), readData(0x4000, "\x01\x02\x02\xEF", 4));
