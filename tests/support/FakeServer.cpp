@@ -238,20 +238,10 @@ static const T* recordOf(int client, int clients, const T& all, const std::vecto
                                             : nullptr;
 }
 
-const QByteArray* FakeServer::bytesOf(int client) const
-{
-    return recordOf(client, clients, allBytes, bytesByClient);
-}
-
-const QList<QByteArray>* FakeServer::framesOf(int client) const
-{
-    return recordOf(client, clients, allFrames, framesByClient);
-}
-
 QByteArray FakeServer::received(int client) const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    const QByteArray* bytes = bytesOf(client);
+    const QByteArray* bytes = recordOf(client, clients, allBytes, bytesByClient);
     return bytes ? own(*bytes) : QByteArray();
 }
 
@@ -259,7 +249,7 @@ QList<QByteArray> FakeServer::frames(int client) const
 {
     std::lock_guard<std::mutex> lock(mutex);
     QList<QByteArray> out;
-    if (const QList<QByteArray>* list = framesOf(client))
+    if (const auto* list = recordOf(client, clients, allFrames, framesByClient))
         for (const QByteArray& frame : *list)
             out.append(own(frame));
     return out;
@@ -269,7 +259,7 @@ bool FakeServer::waitForFrames(int count, int timeoutMs, int client) const
 {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        const QList<QByteArray>* list = framesOf(client);
+        const auto* list = recordOf(client, clients, allFrames, framesByClient);
         return list && list->size() >= count;
     });
 }

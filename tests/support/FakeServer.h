@@ -73,8 +73,6 @@ private:
     QTcpSocket* socketFor(int client) const;
     void write(int client, const QByteArray& bytes) const;
     int resolve(int client) const;
-    const QByteArray* bytesOf(int client) const;
-    const QList<QByteArray>* framesOf(int client) const;
 
     // The server's thread: a std::thread running a QEventLoop (joined, unlike a QThread, so
     // ThreadSanitizer sees its end).
