@@ -78,19 +78,17 @@ struct Consumers
     std::multiset<std::string> bypass;
 };
 
-// What one worker did; failures are counted, not thrown, because they happen on workers.
-struct WorkerResult
+// The 8 data bytes of a worker's bypass packet in a round.
+QByteArray packetData(int worker, int round)
 {
-    int failures = 0;
-    std::vector<unsigned int> raisedEvents;
-    std::vector<std::string> sentBypass;
-};
+    return QByteArray(1, char(worker)) + char(round) + "stress";
+}
 
 // Each worker owns 1 MiB and writes, then reads back, patterns that name the worker and the
 // round, with start offsets 0 to 3, so a reply matched to the wrong request shows as wrong
 // data. Then a status query, a ping, an event raised through the event register, and a bypass
-// packet whose echo comes back whole (inner header, data, checksum).
-void work(PXConnection& c, int worker, unsigned char flow, WorkerResult& out)
+// packet. Failures are counted, not thrown, because they happen on workers.
+void work(PXConnection& c, int worker, unsigned char flow, std::atomic<int>& failures)
 {
     std::vector<unsigned char> written(65536), read(65536);
     for (int round = 0; round < Rounds; ++round) {
@@ -101,26 +99,15 @@ void work(PXConnection& c, int worker, unsigned char flow, WorkerResult& out)
             written[size_t(i)] =
                 static_cast<unsigned char>(worker * 37 + round * 11 + i * 7 + (i >> 8));
         std::fill(read.begin(), read.begin() + size, 0);
-        out.failures +=
+        failures +=
             c.writeBlock(address, reinterpret_cast<unsigned int*>(written.data()), size) != 0 ||
             c.readBlock(address, read.data(), size) != 0 ||
             !std::equal(written.begin(), written.begin() + size, read.begin());
-
         unsigned char status = 0;
-        const unsigned int id = (unsigned(worker) << 16) | unsigned(round);
-        unsigned char data[8] = {static_cast<unsigned char>(worker),
-                                 static_cast<unsigned char>(round),
-                                 3,
-                                 4,
-                                 5,
-                                 6,
-                                 7,
-                                 8};
-        out.failures += c.getStatus(&status) != 0 || status == 0 || c.ping() != 0 ||
-                        c.write32(EventRegister, id) != 0 || c.sendBypassPacket(flow, data, 8) != 0;
-        out.raisedEvents.push_back(id);
-        const QByteArray packet = pxproto::debugPacket(flow, data, 8);
-        out.sentBypass.emplace_back(packet.constData(), size_t(packet.size()));
+        QByteArray data = packetData(worker, round);
+        failures += c.getStatus(&status) != 0 || status == 0 || c.ping() != 0 ||
+                    c.write32(EventRegister, (unsigned(worker) << 16) | unsigned(round)) != 0 ||
+                    c.sendBypassPacket(flow, reinterpret_cast<unsigned char*>(data.data()), 8) != 0;
     }
 }
 
@@ -154,30 +141,34 @@ TEST_P(Stress, SixteenThreads)
         ASSERT_TRUE(c.open(QStringLiteral("127.0.0.1"), simulator.port()));
         ASSERT_EQ(c.setBypassFlowIds(&flow, 1) + c.enableEvents(true), 0u);
     }
-    std::vector<WorkerResult> results(Workers);
+    std::atomic<int> failures{0};
     Consumers consumers(connections);
     std::vector<std::thread> workers;
-    for (int w = 0; w < Workers; ++w) {
-        const int i = w * count / Workers;
-        workers.emplace_back([&, w, i] {
-            work(connections[size_t(i)], w, static_cast<unsigned char>(FlowBase + i),
-                 results[size_t(w)]);
+    for (int w = 0; w < Workers; ++w)
+        workers.emplace_back([&, w] {
+            const int i = w * count / Workers;
+            work(connections[size_t(i)], w, static_cast<unsigned char>(FlowBase + i), failures);
         });
-    }
     for (auto& t : workers)
         t.join();
     // Arrivals in flight when the workers stop are in once a ping round trip is done.
     for (PXConnection& c : connections)
         ASSERT_EQ(c.ping(), 0u);
     consumers.finish();
+    EXPECT_EQ(failures.load(), 0);
+    // Every event reaches every connection; every echo comes back whole (inner header, data,
+    // checksum) on the connection that chose its flow.
     std::multiset<unsigned int> raised;
     std::multiset<std::string> sent;
-    for (const WorkerResult& r : results) {
-        EXPECT_EQ(r.failures, 0);
-        for (int i = 0; i < count; ++i)
-            raised.insert(r.raisedEvents.begin(), r.raisedEvents.end());
-        sent.insert(r.sentBypass.begin(), r.sentBypass.end());
-    }
+    for (int w = 0; w < Workers; ++w)
+        for (int round = 0; round < Rounds; ++round) {
+            for (int i = 0; i < count; ++i)
+                raised.insert((unsigned(w) << 16) | unsigned(round));
+            const QByteArray packet =
+                pxproto::debugPacket(static_cast<unsigned char>(FlowBase + w * count / Workers),
+                                     packetData(w, round).constData(), 8);
+            sent.emplace(packet.constData(), size_t(packet.size()));
+        }
     EXPECT_EQ(consumers.events, raised);
     EXPECT_EQ(consumers.bypass, sent);
 }

@@ -26,14 +26,6 @@ QByteArray hex(const char* text)
     return QByteArray::fromHex(text);
 }
 
-QList<QByteArray> copies(int count, const QByteArray& frame)
-{
-    QList<QByteArray> out;
-    while (count-- > 0)
-        out << frame;
-    return out;
-}
-
 // A raw client socket that sends prebuilt frames and cuts the replies with PXParser.
 struct SimClient
 {
@@ -98,10 +90,6 @@ protected:
     {
         server = std::make_unique<SimulatorProcess>(extra);
         ASSERT_TRUE(server->isListening()) << server->errorOutput().toStdString();
-    }
-    std::unique_ptr<SimClient> connectClient()
-    {
-        return std::make_unique<SimClient>(server->port());
     }
     // Every server ends cleanly: a crash or a sanitizer report in it fails the test.
     void TearDown() override
@@ -170,14 +158,14 @@ TEST_F(Simulator, MemoryReadsBackWhatWasWritten)
     image.write("# boot image\n@00003000\n12345678\n# inside\n0x9ABCDEF0\n\n@4000\r\nFF\r\n");
     image.close();
     startServer({"--frame-size", "100", "--image", image.fileName()});
-    auto client = connectClient();
+    SimClient client(server->port());
     for (const QByteArray& request :
          {writeRequest(0x1000, false, "\x7F", 1), writeRequest(0x1002, false, "\x34\x12", 2),
           writeRequest(0x1004, false, "\xDD\xCC\xBB\xAA", 4),
           writeRequest(0x1008, false, "\1\2\3", 3), writeRequest(0x100B, false, nullptr, 0),
           writeRequest(0x10, true, "\xAA\xBB", 2), writeRequest(0x20, false, "\xCC", 1)})
-        client->send(request);
-    EXPECT_EQ(client->framesBeforePing(), copies(7, writeAck()));
+        client.send(request);
+    EXPECT_EQ(client.framesBeforePing().join(), writeAck().repeated(7));
     // "<access code> <address> <data read>"; codes 0: 8-bit, 1: 16-bit, 2: 32-bit, 4: internal.
     for (const char* line : {"0 1000 7f", "0 1001 00", "1 1002 3412", "1 1005 ccbb",
                              "2 1004 ddccbbaa", "2 1008 01020300", "2 7654320 00000000", "4 10 aa",
@@ -185,21 +173,21 @@ TEST_F(Simulator, MemoryReadsBackWhatWasWritten)
         const QList<QByteArray> field = QByteArray(line).split(' ');
         const quint32 address = field[1].toUInt(nullptr, 16);
         const QByteArray data = QByteArray::fromHex(field[2]);
-        client->send(singleRead(static_cast<unsigned char>(field[0].toUInt()), address));
-        EXPECT_EQ(client->next(), readData(address, data.constData(), int(data.size()))) << line;
+        client.send(singleRead(static_cast<unsigned char>(field[0].toUInt()), address));
+        EXPECT_EQ(client.next(), readData(address, data.constData(), int(data.size()))) << line;
     }
     QByteArray pattern(1000, Qt::Uninitialized);
     for (int i = 0; i < pattern.size(); ++i)
         pattern[i] = char(i * 7 + 3);
-    client->send(writeRequest(0x20003, false, pattern.constData(), int(pattern.size())));
-    ASSERT_EQ(client->next(), writeAck());
-    EXPECT_EQ(client->blockReadAll(0x20003, 1000, 100), pattern);
-    EXPECT_EQ(client->blockReadAll(0x20000, 5, 100), hex("000000030A"));
-    client->send(writeRequest(0, false, "\x11\x22", 2));
-    ASSERT_EQ(client->next(), writeAck());
-    EXPECT_EQ(client->blockReadAll(0xFFFFFFFE, 4, 100), hex("00001122"));
-    EXPECT_EQ(client->blockReadAll(0x3000, 12, 100), hex("78563412F0DEBC9A00000000"));
-    EXPECT_EQ(client->blockReadAll(0x4000, 2, 100), hex("FF00"));
+    client.send(writeRequest(0x20003, false, pattern.constData(), int(pattern.size())));
+    ASSERT_EQ(client.next(), writeAck());
+    EXPECT_EQ(client.blockReadAll(0x20003, 1000, 100), pattern);
+    EXPECT_EQ(client.blockReadAll(0x20000, 5, 100), hex("000000030A"));
+    client.send(writeRequest(0, false, "\x11\x22", 2));
+    ASSERT_EQ(client.next(), writeAck());
+    EXPECT_EQ(client.blockReadAll(0xFFFFFFFE, 4, 100), hex("00001122"));
+    EXPECT_EQ(client.blockReadAll(0x3000, 12, 100), hex("78563412F0DEBC9A00000000"));
+    EXPECT_EQ(client.blockReadAll(0x4000, 2, 100), hex("FF00"));
 }
 
 // Events go to the clients that enabled them, bypass echoes to the clients that chose the
@@ -207,16 +195,16 @@ TEST_F(Simulator, MemoryReadsBackWhatWasWritten)
 TEST_F(Simulator, EventsAndBypassEchoesReachOnlyTheClientsThatChoseThem)
 {
     startServer({"--event-register", "0x4000"});
-    auto a = connectClient(), b = connectClient(), c = connectClient();
+    SimClient a(server->port()), b(server->port()), c(server->port());
     const unsigned char flowsA[] = {5}, flowsB[] = {5, 7}, flowsC[] = {7}, flowsC2[] = {9};
-    a->send(setBypassFlowIds(flowsA, 1));
-    b->send(setBypassFlowIds(flowsB, 2));
-    b->send(enableEvents(true));
-    c->send(setBypassFlowIds(flowsC, 1));
-    c->send(setBypassFlowIds(flowsC2, 1)); // replaces {7}
-    c->send(enableEvents(true));
-    c->send(enableEvents(false));
-    for (SimClient* s : {a.get(), b.get(), c.get()})
+    a.send(setBypassFlowIds(flowsA, 1));
+    b.send(setBypassFlowIds(flowsB, 2));
+    b.send(enableEvents(true));
+    c.send(setBypassFlowIds(flowsC, 1));
+    c.send(setBypassFlowIds(flowsC2, 1)); // replaces {7}
+    c.send(enableEvents(true));
+    c.send(enableEvents(false));
+    for (SimClient* s : {&a, &b, &c})
         EXPECT_TRUE(s->framesBeforePing().isEmpty());
 
     // A 32-bit write to the register, or a block write covering it, raises the value written
@@ -226,24 +214,24 @@ TEST_F(Simulator, EventsAndBypassEchoesReachOnlyTheClientsThatChoseThem)
          {writeRequest(0x4000, false, "\x42\0\0\0", 4), writeRequest(0x3FFE, false, block, 7),
           writeRequest(0x4001, false, block, 4), writeRequest(0x4000, false, "\x01\x02", 2),
           writeRequest(0x4004, false, "\x42\0\0\0", 4)})
-        a->send(request);
-    EXPECT_EQ(a->framesBeforePing(), copies(5, writeAck()));
+        a.send(request);
+    EXPECT_EQ(a.framesBeforePing().join(), writeAck().repeated(5));
     // The register keeps what was written to it, as memory does.
-    a->send(singleRead(access::Read32, 0x4000));
-    EXPECT_EQ(a->next(), readData(0x4000, "\x01\x02\x02\xEF", 4));
+    a.send(singleRead(access::Read32, 0x4000));
+    EXPECT_EQ(a.next(), readData(0x4000, "\x01\x02\x02\xEF", 4));
 
-    a->send(bypassSend(5, "\x01\x02", 2));
+    a.send(bypassSend(5, "\x01\x02", 2));
     // A bad checksum is echoed with a good one.
     QByteArray bad = bypassSend(7, "xyz", 3);
     bad[bad.size() - 1] = char(bad.at(bad.size() - 1) ^ 0x55);
-    a->send(bad);
-    c->send(bypassSend(9, nullptr, 0));
+    a.send(bad);
+    c.send(bypassSend(9, nullptr, 0));
     const QByteArray echo5 = hex("BB 00 07 B5 AD 00 03 05 01 02 06");
     // The senders go first: once a sender's ping is answered, its echoes are on their way
     // to every subscriber.
-    EXPECT_EQ(a->framesBeforePing(), QList<QByteArray>{echo5});
-    EXPECT_EQ(c->framesBeforePing(), QList<QByteArray>{bypassFrame(debugPacket(9, nullptr, 0))});
-    EXPECT_EQ(b->framesBeforePing(),
+    EXPECT_EQ(a.framesBeforePing(), QList<QByteArray>{echo5});
+    EXPECT_EQ(c.framesBeforePing(), QList<QByteArray>{bypassFrame(debugPacket(9, nullptr, 0))});
+    EXPECT_EQ(b.framesBeforePing(),
               (QList<QByteArray>{hex("BB 00 05 41 42 00 00 00 00"), event(0xDEADBEEF), echo5,
                                  bypassFrame(debugPacket(7, "xyz", 3))}));
 }
@@ -254,14 +242,14 @@ TEST_F(Simulator, KillAndSignalsCloseEveryClientAndExitZero)
     for (const int how : {0, SIGINT, SIGTERM}) {
         SCOPED_TRACE(how);
         startServer();
-        auto a = connectClient(), b = connectClient();
-        b->send(enableEvents(true));
-        EXPECT_TRUE(b->framesBeforePing().isEmpty());
+        SimClient a(server->port()), b(server->port());
+        b.send(enableEvents(true));
+        EXPECT_TRUE(b.framesBeforePing().isEmpty());
         if (how == 0)
-            a->send(kill());
+            a.send(kill());
         else
             ASSERT_EQ(::kill(server->pid(), how), 0);
-        for (SimClient* c : {a.get(), b.get()})
+        for (SimClient* c : {&a, &b})
             EXPECT_TRUE(c->next().isEmpty() &&
                         c->socket.state() != QAbstractSocket::ConnectedState);
         EXPECT_EQ(server->waitForExit(), 0);
@@ -319,35 +307,35 @@ TEST(SimulatorCommandLine, BadArgumentsFailWithAMessage)
 TEST_F(Simulator, ClientThatNeverReadsDoesNotStallOthers)
 {
     startServer();
-    auto sink = connectClient(), good = connectClient();
-    sink->socket.setReadBufferSize(1);
-    sink->send(enableEvents(true));
-    sink->send(blockRead(0, 0xFFFFFFFFu));
-    sink->send(ping().repeated(20000));
-    good->send(enableEvents(true));
+    SimClient sink(server->port()), good(server->port());
+    sink.socket.setReadBufferSize(1);
+    sink.send(enableEvents(true));
+    sink.send(blockRead(0, 0xFFFFFFFFu));
+    sink.send(ping().repeated(20000));
+    good.send(enableEvents(true));
     for (quint32 id = 0; id < 2000; ++id) {
         unsigned char value[4];
         putLe32(value, id);
-        good->send(writeRequest(0xFFFFFF00u, false, value, 4)); // the default event register
-        ASSERT_EQ(good->next(), writeAck()) << id;
-        ASSERT_EQ(good->next(), event(id));
+        good.send(writeRequest(0xFFFFFF00u, false, value, 4)); // the default event register
+        ASSERT_EQ(good.next(), writeAck()) << id;
+        ASSERT_EQ(good.next(), event(id));
     }
-    EXPECT_EQ(good->blockReadAll(0x1000, 1 << 20, 4096), QByteArray(1 << 20, '\0'));
+    EXPECT_EQ(good.blockReadAll(0x1000, 1 << 20, 4096), QByteArray(1 << 20, '\0'));
     // The sink still gets the start of its read once it reads.
-    sink->socket.setReadBufferSize(0);
-    EXPECT_EQ(sink->next(), readData(0, QByteArray(4096, '\0').constData(), 4096));
+    sink.socket.setReadBufferSize(0);
+    EXPECT_EQ(sink.next(), readData(0, QByteArray(4096, '\0').constData(), 4096));
 }
 
 TEST_F(Simulator, LatencyDelaysEachReply)
 {
     startServer({"--latency", "150000"});
-    auto client = connectClient();
+    SimClient client(server->port());
     QElapsedTimer timer;
     timer.start();
-    client->send(ping());
-    client->send(status());
-    EXPECT_EQ(client->next(), pingReply());
-    EXPECT_EQ(client->next(), statusReply(1));
+    client.send(ping());
+    client.send(status());
+    EXPECT_EQ(client.next(), pingReply());
+    EXPECT_EQ(client.next(), statusReply(1));
     EXPECT_GE(timer.elapsed(), 300);
 }
 
