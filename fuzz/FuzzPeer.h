@@ -1,8 +1,8 @@
-// Shared by the fuzz targets: the server end of one TCP connection for the connection fuzzers
-// (a listening socket on 127.0.0.1, any free port, opened once per process, and the accepted
-// peer of each client; plain POSIX sockets, used from the fuzzing thread only, with poll()
-// deadlines so that no input can hang the fuzzer), the requests the connection fuzzers make,
-// and cutting a stream into frames.
+// Shared by the fuzz targets: failing with a message; the server end of one TCP connection
+// for the connection fuzzers (a listening socket on 127.0.0.1, any free port, opened once per
+// process, and the accepted peer of each client; plain POSIX sockets, used from the fuzzing
+// thread only, with poll() deadlines so that no input can hang the fuzzer), the requests the
+// connection fuzzers make, and cutting a stream into frames.
 
 #ifndef PELLIX_FUZZ_FUZZPEER_H
 #define PELLIX_FUZZ_FUZZPEER_H

@@ -3,6 +3,8 @@
 // when written with LOD_DumpPacketLodFormat and read again, and its binary dump must be
 // exactly its words.
 
+#include "FuzzPeer.h"
+
 #include "pellix/lod/LODFileLoader.h"
 
 #include <sys/mman.h>
@@ -16,11 +18,7 @@
 
 namespace {
 
-[[noreturn]] void fail(const char* what)
-{
-    std::fprintf(stderr, "lod fuzz: %s\n", what);
-    std::abort();
-}
+using fuzzpeer::fail;
 
 // An anonymous in-memory file holding `bytes`; its /proc path opens like any file.
 struct MemoryFile

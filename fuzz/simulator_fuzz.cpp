@@ -59,10 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     ::fcntl(fd, F_SETFL, O_NONBLOCK);
 
     PXParser replies(PXParser::ServerFrames);
-    qint64 written = 0;
-    qint64 received = 0;
-    bool ended = false;
-    bool answered = false;
+    qint64 written = 0, received = 0;
+    bool ended = false, answered = false;
     QElapsedTimer clock;
     clock.start();
     while (!answered && !ended && received < ReplyLimit) {
