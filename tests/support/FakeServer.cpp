@@ -121,9 +121,7 @@ int FakeServer::resolve(int client) const
 
 QTcpSocket* FakeServer::socketFor(int client) const
 {
-    if (client < 0 || client >= int(sockets.size()))
-        return nullptr;
-    return sockets[size_t(client)];
+    return client >= 0 && client < int(sockets.size()) ? sockets[size_t(client)] : nullptr;
 }
 
 void FakeServer::accept()
@@ -137,7 +135,6 @@ void FakeServer::accept()
                          [this, index] { readClient(index); });
         {
             std::lock_guard<std::mutex> lock(mutex);
-            bytesByClient.emplace_back();
             framesByClient.emplace_back();
             clients = int(sockets.size());
         }
@@ -150,9 +147,8 @@ void FakeServer::readClient(int client)
     QTcpSocket* socket = socketFor(client);
     if (!socket)
         return;
-    const QByteArray bytes = socket->readAll();
     PXParser* parser = parsers[size_t(client)].get();
-    parser->feedData(bytes);
+    parser->feedData(socket->readAll());
     QList<QByteArray> cut;
     for (QByteArray frame; !(frame = parser->getPacket(false)).isEmpty();)
         cut.append(frame);
@@ -162,8 +158,6 @@ void FakeServer::readClient(int client)
         // would be freed by the test's thread through reference counts that Qt's own,
         // uninstrumented code drops, which ThreadSanitizer cannot pair up.
         std::lock_guard<std::mutex> lock(mutex);
-        allBytes.append(bytes.constData(), bytes.size());
-        bytesByClient[size_t(client)].append(bytes.constData(), bytes.size());
         for (const QByteArray& frame : cut) {
             allFrames.append(own(frame));
             framesByClient[size_t(client)].append(own(frame));
@@ -215,12 +209,6 @@ void FakeServer::closeClient(int client)
     });
 }
 
-int FakeServer::connectionCount() const
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return clients;
-}
-
 bool FakeServer::waitForConnections(int count, int timeoutMs) const
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -228,28 +216,21 @@ bool FakeServer::waitForConnections(int count, int timeoutMs) const
                             [&] { return clients >= count; });
 }
 
-// Callers hold the mutex. Null for a client that does not exist.
-template <class T>
-static const T* recordOf(int client, int clients, const T& all, const std::vector<T>& each)
+// The frames received from a client (see frames()), null for one that does not exist.
+// Callers hold the mutex.
+const QList<QByteArray>* FakeServer::framesOf(int client) const
 {
     const int index = client >= 0 ? client : clients - 1;
-    return client == FakeServer::AllClients ? &all
-           : index >= 0 && index < clients  ? &each[size_t(index)]
-                                            : nullptr;
-}
-
-QByteArray FakeServer::received(int client) const
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const QByteArray* bytes = recordOf(client, clients, allBytes, bytesByClient);
-    return bytes ? own(*bytes) : QByteArray();
+    return client == AllClients            ? &allFrames
+           : index >= 0 && index < clients ? &framesByClient[size_t(index)]
+                                           : nullptr;
 }
 
 QList<QByteArray> FakeServer::frames(int client) const
 {
     std::lock_guard<std::mutex> lock(mutex);
     QList<QByteArray> out;
-    if (const auto* list = recordOf(client, clients, allFrames, framesByClient))
+    if (const auto* list = framesOf(client))
         for (const QByteArray& frame : *list)
             out.append(own(frame));
     return out;
@@ -259,7 +240,7 @@ bool FakeServer::waitForFrames(int count, int timeoutMs, int client) const
 {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        const auto* list = recordOf(client, clients, allFrames, framesByClient);
+        const auto* list = framesOf(client);
         return list && list->size() >= count;
     });
 }
@@ -267,10 +248,7 @@ bool FakeServer::waitForFrames(int count, int timeoutMs, int client) const
 void FakeServer::clearReceived()
 {
     std::lock_guard<std::mutex> lock(mutex);
-    allBytes.clear();
     allFrames.clear();
-    for (auto& bytes : bytesByClient)
-        bytes.clear();
     for (auto& list : framesByClient)
         list.clear();
 }

@@ -19,9 +19,9 @@ class QTcpServer;
 class QTcpSocket;
 
 // A scripted server for the cases a correct server never produces: it listens on
-// 127.0.0.1 (port 0) on its own thread, records every byte it receives (also cut into
-// frames), and answers only what the test tells it to: frames, split frames, delayed frames,
-// malformed bytes, silence, or a closed socket.
+// 127.0.0.1 (port 0) on its own thread, records every frame it receives, and answers only
+// what the test tells it to: frames, split frames, delayed frames, malformed bytes, silence,
+// or a closed socket.
 //
 // The constructor returns once the server listens. Every method may be called from the
 // test's thread or from inside the responder (which runs on the server's thread).
@@ -52,13 +52,10 @@ public:
     // Closes a client's socket (the peer sees the connection closed).
     void closeClient(int client = -1);
 
-    int connectionCount() const;
     bool waitForConnections(int count, int timeoutMs = 5000) const;
 
-    // Bytes and frames received from a client (-1: the most recent; -2: all clients, in
-    // arrival order).
+    // Frames received from a client (-1: the most recent; -2: all clients, in arrival order).
     static constexpr int AllClients = -2;
-    QByteArray received(int client = AllClients) const;
     QList<QByteArray> frames(int client = AllClients) const;
     bool waitForFrames(int count, int timeoutMs = 5000, int client = AllClients) const;
     // Forgets what was received so far.
@@ -73,6 +70,7 @@ private:
     QTcpSocket* socketFor(int client) const;
     void write(int client, const QByteArray& bytes) const;
     int resolve(int client) const;
+    const QList<QByteArray>* framesOf(int client) const;
 
     // The server's thread: a std::thread running a QEventLoop (joined, unlike a QThread, so
     // ThreadSanitizer sees its end).
@@ -90,9 +88,7 @@ private:
     std::vector<std::function<void()>> commands;
     Responder responder;
     int clients = 0;
-    QByteArray allBytes;
     QList<QByteArray> allFrames;
-    std::vector<QByteArray> bytesByClient;
     std::vector<QList<QByteArray>> framesByClient;
 };
 

@@ -3,7 +3,6 @@
 #include <QByteArray>
 #include <QDeadlineTimer>
 #include <QFileInfo>
-#include <QRegularExpression>
 
 #include <cerrno>
 #include <csignal>
@@ -76,10 +75,8 @@ void SimulatorProcess::launch(const QStringList& arguments)
             break;
         line.append(c, int(n));
     }
-    static const QRegularExpression announce(QStringLiteral("listening on .*:(\\d+)"));
-    const auto match = announce.match(QString::fromLocal8Bit(line));
-    if (match.hasMatch())
-        listenPort = quint16(match.captured(1).toUInt());
+    if (line.contains("listening on "))
+        listenPort = quint16(line.mid(line.lastIndexOf(':') + 1).trimmed().toUInt());
 }
 
 void SimulatorProcess::drainStderr(int timeoutMs)
@@ -90,27 +87,14 @@ void SimulatorProcess::drainStderr(int timeoutMs)
     if (poll(&p, 1, timeoutMs) <= 0)
         return;
     char buffer[4096];
-    for (;;) {
-        const ssize_t n = read(errFd, buffer, sizeof buffer);
-        if (n <= 0)
-            break;
+    for (ssize_t n; (n = read(errFd, buffer, sizeof buffer)) > 0;)
         stderrBytes.append(buffer, int(n));
-    }
 }
 
 QString SimulatorProcess::errorOutput()
 {
     drainStderr(0);
     return QString::fromLocal8Bit(stderrBytes);
-}
-
-bool SimulatorProcess::waitForErrorOutput(const QString& text, int timeoutMs)
-{
-    const QDeadlineTimer deadline(timeoutMs);
-    for (drainStderr(0); !QString::fromLocal8Bit(stderrBytes).contains(text); drainStderr(50))
-        if (deadline.hasExpired())
-            return false;
-    return true;
 }
 
 int SimulatorProcess::waitForExit(int timeoutMs)

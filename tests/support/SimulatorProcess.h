@@ -29,8 +29,6 @@ public:
 
     // Everything the simulator wrote to stderr so far (with --verbose: one line per request).
     QString errorOutput();
-    // Waits until stderr holds `text`, for at most timeoutMs.
-    bool waitForErrorOutput(const QString& text, int timeoutMs = 5000);
     // Waits for the process to exit by itself; returns its exit status or -1 on time-out.
     int waitForExit(int timeoutMs = 5000);
 
