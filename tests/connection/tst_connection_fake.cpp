@@ -332,6 +332,40 @@ TEST(ConnectionFake, BypassQueue)
     EXPECT_EQ(calls.thread.load(), PXClientManager::Instance());
 }
 
+// A queue holding 1001 entries is emptied before the next one is appended: 1001 arrivals are
+// all kept, the 1002nd leaves only itself. Both queues follow the rule.
+TEST(ConnectionFake, QueuesAreCappedAt1001)
+{
+    Connected c;
+    unsigned char ids[] = {0x21};
+    c.connection.enableEvents(true);
+    c.connection.setBypassFlowIds(ids, 1);
+    for (const int count : {1001, 1002}) {
+        QByteArray stream;
+        for (int i = 0; i < count; ++i) {
+            const char id = char(i & 0x7F);
+            stream += pxproto::event(quint32(count * 10 + i)) +
+                      pxproto::bypassFrame(pxproto::debugPacket(0x21, &id, 1));
+        }
+        c.server.send(stream);
+        c.sync();
+        std::vector<unsigned int> events;
+        unsigned int e = 0;
+        while (c.connection.popEvent(&e) == 0)
+            events.push_back(e);
+        std::vector<int> packets;
+        unsigned char flow = 0, buffer[16];
+        int length = 0;
+        while (c.connection.getBypassPacket(&flow, buffer, 16, &length) == 0)
+            packets.push_back(buffer[0]);
+        const size_t kept = count == 1001 ? 1001 : 1;
+        ASSERT_EQ(events.size(), kept) << count;
+        ASSERT_EQ(packets.size(), kept) << count;
+        EXPECT_EQ(events.back(), unsigned(count * 10 + count - 1)) << count;
+        EXPECT_EQ(packets.back(), (count - 1) & 0x7F) << count;
+    }
+}
+
 // A second open drops the old socket and connects anew: queued events stay, nothing of the
 // old set-up is sent again, and the delayed callback must be set again. Once set, it is
 // called once per burst, after the burst; it holds no lock and may take the packets itself.
