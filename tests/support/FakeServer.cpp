@@ -147,18 +147,16 @@ void FakeServer::readClient(int client)
     QTcpSocket* socket = socketFor(client);
     if (!socket)
         return;
-    PXParser* parser = parsers[size_t(client)].get();
-    parser->feedData(socket->readAll());
+    PXParser& parser = *parsers[size_t(client)];
+    parser.feedData(socket->readAll());
     QList<QByteArray> cut;
-    for (QByteArray frame; !(frame = parser->getPacket(false)).isEmpty();)
-        cut.append(frame);
     Responder current;
     {
         // The record gets copies of its own: an array shared with this thread's temporaries
         // would be freed by the test's thread through reference counts that Qt's own,
         // uninstrumented code drops, which ThreadSanitizer cannot pair up.
         std::lock_guard<std::mutex> lock(mutex);
-        for (const QByteArray& frame : cut) {
+        for (QByteArray frame; !(frame = parser.getPacket(false)).isEmpty(); cut.append(frame)) {
             allFrames.append(own(frame));
             framesByClient[size_t(client)].append(own(frame));
         }

@@ -47,8 +47,7 @@ void SimulatorProcess::launch(const QStringList& arguments)
         argv.push_back(s.data());
     argv.push_back(nullptr);
 
-    int out[2];
-    int err[2];
+    int out[2], err[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
         return;
     child = fork();
@@ -101,20 +100,16 @@ int SimulatorProcess::waitForExit(int timeoutMs)
 {
     if (child <= 0)
         return exitStatus;
-    const QDeadlineTimer deadline(timeoutMs);
-    for (;;) {
-        int status = 0;
-        const pid_t done = waitpid(child, &status, WNOHANG);
-        if (done == child) {
-            child = -1;
-            exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return exitStatus;
-        }
+    int status = 0;
+    for (const QDeadlineTimer deadline(timeoutMs); waitpid(child, &status, WNOHANG) != child;) {
         if (deadline.hasExpired())
             return -1;
         drainStderr(10);
         usleep(1000);
     }
+    child = -1;
+    exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return exitStatus;
 }
 
 SimulatorProcess::~SimulatorProcess()
