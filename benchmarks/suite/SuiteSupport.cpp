@@ -69,7 +69,7 @@ double processCpuSeconds()
 
 unsigned short slowSimulatorPort()
 {
-    static SimulatorProcess process({QStringLiteral("--latency"), QStringLiteral("1")});
+    static SimulatorProcess process({QStringLiteral("--latency"), QStringLiteral("1000")});
     if (!process.isListening())
         fail("the slow pellix simulator did not start");
     return process.port();

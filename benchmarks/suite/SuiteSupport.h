@@ -34,7 +34,7 @@ int eventBurst();
 
 // The simulator of the whole run ("pellix --port 0" beside this binary), started on first use.
 unsigned short simulatorPort();
-// A second simulator that answers every request 1 ms late (--latency 1), standing in for a
+// A second simulator that answers every request 1 ms late (--latency 1000), standing in for a
 // slow link behind the server; started on first use.
 unsigned short slowSimulatorPort();
 
