@@ -53,30 +53,6 @@ struct Connected
     PXConnection connection;
 };
 
-// A target memory: the byte at address a.
-QByteArray memoryBytes(quint32 address, int count)
-{
-    QByteArray out(count, Qt::Uninitialized);
-    for (int i = 0; i < count; ++i)
-        out[i] = char((address + quint32(i)) * 7 + 3);
-    return out;
-}
-
-// Reads answered from memoryBytes() with one frame, writes acknowledged.
-void memoryResponder(FakeServer& server, int client, const QByteArray& frame)
-{
-    const auto* p = reinterpret_cast<const unsigned char*>(frame.constData());
-    const int flow = pxproto::flowId(frame);
-    if (flow == pxproto::request::Read && p[4] >= pxproto::access::Write8)
-        return server.send(pxproto::writeAck(), client);
-    if (flow != pxproto::request::Read && flow != pxproto::request::BlockRead)
-        return;
-    const quint32 address = pxproto::getLe32(p + 5);
-    const int count = flow == pxproto::request::BlockRead ? int(pxproto::getLe32(p + 9))
-                                                          : 1 << (p[4] & 3); // 4: readi8
-    server.send(pxproto::readData(address, memoryBytes(address, count).constData(), count), client);
-}
-
 // Callback user data: how often, and on which thread, the callback ran. With `take` set (for
 // the delayed callback only: it holds no lock) it first takes every queued packet.
 struct Calls
@@ -129,9 +105,9 @@ TEST(ConnectionFake, RequestsWithoutSocketOrWithInvalidSizesSendNothing)
 
 // Each call as the requests it sends and its result; successful reads deliver exactly the
 // target's bytes, assembled in order from the pieces, and nothing past the end. Block reads
-// are answered from memoryBytes(), or with `reply` (and `tail` 50 ms later) when given. A
-// read-data reply that does not fit the running read ends the read with 13 at once instead
-// of at its 5000 ms time-out; one that fits may come in several frames, cut anywhere.
+// are answered from FakeServer::memoryBytes(), or with `reply` (and `tail` 50 ms later) when given.
+// A read-data reply that does not fit the running read ends the read with 13 at once instead of at
+// its 5000 ms time-out; one that fits may come in several frames, cut anywhere.
 TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
 {
     Connected c;
@@ -139,7 +115,7 @@ TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
     for (size_t i = 0; i < out.size(); ++i)
         out[i] = static_cast<unsigned char>(i * 13 + i / 256);
     enum Kind { Ri8, R16, R32, Block, WriteBlock };
-    const QByteArray m = memoryBytes(0x2000, 12);
+    const QByteArray m = FakeServer::memoryBytes(0x2000, 12);
     const auto r = [](unsigned char code, quint32 a) { return pxproto::singleRead(code, a); };
     const auto b = [](quint32 a, quint32 n) { return pxproto::blockRead(a, n); };
     const auto w = [&](quint32 a, int n, int from = 0) {
@@ -184,7 +160,7 @@ TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
         SCOPED_TRACE(testing::Message() << "kind " << t.kind << " at " << t.address << " "
                                         << t.reply.toHex().constData());
         c.server.setResponder(t.reply.isEmpty()
-                                  ? FakeServer::Responder(memoryResponder)
+                                  ? FakeServer::Responder(FakeServer::memoryResponder)
                                   : answer(pxproto::request::BlockRead, t.reply, t.tail));
         c.server.clearReceived();
         std::fill(in.begin(), in.end(), 0xEE);
@@ -203,7 +179,8 @@ TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
         EXPECT_LT(clock.elapsed(), 2000);
         EXPECT_EQ(c.server.frames(), t.requests);
         if (t.kind != WriteBlock && t.result == 0) {
-            EXPECT_EQ(QByteArray(reinterpret_cast<char*>(d), t.size), memoryBytes(a, t.size));
+            EXPECT_EQ(QByteArray(reinterpret_cast<char*>(d), t.size),
+                      FakeServer::memoryBytes(a, t.size));
             EXPECT_EQ(in[size_t(t.size)], 0xEE) << "wrote past the end";
         }
     }

@@ -53,27 +53,6 @@ struct ArrivalLog
     QList<qint64> stamps;
 };
 
-// A target memory for the responder: byte at address a.
-QByteArray memoryBytes(quint32 address, int count)
-{
-    QByteArray out(count, Qt::Uninitialized);
-    for (int i = 0; i < count; ++i)
-        out[i] = char((address + quint32(i)) * 7 + 3);
-    return out;
-}
-
-// Answers single and block reads from memoryBytes(), each with one frame.
-void answerReads(FakeServer& server, int client, const QByteArray& frame)
-{
-    const auto* p = reinterpret_cast<const unsigned char*>(frame.constData());
-    const bool block = flowId(frame) == request::BlockRead;
-    if (!block && flowId(frame) != request::Read)
-        return;
-    const quint32 address = pxproto::getLe32(p + 5);
-    const int size = block ? int(pxproto::getLe32(p + 9)) : 1 << (p[4] & 3); // 4: readi8
-    server.send(pxproto::readData(address, memoryBytes(address, size).constData(), size), client);
-}
-
 // A responder that answers every frame of flow `flow` with `reply`.
 FakeServer::Responder answer(unsigned char flow, const QByteArray& reply, int delayMs = 0)
 {
@@ -121,12 +100,12 @@ TEST(NSConnectionClosed, EveryPathReturns12)
 }
 
 // Each read as the requests it sends, its result and the bytes it delivers. Block reads are
-// answered from memoryBytes(), or with `reply` when given: frames that may not fit the read.
-// A misfit ends the read when it arrives, well before the 1000 ms time-out.
+// answered from FakeServer::memoryBytes(), or with `reply` when given: frames that may not fit the
+// read. A misfit ends the read when it arrives, well before the 1000 ms time-out.
 TEST_F(NSConnectionFake, ReadsAreCutByAlignmentAndEndAtOnceOnAMisfit)
 {
     enum Kind { R8, Ri8, R16, R32, Block };
-    const QByteArray m = memoryBytes(0x3000, 16);
+    const QByteArray m = FakeServer::memoryBytes(0x3000, 16);
     const auto r = [](unsigned char code, quint32 a) { return pxproto::singleRead(code, a); };
     const auto b = [](quint32 a, quint32 n) { return pxproto::blockRead(a, n); };
     const auto data = [&](quint32 a, int n) {
@@ -160,7 +139,7 @@ TEST_F(NSConnectionFake, ReadsAreCutByAlignmentAndEndAtOnceOnAMisfit)
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "kind " << c.kind << " at " << c.address << " "
                                         << c.reply.toHex().constData());
-        server.setResponder(c.reply.isEmpty() ? FakeServer::Responder(answerReads)
+        server.setResponder(c.reply.isEmpty() ? FakeServer::Responder(FakeServer::memoryResponder)
                                               : answer(request::BlockRead, c.reply));
         server.clearReceived();
         QByteArray buffer(c.size, '\0');
@@ -177,7 +156,7 @@ TEST_F(NSConnectionFake, ReadsAreCutByAlignmentAndEndAtOnceOnAMisfit)
         EXPECT_EQ(result, c.result);
         EXPECT_LT(timer.elapsed(), 900);
         if (c.result == 0) {
-            EXPECT_EQ(buffer, memoryBytes(c.address, c.size));
+            EXPECT_EQ(buffer, FakeServer::memoryBytes(c.address, c.size));
         }
         EXPECT_EQ(server.frames(), c.requests);
     }

@@ -1,6 +1,7 @@
 #include "FakeServer.h"
 
 #include "pellix/protocol/PXParser.h"
+#include "pellix/protocol/PXProtocol.h"
 
 #include <QAbstractSocket>
 #include <QCoreApplication>
@@ -249,4 +250,26 @@ void FakeServer::clearReceived()
     allFrames.clear();
     for (auto& list : framesByClient)
         list.clear();
+}
+
+QByteArray FakeServer::memoryBytes(quint32 address, int count)
+{
+    QByteArray out(count, Qt::Uninitialized);
+    for (int i = 0; i < count; ++i)
+        out[i] = char((address + quint32(i)) * 7 + 3);
+    return out;
+}
+
+void FakeServer::memoryResponder(FakeServer& server, int client, const QByteArray& frame)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(frame.constData());
+    const int flow = pxproto::flowId(frame);
+    if (flow == pxproto::request::Read && p[4] >= pxproto::access::Write8)
+        return server.send(pxproto::writeAck(), client);
+    if (flow != pxproto::request::Read && flow != pxproto::request::BlockRead)
+        return;
+    const quint32 address = pxproto::getLe32(p + 5);
+    const int count = flow == pxproto::request::BlockRead ? int(pxproto::getLe32(p + 9))
+                                                          : 1 << (p[4] & 3); // 4: readi8
+    server.send(pxproto::readData(address, memoryBytes(address, count).constData(), count), client);
 }

@@ -42,6 +42,13 @@ public:
     FakeServer(const FakeServer&) = delete;
     FakeServer& operator=(const FakeServer&) = delete;
 
+    // A target memory for responders: the byte at address a is a * 7 + 3 (mod 256), so a byte
+    // delivered to the wrong place shows.
+    static QByteArray memoryBytes(quint32 address, int count);
+    // A responder that answers single and block reads from memoryBytes(), one frame each, and
+    // acknowledges writes.
+    static void memoryResponder(FakeServer& server, int client, const QByteArray& frame);
+
     quint16 port() const { return listenPort; }
 
     void setResponder(Responder responder);
