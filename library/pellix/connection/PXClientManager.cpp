@@ -4,10 +4,15 @@
 #include "pellix/connection/PXConnection.h"
 #include "pellix/tsan_p.h"
 
+#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QMutexLocker>
 #include <QSemaphore>
 #include <QTcpSocket>
+
+#include <clocale>
+#include <cstring>
+#include <string>
 
 QString PXClientManager::MServerHost;
 quint16 PXClientManager::MServerPort = 0;
@@ -19,6 +24,10 @@ namespace {
 QBasicMutex serverAddressMutex;
 
 std::atomic<bool> applicationCreatedHere{false};
+
+// How long the destruction of the program's application object waits for the network thread
+// to take over, in ms: longer than a connect in progress on that thread.
+constexpr int TakeOverTimeout = 5000;
 
 // Deletes a detached socket on the network thread, which owns it. Posted by the library
 // itself rather than through QObject::deleteLater(), whose event QtCore allocates unseen by
@@ -39,25 +48,121 @@ public:
 // event list under a mutex inside QtCore that ThreadSanitizer cannot see; this one it sees.
 QBasicMutex postMutex;
 
-// Qt warns when an application object is created off the main thread; the library creates one
-// on its network thread on purpose, so that one message is kept from the caller's stderr.
+// The completion of a hand-off to the network thread, which the waiting side may give up on.
+// It is shared by the waiter and the posted event (whose destructor drops its share, also when
+// Qt discards the event undelivered), so it outlives whichever side leaves first. The handler
+// acts under `mutex` and only while the waiter has not given up: a waiter that has returned is
+// never touched again, and what the handler needs of the request lives here, not on the
+// waiter's stack.
+class Handoff : public QSemaphore
+{
+public:
+    QMutex mutex;
+    bool abandoned = false; // the waiter gave up; guarded by mutex
+    bool finished = false;  // the handler acted; guarded by mutex
+    QString host;           // the host of a connect (ConnectionOpenEvent refers to it)
+
+    static Handoff* of(QSemaphore* done) { return static_cast<Handoff*>(done); }
+
+    // Handler side, once it has acted (or decided not to).
+    void signal()
+    {
+        pxtsan::release(this);
+        release();
+    }
+
+    // Waiter side: waits up to `timeout` ms; true when the handler acted. Gives up otherwise,
+    // so that the handler will not act any more. Drops the waiter's share.
+    bool await(int timeout)
+    {
+        if (tryAcquire(1, timeout))
+            pxtsan::acquire(this);
+        bool acted;
+        {
+            QMutexLocker lock(&mutex);
+            abandoned = !finished;
+            acted = finished;
+        }
+        drop();
+        return acted;
+    }
+
+    void drop()
+    {
+        if (shares.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+
+private:
+    std::atomic<int> shares{2};
+};
+
+// Every locale category, so that what QCoreApplication's constructor changes can be undone.
+constexpr int LocaleCategories[] = {
+    LC_CTYPE, LC_NUMERIC, LC_TIME, LC_COLLATE, LC_MONETARY, LC_MESSAGES,
+#ifdef LC_PAPER
+    LC_PAPER, LC_NAME, LC_ADDRESS, LC_TELEPHONE, LC_MEASUREMENT, LC_IDENTIFICATION,
+#endif
+};
+
+// Qt writes warnings while an application object is created off the main thread (that it was,
+// and on some versions that the locale is not UTF-8). The library creates one there on
+// purpose: those of the creating thread are kept from the program's stderr, any other thread's
+// go where they went before.
 QtMessageHandler previousMessageHandler = nullptr;
+thread_local bool creatingApplication = false;
 
 void quietApplicationHandler(QtMsgType type, const QMessageLogContext& context,
                              const QString& message)
 {
-    if (type == QtWarningMsg &&
-        message == QLatin1String("WARNING: QApplication was not created in the main() thread."))
+    if (creatingApplication)
         return;
     if (previousMessageHandler)
         previousMessageHandler(type, context, message);
 }
 
+// Creates the application object that the network thread needs to deliver events, kept for
+// the life of the process, and leaves the process's locale as it was.
+void createApplication()
+{
+    std::string locales[std::size(LocaleCategories)];
+    for (size_t i = 0; i < std::size(LocaleCategories); ++i) {
+        const char* name = std::setlocale(LocaleCategories[i], nullptr);
+        locales[i] = name ? name : "";
+    }
+    static int argc = 1;
+    static char name[] = "pellix_library";
+    static char* argv[] = {name, nullptr};
+    creatingApplication = true;
+    previousMessageHandler = qInstallMessageHandler(quietApplicationHandler);
+    new QCoreApplication(argc, argv);
+    qInstallMessageHandler(previousMessageHandler);
+    creatingApplication = false;
+    for (size_t i = 0; i < std::size(LocaleCategories); ++i) {
+        const char* now = std::setlocale(LocaleCategories[i], nullptr);
+        if (!locales[i].empty() && (!now || locales[i] != now))
+            std::setlocale(LocaleCategories[i], locales[i].c_str());
+    }
+}
+
 } // namespace
 
-PXClientManager::ConnectionOpenEvent::~ConnectionOpenEvent() = default;
-PXClientManager::SendPacketEvent::~SendPacketEvent() = default;
-PXClientManager::CallEvent::~CallEvent() = default;
+// The library posts these with a Handoff as `done` (or none); the event holds one share.
+PXClientManager::ConnectionOpenEvent::~ConnectionOpenEvent()
+{
+    Handoff::of(done)->drop();
+}
+
+PXClientManager::SendPacketEvent::~SendPacketEvent()
+{
+    if (done)
+        Handoff::of(done)->drop();
+}
+
+PXClientManager::CallEvent::~CallEvent()
+{
+    Handoff::of(done)->drop();
+}
 
 void PXClientManager::post(QEvent* event)
 {
@@ -103,20 +208,54 @@ bool PXClientManager::ownsApplication()
 
 void PXClientManager::run()
 {
-    // Runs on the network thread before its event loop. A QThread's event loop delivers
-    // nothing without an application object, and plain C callers create none.
+    // Runs on the network thread before its event loop.
     if (!QCoreApplication::instance()) {
-        static int argc = 1;
-        static char name[] = "pellix_library";
-        static char* argv[] = {name, nullptr};
-        previousMessageHandler = qInstallMessageHandler(quietApplicationHandler);
-        new QCoreApplication(argc, argv); // kept for the life of the process
-        qInstallMessageHandler(previousMessageHandler);
+        createApplication();
         applicationCreatedHere.store(true, std::memory_order_release);
     }
+    // The dispatcher calls these directly, without the application object that event delivery
+    // needs: they see that object go and take over (checkApplication()).
+    QAbstractEventDispatcher* dispatcher = eventDispatcher();
+    connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, this,
+            &PXClientManager::checkApplication, Qt::DirectConnection);
+    connect(dispatcher, &QAbstractEventDispatcher::awake, this,
+            &PXClientManager::checkApplication, Qt::DirectConnection);
+    checkApplication();
     pxtsan::release(&running);
     running.release();
     exec();
+}
+
+void PXClientManager::checkApplication()
+{
+    QCoreApplication* application = QCoreApplication::instance();
+    if (application == watchedApplication)
+        return;
+    if (!application) {
+        // The program's application object is gone: without one, every event of this thread
+        // (posted requests, socket notifications, timers) would be discarded undelivered.
+        createApplication();
+        watchedApplication = QCoreApplication::instance();
+        pxtsan::release(&tookOver);
+        tookOver.release();
+        return;
+    }
+    watchedApplication = application;
+    if (application->thread() != this) {
+        connect(application, &QObject::destroyed, this,
+                &PXClientManager::onHostApplicationGone, Qt::DirectConnection);
+    }
+}
+
+void PXClientManager::onHostApplicationGone()
+{
+    // The object is half destroyed (QCoreApplication::instance() is null already): wake the
+    // network thread, whose dispatcher then finds no application object, and wait for it to
+    // have its own, so that what the program does next is delivered.
+    if (QAbstractEventDispatcher* dispatcher = QAbstractEventDispatcher::instance(this))
+        dispatcher->wakeUp();
+    if (tookOver.tryAcquire(1, TakeOverTimeout))
+        pxtsan::acquire(&tookOver);
 }
 
 void PXClientManager::resolveServerAddress(const QString& host, quint16 port, QString* outHost,
@@ -141,11 +280,11 @@ void PXClientManager::resolveServerAddress(const QString& host, quint16 port, QS
 
 bool PXClientManager::connectionOpen(const QString& host, quint16 port, PXConnection* connection)
 {
-    QSemaphore done(0);
-    auto* event = new ConnectionOpenEvent(host, port, connection, &done);
-    post(event);
-    done.acquire();
-    pxtsan::acquire(&done);
+    auto* handoff = new Handoff;
+    handoff->host = host;
+    post(new ConnectionOpenEvent(handoff->host, port, connection, handoff));
+    if (!handoff->await(HandoffTimeout))
+        return false;
     return connection->socket.load(std::memory_order_acquire) != nullptr;
 }
 
@@ -166,31 +305,26 @@ void PXClientManager::connectionClose(PXConnection* connection)
     post(new SocketDisposalEvent(socket));
 }
 
-void PXClientManager::sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait)
+bool PXClientManager::sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait)
 {
     if (!wait) {
-        auto* event = new SendPacketEvent(socket, data, nullptr);
-        post(event);
-        return;
+        post(new SendPacketEvent(socket, data, nullptr));
+        return true;
     }
-    QSemaphore done(0);
-    auto* event = new SendPacketEvent(socket, data, &done);
-    post(event);
-    done.acquire();
-    pxtsan::acquire(&done);
+    auto* handoff = new Handoff;
+    post(new SendPacketEvent(socket, data, handoff));
+    return handoff->await(HandoffTimeout);
 }
 
-void PXClientManager::runOnThread(const std::function<void()>& job)
+bool PXClientManager::runOnThread(std::function<void()> job)
 {
     if (QThread::currentThread() == this) {
         job();
-        return;
+        return true;
     }
-    QSemaphore done(0);
-    auto* event = new CallEvent(job, &done);
-    post(event);
-    done.acquire();
-    pxtsan::acquire(&done);
+    auto* handoff = new Handoff;
+    post(new CallEvent(std::move(job), handoff));
+    return handoff->await(HandoffTimeout);
 }
 
 void PXClientManager::customEvent(QEvent* event)
@@ -210,8 +344,12 @@ void PXClientManager::customEvent(QEvent* event)
             const pxtsan::PostScope scope(&postMutex);
             call->job();
         }
-        pxtsan::release(call->done);
-        call->done->release();
+        Handoff* handoff = Handoff::of(call->done);
+        {
+            QMutexLocker lock(&handoff->mutex);
+            handoff->finished = true;
+        }
+        handoff->signal();
         break;
     }
     case SocketDisposalEvent::Type: {
@@ -227,6 +365,15 @@ void PXClientManager::customEvent(QEvent* event)
 
 void PXClientManager::onConnectionOpen(ConnectionOpenEvent* event)
 {
+    Handoff* handoff = Handoff::of(event->done);
+    {
+        QMutexLocker lock(&handoff->mutex);
+        if (handoff->abandoned) {
+            lock.unlock();
+            handoff->signal();
+            return;
+        }
+    }
     QTcpSocket* socket;
     {
         // Taken before mapMutex, never inside it (lock order in ThreadSanitizer builds).
@@ -235,29 +382,38 @@ void PXClientManager::onConnectionOpen(ConnectionOpenEvent* event)
         socket->connectToHost(event->host, event->port, QIODevice::ReadWrite);
         if (!socket->waitForConnected(3000)) {
             delete socket;
-            pxtsan::release(event->done);
-            event->done->release();
-            return;
+            socket = nullptr;
+        } else {
+            // Replies are a few bytes: without this, Nagle and delayed acknowledgements stall
+            // request/reply exchanges by tens of milliseconds.
+            socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         }
-        // Replies are a few bytes: without this, Nagle and delayed acknowledgements stall
-        // request/reply exchanges by tens of milliseconds.
-        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     }
-    PXDelayCallback* retired;
+    PXDelayCallback* retired = nullptr;
+    bool installed = false;
     {
-        QMutexLocker lock(&mapMutex);
-        PXConnection* connection = event->connection;
-        retired = connection->bypassDelayCallback;
-        connection->bypassDelayCallback = new PXDelayCallback(nullptr);
-        connection->socket.store(socket, std::memory_order_release);
-        socketMap.insert(socket, connection);
-        connect(socket, &QTcpSocket::readyRead, this, &PXClientManager::onReadyRead);
+        QMutexLocker lock(&handoff->mutex);
+        // A caller that gave up waiting may have destroyed the connection: leave it alone.
+        installed = socket && !handoff->abandoned;
+        if (installed) {
+            QMutexLocker map(&mapMutex);
+            PXConnection* connection = event->connection;
+            retired = connection->bypassDelayCallback;
+            connection->bypassDelayCallback = new PXDelayCallback(nullptr);
+            connection->socket.store(socket, std::memory_order_release);
+            socketMap.insert(socket, connection);
+            connect(socket, &QTcpSocket::readyRead, this, &PXClientManager::onReadyRead);
+        }
+        handoff->finished = true;
+    }
+    if (socket && !installed) {
+        const pxtsan::PostScope scope(&postMutex);
+        delete socket;
     }
     // The holder of the previous socket is retired here, on the thread that owns it; no
     // dispatch or timer of it can be running while this handler runs.
     delete retired;
-    pxtsan::release(event->done);
-    event->done->release();
+    handoff->signal();
 }
 
 void PXClientManager::onSendPacket(SendPacketEvent* event)
@@ -269,8 +425,12 @@ void PXClientManager::onSendPacket(SendPacketEvent* event)
         event->socket->flush();
     }
     if (event->done) {
-        pxtsan::release(event->done);
-        event->done->release();
+        Handoff* handoff = Handoff::of(event->done);
+        {
+            QMutexLocker lock(&handoff->mutex);
+            handoff->finished = true;
+        }
+        handoff->signal();
     }
 }
 

@@ -26,11 +26,21 @@ class QTcpSocket;
 // Created on first use by Instance() and never destroyed; its thread runs an event loop until
 // the process ends.
 //
-// Programs without an application object: a QThread's event loop delivers nothing while no
-// QCoreApplication exists. When none exists as the network thread starts, the thread creates
-// one itself, before its event loop runs, and keeps it for the life of the process
-// (ownsApplication() then reports true). Such a program must not create its own
-// QCoreApplication afterwards.
+// The application object: a QThread's event loop delivers nothing while no QCoreApplication
+// exists. When the program has none as the network thread starts, the thread creates one
+// itself, before its event loop runs, and keeps it for the life of the process
+// (ownsApplication() then reports true). When the program's own application object is
+// destroyed while the library is in use, the network thread takes over with one of its own
+// before the destruction returns, so that handles keep working afterwards (and may be closed
+// later in main, in a static destructor or in an atexit handler). Either way the process's C
+// locale is left as it was (QCoreApplication's constructor applies the environment's) and
+// Qt's warnings about it stay off stderr. A program must not create an application object
+// while the library's own exists.
+//
+// Waiting: every call that waits for this thread (connectionOpen, sendSocketPacket with wait,
+// runOnThread) gives up after HandoffTimeout ms and then reports failure; the work it handed
+// over is then either not done at all (a connect) or done later without touching the caller's
+// memory (a write, a job).
 //
 // Locks, always in this order: a connection's requestMutex, then mapMutex, then a connection's
 // dataMutex. connectionOpen(), sendSocketPacket(..., true) and runOnThread() block until this
@@ -44,6 +54,9 @@ public:
         SendPacketType = QEvent::User + 2,     // 1002
         CallType = QEvent::User + 3            // 1003, internal: runOnThread()
     };
+
+    // How long a caller waits for this thread to handle what it handed over, in ms.
+    static constexpr int HandoffTimeout = 30000;
 
     // Connect `connection` to host:port; `done` is released when the attempt is over.
     class ConnectionOpenEvent : public QEvent
@@ -78,12 +91,12 @@ public:
     class CallEvent : public QEvent
     {
     public:
-        CallEvent(const std::function<void()>& j, QSemaphore* d)
-            : QEvent(QEvent::Type(CallType)), job(j), done(d)
+        CallEvent(std::function<void()> j, QSemaphore* d)
+            : QEvent(QEvent::Type(CallType)), job(std::move(j)), done(d)
         {}
         ~CallEvent() override;
 
-        const std::function<void()>& job; // belongs to the poster, which waits
+        std::function<void()> job;
         QSemaphore* done;
     };
 
@@ -91,8 +104,8 @@ public:
     static PXClientManager* Instance();
 
     // Connects `connection` to host:port on the network thread (3000 ms connect time-out) and
-    // blocks until the attempt is over. True when the connection holds a socket afterwards.
-    // Caller's thread, never the network thread.
+    // blocks until the attempt is over (at most HandoffTimeout ms). True when the connection
+    // holds a socket afterwards. Caller's thread, never the network thread.
     bool connectionOpen(const QString& host, quint16 port, PXConnection* connection);
 
     // Detaches the connection's socket (if any) and has it closed and deleted on the network
@@ -101,12 +114,15 @@ public:
     void connectionClose(PXConnection* connection);
 
     // Writes `data` to `socket` on the network thread, in posting order. With `wait` true,
-    // returns after the write (caller's thread only); with false, returns at once.
-    void sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait);
+    // returns after the write (caller's thread only), false when it was not written within
+    // HandoffTimeout ms; with false, returns true at once.
+    bool sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait);
 
-    // Runs `job` on the network thread and returns when it has run. Called on the network
-    // thread itself, runs it at once.
-    void runOnThread(const std::function<void()>& job);
+    // Runs `job` on the network thread and returns true when it has run; false when it has not
+    // run within HandoffTimeout ms. It runs all the same, later: it must hold what it needs by
+    // value, never refer to the caller's stack or to an object the caller may destroy. Called
+    // on the network thread itself, runs it at once.
+    bool runOnThread(std::function<void()> job);
 
     // Settles the server address of an open, as one step under a process-wide lock: if both
     // FORCED_PELLIX_HOST and FORCED_PELLIX_PORT are set and non-empty, they become MServerHost
@@ -116,8 +132,8 @@ public:
     static void resolveServerAddress(const QString& host, quint16 port, QString* outHost,
                                      quint16* outPort);
 
-    // True when the network thread created the process's QCoreApplication itself (the
-    // program had none when the thread started).
+    // True when the network thread created the process's QCoreApplication itself because the
+    // program had none when the thread started.
     static bool ownsApplication();
 
     // The address of the last open that set it, shared by every connection of the process.
@@ -131,6 +147,9 @@ protected:
 
 private slots:
     void onReadyRead();
+    // Network thread, called directly by its event dispatcher on every pass of the event
+    // loop, also while no application object exists to deliver events.
+    void checkApplication();
 
 private:
     PXClientManager();
@@ -138,6 +157,9 @@ private:
 
     // Posts an event to this manager (caller's thread).
     void post(QEvent* event);
+    // Host's thread, while the program's application object is being destroyed: wakes this
+    // thread and waits (bounded) until it has taken over.
+    void onHostApplicationGone();
     void onConnectionOpen(ConnectionOpenEvent* event);
     void onSendPacket(SendPacketEvent* event);
 
@@ -145,6 +167,10 @@ private:
     QMap<QTcpSocket*, PXConnection*> socketMap;
     // Released once by the thread as its event loop is about to start.
     QSemaphore running{0};
+    // Released by the network thread each time it has taken over the application object.
+    QSemaphore tookOver{0};
+    // Network thread only: the application object whose destruction is watched.
+    QObject* watchedApplication = nullptr;
 
     static std::atomic<PXClientManager*> MInst;
 };

@@ -55,13 +55,12 @@ PXConnection::~PXConnection()
     PXClientManager* manager = PXClientManager::Instance();
     manager->connectionClose(this);
     // Retire the delayed callback on the thread that owns its timer; once this returns, its
-    // function is not called any more.
-    manager->runOnThread([this] {
-        if (bypassDelayCallback) {
-            delete bypassDelayCallback;
-            bypassDelayCallback = nullptr;
-        }
-    });
+    // function is not called any more. (No open runs now: the pointer is the one the last
+    // open set, and it is read here only to be handed back to that thread.)
+    if (PXDelayCallback* holder = bypassDelayCallback) {
+        bypassDelayCallback = nullptr;
+        manager->runOnThread([holder] { delete holder; });
+    }
     {
         QMutexLocker lock(&MGlobalMutex);
         MGlobalMap.remove(id);
@@ -367,10 +366,12 @@ unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, 
 unsigned int PXConnection::enableEvents(bool enable)
 {
     QMutexLocker request(&requestMutex);
+    bool written = true;
     if (QTcpSocket* s = socket.load(std::memory_order_acquire))
-        PXClientManager::Instance()->sendSocketPacket(s, pxproto::enableEvents(enable), true);
+        written = PXClientManager::Instance()->sendSocketPacket(s, pxproto::enableEvents(enable),
+                                                                true);
     eventsEnabled.store(enable, std::memory_order_relaxed);
-    return 0;
+    return written ? 0 : 13;
 }
 
 unsigned int PXConnection::popEvent(unsigned int* event)
@@ -417,11 +418,12 @@ unsigned int PXConnection::setEventCallback(void (*callback)(void*), void* userD
 unsigned int PXConnection::setBypassFlowIds(unsigned char* ids, int count)
 {
     QMutexLocker request(&requestMutex);
+    bool written = true;
     if (QTcpSocket* s = socket.load(std::memory_order_acquire))
-        PXClientManager::Instance()->sendSocketPacket(s, pxproto::setBypassFlowIds(ids, count),
-                                                      true);
+        written = PXClientManager::Instance()->sendSocketPacket(
+            s, pxproto::setBypassFlowIds(ids, count), true);
     bypassEnabled.store(true, std::memory_order_relaxed);
-    return 0;
+    return written ? 0 : 13;
 }
 
 unsigned int PXConnection::getBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
@@ -517,13 +519,15 @@ unsigned int PXConnection::setBypassDelayCallback(void (*callback)(void*), void*
                                                   unsigned int delay)
 {
     QMutexLocker request(&requestMutex);
+    // Only open replaces the holder, and requestMutex keeps it out.
+    PXDelayCallback* holder = bypassDelayCallback;
+    if (!holder)
+        return 0;
     // The holder and its timer belong to the network thread: stop, replace and re-arm there,
     // as one step with respect to tigger() and the timer's expiry.
-    PXClientManager::Instance()->runOnThread([this, callback, userData, delay] {
-        if (bypassDelayCallback)
-            bypassDelayCallback->reset(callback, userData, delay);
-    });
-    return 0;
+    const bool applied = PXClientManager::Instance()->runOnThread(
+        [holder, callback, userData, delay] { holder->reset(callback, userData, delay); });
+    return applied ? 0 : 13;
 }
 
 // ---- server control ---------------------------------------------------------------------------
@@ -531,8 +535,9 @@ unsigned int PXConnection::setBypassDelayCallback(void (*callback)(void*), void*
 unsigned int PXConnection::sendCommand(const QByteArray& request)
 {
     QMutexLocker lock(&requestMutex);
-    if (QTcpSocket* s = socket.load(std::memory_order_acquire))
-        PXClientManager::Instance()->sendSocketPacket(s, request, true);
+    QTcpSocket* s = socket.load(std::memory_order_acquire);
+    if (s && !PXClientManager::Instance()->sendSocketPacket(s, request, true))
+        return 13;
     return 0;
 }
 

@@ -27,7 +27,9 @@ class QTcpSocket;
 //
 // Result codes: 0 success, 5 bypass packet cut or buffer too small, 6 bypass packet too large
 // to send, 8 no bypass packet, 13 no (fitting) reply in time or no socket, 19 no event,
-// 20 events not enabled.
+// 20 events not enabled. Operations that wait for the network thread to write (commands,
+// enabling, flow ids, bypass sends) or to apply a setting (the delayed callback) return 13
+// when it has not done so within PXClientManager::HandoffTimeout ms; nothing waits longer.
 //
 // Threads: every operation runs on the caller's thread; any number of threads may use one
 // connection. Requests serialise on requestMutex (one in flight); queue operations take only

@@ -1,0 +1,130 @@
+// What a host program does with its own process must not break the library, and the library
+// must not change the process behind the host's back:
+// - a host that destroys its QCoreApplication and then goes on using handles (closing them
+//   later in main, or at exit) gets answers, not a hang;
+// - a host without an application object keeps its C locale, every category of it.
+// Each case needs a process of its own (ctest runs every case in one).
+
+#include "SimulatorProcess.h"
+
+#include "pellix/api/PXLLibraryApi.h"
+#include "pellix/connection/PXClientManager.h"
+#include "pellix/connection/PXConnection.h"
+
+#include <QCoreApplication>
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// A scoped application object, as a host's main() has one.
+class HostApplication
+{
+public:
+    HostApplication() : app(argc, argv) {}
+
+private:
+    int argc = 1;
+    char name[5] = "host";
+    char* argv[2] = {name, nullptr};
+    QCoreApplication app;
+};
+
+int atExitHandle = -1;
+
+// Runs after main() has returned, as a host's static destructor or atexit handler would.
+void closeAtExit()
+{
+    const unsigned int result = PXST_Close(atExitHandle);
+    if (result != PXST_RESULT_OK) {
+        std::fprintf(stderr, "PXST_Close at exit returned %u\n", result);
+        _exit(3);
+    }
+}
+
+} // namespace
+
+TEST(HostProcess, ConnectionWorksAfterTheHostApplicationIsGone)
+{
+    SimulatorProcess simulator;
+    ASSERT_TRUE(simulator.isListening());
+    auto* connection = new PXConnection;
+    {
+        HostApplication app;
+        ASSERT_TRUE(connection->open("127.0.0.1", simulator.port()));
+        ASSERT_EQ(connection->write32(0x2000, 0x11223344), 0u);
+    }
+    EXPECT_NE(QCoreApplication::instance(), nullptr) << "the network thread took over";
+    EXPECT_EQ(connection->cleanPellix(), 0u);
+    EXPECT_EQ(connection->write32(0x2000, 0xCAFEF00D), 0u);
+    unsigned int value = 0;
+    EXPECT_EQ(connection->read32(0x2000, &value), 0u);
+    EXPECT_EQ(value, 0xCAFEF00Du);
+    EXPECT_EQ(connection->ping(), 0u);
+    // A second open goes through the network thread's connect.
+    EXPECT_TRUE(connection->open("127.0.0.1", simulator.port()));
+    EXPECT_EQ(connection->ping(), 0u);
+    delete connection;
+}
+
+TEST(HostProcess, CInterfaceWorksAfterTheHostApplicationIsGoneAndClosesAtExit)
+{
+    SimulatorProcess simulator;
+    ASSERT_TRUE(simulator.isListening());
+    int handle = -1;
+    {
+        HostApplication app;
+        ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &handle), PXST_RESULT_OK);
+        ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &atExitHandle), PXST_RESULT_OK);
+    }
+    EXPECT_EQ(PXST_PellixClean(handle), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_Write32(handle, 0x3000, 0x55AA55AA), PXST_RESULT_OK);
+    unsigned int value = 0;
+    EXPECT_EQ(PXST_Read32(handle, 0x3000, &value), PXST_RESULT_OK);
+    EXPECT_EQ(value, 0x55AA55AAu);
+    EXPECT_EQ(PXST_Ping(handle), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
+    // The other handle is closed after main() returns; the process's exit status says how
+    // that went (3 for a failed close; a hang ends by the test's time-out).
+    std::atexit(closeAtExit);
+}
+
+TEST(HostProcess, LibraryLeavesTheLocaleOfAHostWithoutApplicationAlone)
+{
+    ASSERT_EQ(QCoreApplication::instance(), nullptr);
+    // An environment that names a locale other than the one in force: an application object
+    // that applied the environment would move LC_CTYPE and the others to C.UTF-8.
+    for (const char* name : {"LC_ALL", "LC_CTYPE", "LC_NUMERIC", "LC_MESSAGES", "LANGUAGE"})
+        unsetenv(name);
+    setenv("LANG", "C.UTF-8", 1);
+    ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
+    ASSERT_NE(std::setlocale(LC_TIME, "C.UTF-8"), nullptr) << "a mixed locale, one category apart";
+    const std::vector<int> categories = {LC_CTYPE,  LC_NUMERIC, LC_TIME,      LC_COLLATE,
+                                         LC_MONETARY, LC_MESSAGES, LC_PAPER,  LC_NAME,
+                                         LC_ADDRESS, LC_TELEPHONE, LC_MEASUREMENT,
+                                         LC_IDENTIFICATION};
+    std::vector<std::string> before;
+    for (int category : categories)
+        before.emplace_back(std::setlocale(category, nullptr));
+
+    SimulatorProcess simulator;
+    ASSERT_TRUE(simulator.isListening());
+    int handle = -1;
+    ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &handle), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_Ping(handle), PXST_RESULT_OK);
+    EXPECT_TRUE(PXClientManager::ownsApplication());
+
+    for (size_t i = 0; i < categories.size(); ++i)
+        EXPECT_EQ(std::setlocale(categories[i], nullptr), before[i]) << "category " << categories[i];
+    char text[16];
+    std::snprintf(text, sizeof(text), "%.1f", 1.5);
+    EXPECT_STREQ(text, "1.5");
+    EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
+}
