@@ -2,6 +2,7 @@
 
 #include "SimulatorProcess.h"
 
+#include <cerrno>
 #include <QtGlobal>
 
 #include <algorithm>
@@ -75,7 +76,7 @@ unsigned short slowSimulatorPort()
     return process.port();
 }
 
-RawClient::RawClient(unsigned short port) : inbox(1 << 17)
+RawClient::RawClient(unsigned short port, Wait w) : wait(w), inbox(1 << 17)
 {
     fd = ::socket(AF_INET, SOCK_STREAM, 0);
     const int one = 1;
@@ -112,7 +113,10 @@ const QByteArray& RawClient::next()
         const QByteArray& frame = parser.getPacket(false);
         if (!frame.isEmpty())
             return frame;
-        const ssize_t n = ::recv(fd, inbox.data(), inbox.size(), 0);
+        const ssize_t n =
+            ::recv(fd, inbox.data(), inbox.size(), wait == Wait::Poll ? MSG_DONTWAIT : 0);
+        if (n < 0 && wait == Wait::Poll && (errno == EAGAIN || errno == EWOULDBLOCK))
+            continue;
         if (n <= 0)
             fail("raw client lost the server");
         parser.feedData(inbox.data(), int(n));

@@ -858,33 +858,31 @@ void scaleReadBlockConnections(benchmark::State& state)
 
 // On a shared machine the load changes from one second to the next, so a library figure and a
 // raw figure taken a few seconds apart can differ for reasons of neither. Here every iteration
-// times one raw call and one library call back to back (alternating which goes first), and the
-// ratio is taken between the medians of the two sample sets: both saw the same load.
-// Counters: raw_us and lib_us (medians per call) and ratio:
+// times one call of each raw client (sleeping and polling) and one library call back to back,
+// in a rotating order, and the ratio is taken between the medians of the sample sets: all saw
+// the same load. The floor is the faster raw client of the run.
+// Counters: raw_sleep_us, raw_poll_us, raw_us (the faster of the two), lib_us and ratio:
 //   latency: ratio = lib_us / raw_us (lower is better)
 //   blocks:  ratio = raw_us / lib_us, the library's throughput as a share of raw (higher is
 //            better)
-template <typename Raw, typename Lib>
-void paired(benchmark::State& state, bool throughput, Raw raw, Lib lib)
+template <typename RawCall, typename Lib>
+void paired(benchmark::State& state, bool throughput, RawCall raw, Lib lib)
 {
-    std::vector<double> rawSamples;
-    std::vector<double> libSamples;
-    bool rawFirst = true;
-    const auto timed = [](auto&& call) {
-        const auto start = std::chrono::steady_clock::now();
-        call();
-        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
-            .count();
-    };
+    RawClient sleeping(RawClient::Wait::Sleep);
+    RawClient polling(RawClient::Wait::Poll);
+    std::vector<double> samples[3];
+    const std::function<void()> calls[3] = {[&] { raw(sleeping); }, [&] { raw(polling); }, lib};
+    int first = 0;
     for (auto _ : state) {
-        if (rawFirst) {
-            rawSamples.push_back(timed(raw));
-            libSamples.push_back(timed(lib));
-        } else {
-            libSamples.push_back(timed(lib));
-            rawSamples.push_back(timed(raw));
+        for (int k = 0; k < 3; ++k) {
+            const int which = (first + k) % 3;
+            const auto start = std::chrono::steady_clock::now();
+            calls[which]();
+            samples[which].push_back(
+                std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
+                    .count());
         }
-        rawFirst = !rawFirst;
+        first = (first + 1) % 3;
     }
     const auto median = [](std::vector<double>& v) {
         if (v.empty())
@@ -892,8 +890,12 @@ void paired(benchmark::State& state, bool throughput, Raw raw, Lib lib)
         std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
         return v[v.size() / 2];
     };
-    const double rawUs = median(rawSamples);
-    const double libUs = median(libSamples);
+    const double sleepUs = median(samples[0]);
+    const double pollUs = median(samples[1]);
+    const double rawUs = std::min(sleepUs, pollUs);
+    const double libUs = median(samples[2]);
+    state.counters["raw_sleep_us"] = sleepUs;
+    state.counters["raw_poll_us"] = pollUs;
     state.counters["raw_us"] = rawUs;
     state.counters["lib_us"] = libUs;
     if (rawUs > 0 && libUs > 0)
@@ -902,12 +904,11 @@ void paired(benchmark::State& state, bool throughput, Raw raw, Lib lib)
 
 void pairedRead32(benchmark::State& state, bool api)
 {
-    RawClient rawClient;
     PXConnection& c = connection();
     const int h = apiHandle();
     unsigned int value = 0;
     paired(
-        state, false, [&] { rawClient.read(LatencyAddress, &value, 4); },
+        state, false, [&](RawClient& raw) { raw.read(LatencyAddress, &value, 4); },
         [&] {
             check(state,
                   api ? PXST_Read32(h, LatencyAddress, &value) : c.read32(LatencyAddress, &value),
@@ -917,12 +918,11 @@ void pairedRead32(benchmark::State& state, bool api)
 
 void pairedWrite32(benchmark::State& state, bool api)
 {
-    RawClient rawClient;
     PXConnection& c = connection();
     const int h = apiHandle();
     const unsigned int value = 0x12345678;
     paired(
-        state, false, [&] { rawClient.write(LatencyAddress, &value, 4); },
+        state, false, [&](RawClient& raw) { raw.write(LatencyAddress, &value, 4); },
         [&] {
             check(state,
                   api ? PXST_Write32(h, LatencyAddress, value) : c.write32(LatencyAddress, value),
@@ -932,14 +932,13 @@ void pairedWrite32(benchmark::State& state, bool api)
 
 void pairedReadBlock(benchmark::State& state, bool api)
 {
-    RawClient rawClient;
     PXConnection& c = connection();
     const int h = apiHandle();
     const int size = blockSize();
     std::vector<unsigned int> rawBuffer(size_t(size) / 4);
     std::vector<unsigned int> libBuffer(size_t(size) / 4);
     paired(
-        state, true, [&] { rawClient.readBlock(DataAddress, rawBuffer.data(), size); },
+        state, true, [&](RawClient& raw) { raw.readBlock(DataAddress, rawBuffer.data(), size); },
         [&] {
             check(state,
                   api ? PXST_ReadBlock(h, DataAddress, libBuffer.data(), unsigned(size))
@@ -947,25 +946,24 @@ void pairedReadBlock(benchmark::State& state, bool api)
                                     size),
                   "readBlock");
         });
-    state.SetBytesProcessed(int64_t(state.iterations()) * size * 2);
+    state.SetBytesProcessed(int64_t(state.iterations()) * size * 3);
 }
 
 void pairedWriteBlock(benchmark::State& state, bool api)
 {
-    RawClient rawClient;
     PXConnection& c = connection();
     const int h = apiHandle();
     const int size = blockSize();
     std::vector<unsigned int> buffer(size_t(size) / 4, 0x5A5A5A5Au);
     paired(
-        state, true, [&] { rawClient.writeBlock(DataAddress, buffer.data(), size); },
+        state, true, [&](RawClient& raw) { raw.writeBlock(DataAddress, buffer.data(), size); },
         [&] {
             check(state,
                   api ? PXST_WriteBlock(h, DataAddress, buffer.data(), unsigned(size))
                       : c.writeBlock(DataAddress, buffer.data(), size),
                   "writeBlock");
         });
-    state.SetBytesProcessed(int64_t(state.iterations()) * size * 2);
+    state.SetBytesProcessed(int64_t(state.iterations()) * size * 3);
 }
 
 // ---- registration -------------------------------------------------------------------------------

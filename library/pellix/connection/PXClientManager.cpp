@@ -6,13 +6,25 @@
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QMutexLocker>
 #include <QSemaphore>
-#include <QTcpSocket>
+#include <QSocketNotifier>
 
+#include <cerrno>
 #include <clocale>
+#include <cstdio>
 #include <cstring>
 #include <string>
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 QString PXClientManager::MServerHost;
 quint16 PXClientManager::MServerPort = 0;
@@ -29,20 +41,50 @@ std::atomic<bool> applicationCreatedHere{false};
 // to take over, in ms: longer than a connect in progress on that thread.
 constexpr int TakeOverTimeout = 5000;
 
-// Deletes a detached socket on the network thread, which owns it. Posted by the library
-// itself rather than through QObject::deleteLater(), whose event QtCore allocates unseen by
-// ThreadSanitizer: this one carries the hand-off hints that every posted event of the
-// manager carries.
-class SocketDisposalEvent : public QEvent
+// Connects a non-blocking TCP socket to host:port within `timeout` ms; -1 when no address of
+// the host answers in time.
+int connectSocket(const QString& host, quint16 port, int timeout)
 {
-public:
-    static constexpr int Type = QEvent::User + 4; // 1004
-
-    explicit SocketDisposalEvent(QTcpSocket* s) : QEvent(QEvent::Type(Type)), socket(s) {}
-    ~SocketDisposalEvent() override = default;
-
-    QTcpSocket* socket;
-};
+    const QDeadlineTimer deadline(timeout);
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    char service[8];
+    std::snprintf(service, sizeof service, "%u", unsigned(port));
+    addrinfo* addresses = nullptr;
+    if (::getaddrinfo(host.toUtf8().constData(), service, &hints, &addresses) != 0)
+        return -1;
+    int connected = -1;
+    for (addrinfo* a = addresses; a && connected < 0 && !deadline.hasExpired(); a = a->ai_next) {
+        const int fd = ::socket(a->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (fd < 0)
+            continue;
+        int error = ::connect(fd, a->ai_addr, a->ai_addrlen) == 0 ? 0 : errno;
+        if (error == EINPROGRESS) {
+            pollfd p{fd, POLLOUT, 0};
+            int ready;
+            do
+                ready = ::poll(&p, 1, int(deadline.remainingTime()));
+            while (ready < 0 && errno == EINTR);
+            socklen_t length = sizeof error;
+            if (ready != 1 || ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+                error = ETIMEDOUT;
+        }
+        if (error == 0)
+            connected = fd;
+        else
+            ::close(fd);
+    }
+    ::freeaddrinfo(addresses);
+    if (connected >= 0) {
+        // Replies are a few bytes: without this, Nagle and delayed acknowledgements stall
+        // request/reply exchanges by tens of milliseconds.
+        const int one = 1;
+        ::setsockopt(connected, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    }
+    return connected;
+}
 
 // Serialises the library's posts. QCoreApplication::postEvent appends to the target thread's
 // event list under a mutex inside QtCore that ThreadSanitizer cannot see; this one it sees.
@@ -153,15 +195,10 @@ PXClientManager::ConnectionOpenEvent::~ConnectionOpenEvent()
     Handoff::of(done)->drop();
 }
 
-PXClientManager::SendPacketEvent::~SendPacketEvent()
+PXClientManager::CallEvent::~CallEvent()
 {
     if (done)
         Handoff::of(done)->drop();
-}
-
-PXClientManager::CallEvent::~CallEvent()
-{
-    Handoff::of(done)->drop();
 }
 
 void PXClientManager::post(QEvent* event)
@@ -196,6 +233,7 @@ PXClientManager* PXClientManager::Instance()
 
 PXClientManager::PXClientManager() : QThread(nullptr)
 {
+    epollFd = ::epoll_create1(EPOLL_CLOEXEC);
     moveToThread(this);
 }
 
@@ -216,6 +254,8 @@ void PXClientManager::run()
     // The dispatcher calls these directly, without the application object that event delivery
     // needs: they see that object go and take over (checkApplication()).
     QAbstractEventDispatcher* dispatcher = eventDispatcher();
+    auto* notifier = new QSocketNotifier(epollFd, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &PXClientManager::onSocketsReady);
     connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, this,
             &PXClientManager::checkApplication, Qt::DirectConnection);
     connect(dispatcher, &QAbstractEventDispatcher::awake, this,
@@ -285,35 +325,47 @@ bool PXClientManager::connectionOpen(const QString& host, quint16 port, PXConnec
     post(new ConnectionOpenEvent(handoff->host, port, connection, handoff));
     if (!handoff->await(HandoffTimeout))
         return false;
-    return connection->socket.load(std::memory_order_acquire) != nullptr;
+    return connection->socketFd.load(std::memory_order_acquire) >= 0;
 }
 
 void PXClientManager::connectionClose(PXConnection* connection)
 {
-    QTcpSocket* socket;
-    {
-        QMutexLocker lock(&mapMutex);
-        socket = connection->socket.load(std::memory_order_relaxed);
-        if (!socket)
-            return;
-        socketMap.remove(socket);
-        connection->socket.store(nullptr, std::memory_order_release);
-    }
-    // The socket belongs to this thread's event loop: close and delete it there, after the
-    // packets already posted for it. Posted after mapMutex is released: posting takes the
-    // post lock, which the network thread holds before mapMutex in ThreadSanitizer builds.
-    post(new SocketDisposalEvent(socket));
+    QMutexLocker lock(&mapMutex);
+    const int fd = connection->socketFd.load(std::memory_order_relaxed);
+    if (fd < 0)
+        return;
+    socketMap.remove(fd);
+    connection->socketFd.store(-1, std::memory_order_release);
+    ::epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr);
+    ::close(fd);
 }
 
-bool PXClientManager::sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait)
+void PXClientManager::disarmSocket(int fd)
 {
-    if (!wait) {
-        post(new SendPacketEvent(socket, data, nullptr));
-        return true;
-    }
-    auto* handoff = new Handoff;
-    post(new SendPacketEvent(socket, data, handoff));
-    return handoff->await(HandoffTimeout);
+    epoll_event event{};
+    event.data.fd = fd;
+    ::epoll_ctl(epollFd, EPOLL_CTL_MOD, fd, &event);
+}
+
+void PXClientManager::armSocket(int fd)
+{
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLONESHOT;
+    event.data.fd = fd;
+    ::epoll_ctl(epollFd, EPOLL_CTL_MOD, fd, &event);
+}
+
+void PXClientManager::postCallbacks(PXConnection* connection, int fd, bool wait)
+{
+    auto job = [this, connection, fd] {
+        QMutexLocker lock(&mapMutex);
+        if (socketMap.value(fd, nullptr) == connection)
+            connection->runDeferredCallbacks();
+    };
+    if (wait)
+        runOnThread(std::move(job));
+    else
+        post(new CallEvent(std::move(job), nullptr));
 }
 
 bool PXClientManager::runOnThread(std::function<void()> job)
@@ -335,26 +387,20 @@ void PXClientManager::customEvent(QEvent* event)
     case ConnectionOpenType:
         onConnectionOpen(static_cast<ConnectionOpenEvent*>(event));
         break;
-    case SendPacketType:
-        onSendPacket(static_cast<SendPacketEvent*>(event));
-        break;
     case CallType: {
         auto* call = static_cast<CallEvent*>(event);
         {
             const pxtsan::PostScope scope(&postMutex);
             call->job();
         }
-        Handoff* handoff = Handoff::of(call->done);
-        {
-            QMutexLocker lock(&handoff->mutex);
-            handoff->finished = true;
+        if (call->done) {
+            Handoff* handoff = Handoff::of(call->done);
+            {
+                QMutexLocker lock(&handoff->mutex);
+                handoff->finished = true;
+            }
+            handoff->signal();
         }
-        handoff->signal();
-        break;
-    }
-    case SocketDisposalEvent::Type: {
-        const pxtsan::PostScope scope(&postMutex);
-        delete static_cast<SocketDisposalEvent*>(event)->socket;
         break;
     }
     default:
@@ -374,73 +420,50 @@ void PXClientManager::onConnectionOpen(ConnectionOpenEvent* event)
             return;
         }
     }
-    QTcpSocket* socket;
+    int fd;
     {
         // Taken before mapMutex, never inside it (lock order in ThreadSanitizer builds).
         const pxtsan::PostScope scope(&postMutex);
-        socket = new QTcpSocket(this);
-        socket->connectToHost(event->host, event->port, QIODevice::ReadWrite);
-        if (!socket->waitForConnected(3000)) {
-            delete socket;
-            socket = nullptr;
-        } else {
-            // Replies are a few bytes: without this, Nagle and delayed acknowledgements stall
-            // request/reply exchanges by tens of milliseconds.
-            socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        }
+        fd = connectSocket(event->host, event->port, 3000);
     }
     PXDelayCallback* retired = nullptr;
     bool installed = false;
     {
         QMutexLocker lock(&handoff->mutex);
         // A caller that gave up waiting may have destroyed the connection: leave it alone.
-        installed = socket && !handoff->abandoned;
+        installed = fd >= 0 && !handoff->abandoned;
         if (installed) {
             QMutexLocker map(&mapMutex);
             PXConnection* connection = event->connection;
             retired = connection->bypassDelayCallback;
             connection->bypassDelayCallback = new PXDelayCallback(nullptr);
-            connection->socket.store(socket, std::memory_order_release);
-            socketMap.insert(socket, connection);
-            connect(socket, &QTcpSocket::readyRead, this, &PXClientManager::onReadyRead);
+            connection->attachSocket(fd);
+            socketMap.insert(fd, connection);
+            epoll_event watch{};
+            watch.events = EPOLLIN | EPOLLONESHOT;
+            watch.data.fd = fd;
+            ::epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &watch);
         }
         handoff->finished = true;
     }
-    if (socket && !installed) {
-        const pxtsan::PostScope scope(&postMutex);
-        delete socket;
-    }
+    if (fd >= 0 && !installed)
+        ::close(fd);
     // The holder of the previous socket is retired here, on the thread that owns it; no
     // dispatch or timer of it can be running while this handler runs.
     delete retired;
     handoff->signal();
 }
 
-void PXClientManager::onSendPacket(SendPacketEvent* event)
+void PXClientManager::onSocketsReady()
 {
-    if (event->socket) {
-        const pxtsan::PostScope scope(&postMutex);
-        event->socket->write(event->data);
-        // Hand the bytes to the kernel now rather than on the next pass of the event loop.
-        event->socket->flush();
+    epoll_event ready[64];
+    int count;
+    do
+        count = ::epoll_wait(epollFd, ready, 64, 0);
+    while (count < 0 && errno == EINTR);
+    for (int i = 0; i < count; ++i) {
+        QMutexLocker lock(&mapMutex);
+        if (PXConnection* connection = socketMap.value(ready[i].data.fd, nullptr))
+            connection->readSocketData();
     }
-    if (event->done) {
-        Handoff* handoff = Handoff::of(event->done);
-        {
-            QMutexLocker lock(&handoff->mutex);
-            handoff->finished = true;
-        }
-        handoff->signal();
-    }
-}
-
-void PXClientManager::onReadyRead()
-{
-    auto* socket = qobject_cast<QTcpSocket*>(sender());
-    if (!socket)
-        return;
-    QMutexLocker lock(&mapMutex);
-    PXConnection* connection = socketMap.value(socket, nullptr);
-    if (connection)
-        connection->readSocketData();
 }

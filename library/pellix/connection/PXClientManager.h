@@ -15,13 +15,21 @@
 #include <functional>
 
 class PXConnection;
-class QTcpSocket;
 
-// The one network thread of the process. Every socket of every PXConnection is created,
-// connected, written, read and deleted on this thread, whatever thread the connection's user
-// calls from. Callers hand work over as custom events (QCoreApplication::postEvent) and, where
-// they need the outcome, block on a QSemaphore that this thread releases. Bytes arriving on a
-// socket are handed, on this thread, to the owning connection's readSocketData().
+// The one network thread of the process. It connects every socket of every PXConnection,
+// watches the idle ones and dispatches what arrives on them, runs the immediate callbacks and
+// the delayed callback's timer, and closes nothing behind a caller's back.
+//
+// Requests do not go through this thread: the caller that holds a connection's requestMutex
+// writes its request to the socket itself and reads the reply itself (both under the
+// connection's dataMutex, so no socket is used by two threads at once). Meanwhile the socket
+// is taken out of this thread's watch, so that a reply does not wake it; when the request is
+// over the socket is watched again, and whatever arrives while no request runs (events, bypass
+// packets) is read and dispatched here. Frames that a caller reads on the way to its reply are
+// queued by the caller, and the callbacks they call for are run here (postCallbacks()).
+//
+// Sockets are watched through one epoll set (one-shot entries, armed and disarmed from any
+// thread), which a QSocketNotifier of this thread watches in turn.
 //
 // Created on first use by Instance() and never destroyed; its thread runs an event loop until
 // the process ends.
@@ -37,21 +45,19 @@ class QTcpSocket;
 // Qt's warnings about it stay off stderr. A program must not create an application object
 // while the library's own exists.
 //
-// Waiting: every call that waits for this thread (connectionOpen, sendSocketPacket with wait,
-// runOnThread) gives up after HandoffTimeout ms and then reports failure; the work it handed
-// over is then either not done at all (a connect) or done later without touching the caller's
-// memory (a write, a job).
+// Waiting: every call that waits for this thread (connectionOpen, runOnThread) gives up after
+// HandoffTimeout ms and then reports failure; the work it handed over is then either not done
+// at all (a connect) or done later without touching the caller's memory (a job).
 //
 // Locks, always in this order: a connection's requestMutex, then mapMutex, then a connection's
-// dataMutex. connectionOpen(), sendSocketPacket(..., true) and runOnThread() block until this
-// thread has handled the request; they must never be called on this thread except where said.
+// dataMutex. connectionOpen() and runOnThread() block until this thread has handled the
+// request; they must never be called on this thread except where said.
 class PELLIX_EXPORT PXClientManager : public QThread
 {
     Q_OBJECT
 public:
     enum EventType {
         ConnectionOpenType = QEvent::User + 1, // 1001
-        SendPacketType = QEvent::User + 2,     // 1002
         CallType = QEvent::User + 3            // 1003, internal: runOnThread()
     };
 
@@ -73,21 +79,7 @@ public:
         QSemaphore* done;
     };
 
-    // Write `data` to `socket`; `done` (may be null) is released after the write.
-    class SendPacketEvent : public QEvent
-    {
-    public:
-        SendPacketEvent(QTcpSocket* s, const QByteArray& d, QSemaphore* sem)
-            : QEvent(QEvent::Type(SendPacketType)), socket(s), data(d), done(sem)
-        {}
-        ~SendPacketEvent() override;
-
-        QTcpSocket* socket;
-        QByteArray data;
-        QSemaphore* done;
-    };
-
-    // Runs `job` on the network thread; `done` is released afterwards.
+    // Runs `job` on the network thread; `done` (null when nobody waits) is released afterwards.
     class CallEvent : public QEvent
     {
     public:
@@ -108,15 +100,21 @@ public:
     // holds a socket afterwards. Caller's thread, never the network thread.
     bool connectionOpen(const QString& host, quint16 port, PXConnection* connection);
 
-    // Detaches the connection's socket (if any) and has it closed and deleted on the network
-    // thread. Waits until a dispatch running on that connection has finished; afterwards no
-    // dispatch reaches it. Any thread.
+    // Detaches and closes the connection's socket (if any). Waits until a dispatch running on
+    // that connection has finished; afterwards no dispatch reaches it. Any thread, while no
+    // request of the connection runs.
     void connectionClose(PXConnection* connection);
 
-    // Writes `data` to `socket` on the network thread, in posting order. With `wait` true,
-    // returns after the write (caller's thread only), false when it was not written within
-    // HandoffTimeout ms; with false, returns true at once.
-    bool sendSocketPacket(QTcpSocket* socket, const QByteArray& data, bool wait);
+    // Takes the socket out of the watch (a request is about to read it) or puts it back; any
+    // thread. Watching is one-shot: once something has arrived the socket stays unwatched
+    // until it is armed again.
+    void disarmSocket(int fd);
+    void armSocket(int fd);
+
+    // Has the callbacks that a caller's reading left to run (PXConnection::runDeferredCallbacks)
+    // run on this thread, if the connection still holds socket `fd` by then; with `wait`,
+    // returns when they have run (bounded as runOnThread). Caller's thread.
+    void postCallbacks(PXConnection* connection, int fd, bool wait);
 
     // Runs `job` on the network thread and returns true when it has run; false when it has not
     // run within HandoffTimeout ms. It runs all the same, later: it must hold what it needs by
@@ -146,7 +144,8 @@ protected:
     void run() override;
 
 private slots:
-    void onReadyRead();
+    // The epoll set has ready sockets: read and dispatch each one's arrivals.
+    void onSocketsReady();
     // Network thread, called directly by its event dispatcher on every pass of the event
     // loop, also while no application object exists to deliver events.
     void checkApplication();
@@ -161,10 +160,12 @@ private:
     // thread and waits (bounded) until it has taken over.
     void onHostApplicationGone();
     void onConnectionOpen(ConnectionOpenEvent* event);
-    void onSendPacket(SendPacketEvent* event);
 
     QMutex mapMutex;
-    QMap<QTcpSocket*, PXConnection*> socketMap;
+    // Every connected socket (its descriptor) and the connection that owns it.
+    QMap<int, PXConnection*> socketMap;
+    // The epoll set of every connected socket.
+    int epollFd = -1;
     // Released once by the thread as its event loop is about to start.
     QSemaphore running{0};
     // Released by the network thread each time it has taken over the application object.

@@ -9,9 +9,13 @@
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QMutexLocker>
-#include <QTcpSocket>
 
+#include <cerrno>
 #include <cstring>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 int PXConnection::MGlobalId = 1;
 QMap<int, PXConnection*> PXConnection::MGlobalMap;
@@ -31,11 +35,25 @@ bool waitOn(QWaitCondition& condition, QMutex& mutex, unsigned long timeout)
 }
 
 // Looking for a reply before sleeping (PXReplyLook) pays only where another processor can run
-// the network thread and the server meanwhile; with one, the look would only delay them.
+// the server meanwhile; on a machine with one, the look would only delay it. (The machine's
+// processors count, not the ones this process may use: a client confined to one processor
+// still has a server running beside it.)
 bool mayLook()
 {
-    static const bool several = QThread::idealThreadCount() > 1;
+    static const bool several = ::sysconf(_SC_NPROCESSORS_ONLN) > 1;
     return several;
+}
+
+// What one read of the socket takes at most: a 32 KiB block reply with its frame headers.
+constexpr int InboxSize = 64 * 1024;
+
+// Waits until `fd` is ready for `events` or `timeout` ms pass.
+void pollSocket(int fd, short events, qint64 timeout)
+{
+    pollfd p{fd, events, 0};
+    const int ms = timeout > 0x7fffffff ? 0x7fffffff : int(timeout);
+    if (::poll(&p, 1, ms) < 0 && errno != EINTR)
+        QThread::msleep(1);
 }
 
 } // namespace
@@ -76,7 +94,7 @@ PXConnection* PXConnection::GetById(int id)
 
 bool PXConnection::isConnected() const
 {
-    return socket.load(std::memory_order_acquire) != nullptr;
+    return socketFd.load(std::memory_order_acquire) >= 0;
 }
 
 bool PXConnection::open(const QString& host, unsigned short port)
@@ -98,25 +116,159 @@ bool PXConnection::open(const QString& host, unsigned short port)
     return manager->connectionOpen(serverHost, serverPort, this);
 }
 
-// ---- dispatch (network thread, mapMutex held) ---------------------------------------------------
+// ---- the socket ---------------------------------------------------------------------------------
+
+void PXConnection::attachSocket(int fd)
+{
+    QMutexLocker lock(&dataMutex);
+    socketFd.store(fd, std::memory_order_release);
+    callerReading = false;
+    armed = true;
+    peerClosed = false;
+    outbox.clear();
+}
 
 void PXConnection::readSocketData()
 {
     QMutexLocker lock(&dataMutex);
-    QTcpSocket* s = socket.load(std::memory_order_relaxed);
-    if (!s)
+    // The watch fired once and is off now; it is armed again unless a request has the socket.
+    armed = false;
+    const int fd = socketFd.load(std::memory_order_relaxed);
+    if (fd < 0)
         return;
-    const qint64 available = s->bytesAvailable();
-    if (available < 1)
-        return;
-    // The parser keeps the array itself when it holds no partial frame (the usual case), and
-    // frames are dispatched from its buffer in place: read data is copied once more, into the
-    // caller's buffer.
-    parser->feedData(s->read(available));
-    int size = 0;
-    while (const unsigned char* frame = parser->nextPacket(&size))
-        dispatchFrame(frame, size);
+    readAvailable(true);
+    if (!callerReading && !peerClosed) {
+        PXClientManager::Instance()->armSocket(fd);
+        armed = true;
+    }
 }
+
+void PXConnection::readAvailable(bool onNetworkThread)
+{
+    const int fd = socketFd.load(std::memory_order_relaxed);
+    if (fd < 0 || peerClosed)
+        return;
+    for (;;) {
+        // The parser keeps the array itself when it holds no partial frame (the usual case),
+        // and frames are dispatched from its buffer in place: read data is copied once more,
+        // into the caller's buffer. The array is reused when the parser has let it go.
+        if (!inbox.isDetached() || inbox.capacity() < InboxSize)
+            inbox = QByteArray(InboxSize, Qt::Uninitialized);
+        inbox.resize(InboxSize);
+        const ssize_t n = ::recv(fd, inbox.data(), size_t(InboxSize), MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            // 0: the server closed its end; an error other than "nothing there": it is gone.
+            // The socket stays the connection's; requests end by their time-out.
+            if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+                peerClosed = true;
+            return;
+        }
+        inbox.resize(int(n));
+        parser->feedData(inbox);
+        int size = 0;
+        while (const unsigned char* frame = parser->nextPacket(&size))
+            dispatchFrame(frame, size, onNetworkThread);
+        if (n < InboxSize)
+            return;
+    }
+}
+
+bool PXConnection::sendFrame(const QByteArray& frame, unsigned long timeout)
+{
+    const QDeadlineTimer deadline{qint64(timeout)};
+    const char* bytes = frame.constData();
+    qsizetype left = frame.size();
+    if (!outbox.isEmpty()) {
+        // A frame that an earlier write left unfinished goes first, whole.
+        outbox.append(frame);
+        bytes = outbox.constData();
+        left = outbox.size();
+    }
+    qsizetype sent = 0;
+    bool inOutbox = !outbox.isEmpty();
+    for (;;) {
+        const int fd = socketFd.load(std::memory_order_relaxed);
+        if (fd < 0 || peerClosed) {
+            // A socket whose server has gone takes every write and delivers nothing, as a
+            // write into a closed connection does: the request ends by its time-out.
+            outbox.clear();
+            return true;
+        }
+        const ssize_t n = ::send(fd, bytes + sent, size_t(left - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += n;
+            if (sent == left) {
+                outbox.clear();
+                return true;
+            }
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+            peerClosed = true;
+            continue;
+        }
+        if (deadline.hasExpired()) {
+            // Keep what is left, so that the stream stays in step: it goes out before the
+            // next frame.
+            if (inOutbox)
+                outbox.remove(0, sent);
+            else
+                outbox = frame.mid(sent);
+            return false;
+        }
+        // The server takes no more for now; it may be waiting for us to read.
+        dataMutex.unlock();
+        pollSocket(fd, POLLOUT | POLLIN, deadline.remainingTime());
+        dataMutex.lock();
+        readAvailable(false);
+        if (!inOutbox && !outbox.isEmpty()) {
+            // (Cannot happen: only this thread writes while requestMutex is held.)
+            inOutbox = true;
+        }
+    }
+}
+
+void PXConnection::beginCall()
+{
+    callerReading = true;
+    const int fd = socketFd.load(std::memory_order_relaxed);
+    if (armed && fd >= 0) {
+        PXClientManager::Instance()->disarmSocket(fd);
+        armed = false;
+    }
+}
+
+void PXConnection::endCall()
+{
+    callerReading = false;
+    const int fd = socketFd.load(std::memory_order_relaxed);
+    if (!armed && !peerClosed && fd >= 0) {
+        PXClientManager::Instance()->armSocket(fd);
+        armed = true;
+    }
+}
+
+void PXConnection::runDeferredCallbacks()
+{
+    QMutexLocker lock(&dataMutex);
+    const int eventCount = deferredEvents;
+    const int bypassCount = deferredBypass;
+    deferredEvents = 0;
+    deferredBypass = 0;
+    callbacksPosted = false;
+    for (int i = 0; i < eventCount; ++i)
+        eventCallback.trigger();
+    for (int i = 0; i < bypassCount; ++i)
+        bypassCallback.trigger();
+    if (bypassCount > 0 && bypassDelayCallback)
+        bypassDelayCallback->tigger();
+}
+
+// ---- dispatch (under dataMutex: the network thread with mapMutex held, or a request's caller) ---
 
 void PXConnection::completeReply(quint32 flag)
 {
@@ -124,7 +276,7 @@ void PXConnection::completeReply(quint32 flag)
     replyCondition.wakeOne();
 }
 
-void PXConnection::dispatchFrame(const unsigned char* bytes, int size)
+void PXConnection::dispatchFrame(const unsigned char* bytes, int size, bool onNetworkThread)
 {
     if (size < pxproto::HeaderSize)
         return;
@@ -139,7 +291,10 @@ void PXConnection::dispatchFrame(const unsigned char* bytes, int size)
         if (events.size() > MaxQueued)
             events = QList<unsigned int>();
         events.append(pxproto::getLe32(bytes + 4));
-        eventCallback.trigger();
+        if (onNetworkThread)
+            eventCallback.trigger();
+        else if (eventCallback.callback)
+            deferCallbacks(&deferredEvents);
         eventCondition.wakeOne();
         return;
 
@@ -171,10 +326,16 @@ void PXConnection::dispatchFrame(const unsigned char* bytes, int size)
             bypassPackets = QList<QByteArray>();
         bypassPackets.append(QByteArray(reinterpret_cast<const char*>(bytes) + pxproto::HeaderSize,
                                         size - pxproto::HeaderSize));
-        bypassCallback.trigger();
+        if (onNetworkThread) {
+            bypassCallback.trigger();
+            if (bypassDelayCallback)
+                bypassDelayCallback->tigger();
+        } else {
+            // The delayed callback's holder belongs to the network thread: it is started there
+            // too, with the callbacks.
+            deferCallbacks(&deferredBypass);
+        }
         bypassCondition.wakeOne();
-        if (bypassDelayCallback)
-            bypassDelayCallback->tigger();
         return;
 
     case pxproto::reply::WriteAck:
@@ -209,29 +370,101 @@ void PXConnection::dispatchFrame(const unsigned char* bytes, int size)
 
 // ---- requests ---------------------------------------------------------------------------------
 
-// Waits for the reply that clears `flag`, requestMutex and dataMutex held on entry and on
-// return. True when the flag was cleared. With `look`, the caller may first look at the flag
-// with dataMutex released, for as long as replyLook says.
+bool PXConnection::takeCallbackPost()
+{
+    if ((deferredEvents == 0 && deferredBypass == 0) || callbacksPosted)
+        return false;
+    callbacksPosted = true;
+    return true;
+}
+
+// Waits for the reply that clears `flag`, reading the socket; requestMutex and dataMutex held
+// on entry and on return (dataMutex is let go while the caller yields or sleeps). True when the
+// flag was cleared within `timeout` ms. With `look`, the caller first looks for the reply
+// without sleeping, for as long as replyLook says.
 bool PXConnection::waitReply(quint32 flag, unsigned long timeout, bool look)
 {
     QElapsedTimer clock;
     clock.start();
     const qint64 lookFor = look && mayLook() ? replyLook.begin() : 0;
-    if (lookFor > 0) {
+    const qint64 timeoutNs = qint64(timeout) * 1000000;
+    for (;;) {
+        readAvailable(false);
+        if (!(pendingFlags.load(std::memory_order_relaxed) & flag))
+            break;
+        const qint64 elapsed = clock.nsecsElapsed();
+        if (elapsed >= timeoutNs)
+            break;
+        const qint64 remainingMs = (timeoutNs - elapsed + 999999) / 1000000;
+        const int fd = socketFd.load(std::memory_order_relaxed);
+        if (fd < 0 || peerClosed) {
+            // Nothing more can arrive: wait out the time-out.
+            waitOn(replyCondition, dataMutex, (unsigned long)remainingMs);
+            continue;
+        }
+        const bool post = takeCallbackPost();
         dataMutex.unlock();
-        while ((pendingFlags.load(std::memory_order_acquire) & flag) &&
-               clock.nsecsElapsed() < lookFor)
+        if (post)
+            PXClientManager::Instance()->postCallbacks(this, fd, false);
+        if (elapsed < lookFor)
             QThread::yieldCurrentThread();
+        else
+            pollSocket(fd, POLLIN, remainingMs);
         dataMutex.lock();
-        const qint64 spent = clock.elapsed();
-        timeout = timeout > quint64(spent) ? timeout - (unsigned long)spent : 0;
     }
-    if (pendingFlags.load(std::memory_order_relaxed) & flag)
-        waitOn(replyCondition, dataMutex, timeout);
     const bool replied = !(pendingFlags.load(std::memory_order_relaxed) & flag);
     if (look)
         replyLook.end(replied, clock.nsecsElapsed());
     return replied;
+}
+
+unsigned int PXConnection::call(const QByteArray& frame, quint32 flag, unsigned long timeout)
+{
+    const int fd = socketFd.load(std::memory_order_acquire);
+    if (fd < 0)
+        return flag ? 13 : 0;
+    unsigned int result = 0;
+    bool owed;
+    {
+        QMutexLocker lock(&dataMutex);
+        beginCall();
+        pendingFlags.fetch_or(flag, std::memory_order_relaxed);
+        const bool sent = sendFrame(frame, ReplyTimeout);
+        if (!flag) {
+            result = sent ? 0 : 13;
+        } else if (flag == PendingRead) {
+            // A read fails when a whole time-out passes without any of its data arriving.
+            qint32 last = readRemaining;
+            bool look = true;
+            for (;;) {
+                waitReply(PendingRead, timeout, look);
+                look = false;
+                if (readRemaining < 0) {
+                    result = 13;
+                    break;
+                }
+                if (!(pendingFlags.load(std::memory_order_relaxed) & PendingRead))
+                    break;
+                if (readRemaining == last) {
+                    pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_relaxed);
+                    result = 13;
+                    break;
+                }
+                last = readRemaining;
+            }
+        } else if (!waitReply(flag, timeout, true)) {
+            pendingFlags.fetch_and(~flag, std::memory_order_relaxed);
+            result = 13;
+        }
+        endCall();
+        // Callbacks owed for events and packets read on the way have run by the time the
+        // request returns, as they would have had the network thread read them.
+        owed = deferredEvents > 0 || deferredBypass > 0 || callbacksPosted;
+        callbacksPosted = callbacksPosted || owed;
+    }
+    if (owed)
+        PXClientManager::Instance()->postCallbacks(this, fd, true);
+    return result;
 }
 
 unsigned int PXConnection::genericRead(unsigned int address, bool internal, void* data, int size)
@@ -239,29 +472,13 @@ unsigned int PXConnection::genericRead(unsigned int address, bool internal, void
     if (size < 1 || (size == 3 && !internal))
         return 13;
     QMutexLocker request(&requestMutex);
-    QTcpSocket* s = socket.load(std::memory_order_acquire);
-    if (!s)
-        return 13;
-    QMutexLocker lock(&dataMutex);
-    pendingFlags.fetch_or(PendingRead, std::memory_order_relaxed);
-    readAddress = address;
-    readRemaining = size;
-    readBuffer = static_cast<unsigned char*>(data);
-    PXClientManager::Instance()->sendSocketPacket(s, pxproto::readRequest(address, internal, size),
-                                                  false);
-    qint32 last = size;
-    for (;;) {
-        waitReply(PendingRead, ReplyTimeout, last == size);
-        if (readRemaining < 0)
-            return 13;
-        if (!(pendingFlags.load(std::memory_order_relaxed) & PendingRead))
-            return 0;
-        if (readRemaining == last) {
-            pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_relaxed);
-            return 13;
-        }
-        last = readRemaining;
+    {
+        QMutexLocker lock(&dataMutex);
+        readAddress = address;
+        readRemaining = size;
+        readBuffer = static_cast<unsigned char*>(data);
     }
+    return call(pxproto::readRequest(address, internal, size), PendingRead, ReplyTimeout);
 }
 
 unsigned int PXConnection::genericWrite(unsigned int address, bool internal, void* data, int size)
@@ -269,18 +486,9 @@ unsigned int PXConnection::genericWrite(unsigned int address, bool internal, voi
     if (size < 0 || size > pxproto::MaxWriteData)
         return 13;
     QMutexLocker request(&requestMutex);
-    QTcpSocket* s = socket.load(std::memory_order_acquire);
-    if (!s)
+    if (!isConnected())
         return 13;
-    // Built before dataMutex is taken: dispatch of other arrivals need not wait for the copy.
-    const QByteArray frame = pxproto::writeRequest(address, internal, data, size);
-    QMutexLocker lock(&dataMutex);
-    pendingFlags.fetch_or(PendingWrite, std::memory_order_relaxed);
-    PXClientManager::Instance()->sendSocketPacket(s, frame, false);
-    if (waitReply(PendingWrite, ReplyTimeout, true))
-        return 0;
-    pendingFlags.fetch_and(~quint32(PendingWrite), std::memory_order_relaxed);
-    return 13;
+    return call(pxproto::writeRequest(address, internal, data, size), PendingWrite, ReplyTimeout);
 }
 
 unsigned int PXConnection::read8(unsigned int address, unsigned char* value)
@@ -366,12 +574,9 @@ unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, 
 unsigned int PXConnection::enableEvents(bool enable)
 {
     QMutexLocker request(&requestMutex);
-    bool written = true;
-    if (QTcpSocket* s = socket.load(std::memory_order_acquire))
-        written = PXClientManager::Instance()->sendSocketPacket(s, pxproto::enableEvents(enable),
-                                                                true);
+    const unsigned int result = call(pxproto::enableEvents(enable), 0, 0);
     eventsEnabled.store(enable, std::memory_order_relaxed);
-    return written ? 0 : 13;
+    return result;
 }
 
 unsigned int PXConnection::popEvent(unsigned int* event)
@@ -418,12 +623,9 @@ unsigned int PXConnection::setEventCallback(void (*callback)(void*), void* userD
 unsigned int PXConnection::setBypassFlowIds(unsigned char* ids, int count)
 {
     QMutexLocker request(&requestMutex);
-    bool written = true;
-    if (QTcpSocket* s = socket.load(std::memory_order_acquire))
-        written = PXClientManager::Instance()->sendSocketPacket(
-            s, pxproto::setBypassFlowIds(ids, count), true);
+    const unsigned int result = call(pxproto::setBypassFlowIds(ids, count), 0, 0);
     bypassEnabled.store(true, std::memory_order_relaxed);
-    return written ? 0 : 13;
+    return result;
 }
 
 unsigned int PXConnection::getBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
@@ -535,25 +737,13 @@ unsigned int PXConnection::setBypassDelayCallback(void (*callback)(void*), void*
 unsigned int PXConnection::sendCommand(const QByteArray& request)
 {
     QMutexLocker lock(&requestMutex);
-    QTcpSocket* s = socket.load(std::memory_order_acquire);
-    if (s && !PXClientManager::Instance()->sendSocketPacket(s, request, true))
-        return 13;
-    return 0;
+    return call(request, 0, 0);
 }
 
 unsigned int PXConnection::runQuery(quint32 flag, const QByteArray& request, unsigned long timeout)
 {
     QMutexLocker lock(&requestMutex);
-    QTcpSocket* s = socket.load(std::memory_order_acquire);
-    if (!s)
-        return 13;
-    QMutexLocker data(&dataMutex);
-    pendingFlags.fetch_or(flag, std::memory_order_relaxed);
-    PXClientManager::Instance()->sendSocketPacket(s, request, false);
-    if (waitReply(flag, timeout, true))
-        return 0;
-    pendingFlags.fetch_and(~flag, std::memory_order_relaxed);
-    return 13;
+    return call(request, flag, timeout);
 }
 
 unsigned int PXConnection::killPellix()
@@ -604,19 +794,12 @@ unsigned int PXConnection::forcePellixReconnect()
 unsigned int PXConnection::getStatus(unsigned char* status)
 {
     QMutexLocker lock(&requestMutex);
-    QTcpSocket* s = socket.load(std::memory_order_acquire);
-    if (!s)
-        return 13;
-    QMutexLocker data(&dataMutex);
-    pendingFlags.fetch_or(PendingStatus, std::memory_order_relaxed);
-    PXClientManager::Instance()->sendSocketPacket(s, pxproto::status(), false);
-    if (!waitReply(PendingStatus, ReplyTimeout, true)) {
-        pendingFlags.fetch_and(~quint32(PendingStatus), std::memory_order_relaxed);
-        return 13;
-    }
-    if (status)
+    const unsigned int result = call(pxproto::status(), PendingStatus, ReplyTimeout);
+    if (result == 0 && status) {
+        QMutexLocker data(&dataMutex);
         *status = statusByte;
-    return 0;
+    }
+    return result;
 }
 
 unsigned int PXConnection::ping()

@@ -18,9 +18,8 @@
 class PXClientManager;
 class PXDelayCallback;
 class PXParser;
-class QTcpSocket;
 
-// One client's link with the host server: a socket owned by the network thread
+// One client's link with the host server: a socket connected by the network thread
 // (PXClientManager), a stream parser, the one request that may be in flight, the queues of
 // events and bypass packets, and the user's callbacks. Every connection is registered under
 // an integer handle (1, 2, 3, ... in construction order, never reused) at construction.
@@ -36,11 +35,15 @@ class QTcpSocket;
 // dataMutex and may run while a request waits. Lock order: requestMutex, then the client
 // manager's mapMutex, then dataMutex.
 //
-// Waiting: a request first looks for its reply for up to 300 us, yielding the processor in a
-// loop, and then sleeps until the reply or its time-out. A local server usually answers within
-// the look, which spares the caller a wake-up. A connection whose replies keep coming later
-// than that stops looking (but for a probe every 16th request) until one comes in time again
-// (PXReplyLook); a process with one processor never looks.
+// Requests: the calling thread writes its request to the socket and reads the reply itself,
+// under dataMutex; the network thread is neither asked nor woken (it watches the socket only
+// while no request runs). A request first looks for its reply for up to 300 us, reading the
+// socket without sleeping, and then sleeps in poll() until the socket has data or the time-out
+// passes. A local server usually answers within the look, which spares the caller a wake-up.
+// A connection whose replies keep coming later than that stops looking (but for a probe every
+// 16th request) until one comes in time again (PXReplyLook); on a machine with one processor
+// it never looks. Events and bypass packets that arrive during a request are queued by the
+// caller, and their callbacks run on the network thread.
 //
 // A connection without socket (never opened, failed open) refuses requests at once: reads,
 // writes and queries return 13 without waiting, commands send nothing and return 0.
@@ -186,12 +189,35 @@ private:
 
     unsigned int sendCommand(const QByteArray& request);
     unsigned int runQuery(quint32 flag, const QByteArray& request, unsigned long timeout);
+    // One request, requestMutex held: sends `frame` and, when `flag` is set, waits up to
+    // `timeout` ms for the reply that clears it (a read: for each piece of its data). 0, or 13
+    // (no socket for a request with a reply, no reply in time, the frame not taken in time).
+    unsigned int call(const QByteArray& frame, quint32 flag, unsigned long timeout);
+    // The socket, all under dataMutex. A request begins by taking the socket out of the
+    // network thread's watch and ends by putting it back (requestMutex held).
+    void beginCall();
+    void endCall();
+    // Writes a whole frame (what the socket does not take at once waits in `outbox` for the
+    // next write) within `timeout` ms, reading what arrives meanwhile. False when the server
+    // took not all of it in time.
+    bool sendFrame(const QByteArray& frame, unsigned long timeout);
+    // Reads what the socket holds and dispatches the frames (the network thread's reading
+    // sets `onNetworkThread`: it runs the callbacks itself).
+    void readAvailable(bool onNetworkThread);
     bool waitReply(quint32 flag, unsigned long timeout, bool look);
-    void dispatchFrame(const unsigned char* bytes, int size);
+    void dispatchFrame(const unsigned char* bytes, int size, bool onNetworkThread);
     // Dispatch side of a reply: clears the request's pending bit and wakes its waiter.
     void completeReply(quint32 flag);
+    // Network thread: a new socket (mapMutex held).
+    void attachSocket(int fd);
+    // Network thread, mapMutex held: the callbacks of frames that a caller read.
+    void runDeferredCallbacks();
+    // Caller side, dataMutex held: counts a callback owed; true when the network thread must be
+    // asked (once dataMutex is let go) to run the owed callbacks.
+    void deferCallbacks(int* counter) { ++*counter; }
+    bool takeCallbackPost();
 
-    std::atomic<QTcpSocket*> socket{nullptr};
+    std::atomic<int> socketFd{-1};
     PXParser* parser;
     QMutex requestMutex;
     QMutex dataMutex;
@@ -208,6 +234,19 @@ private:
     quint8 statusByte = 0;
     // How long a waiting request looks for its reply before it sleeps; requestMutex guards it.
     PXReplyLook replyLook;
+    // The socket's state, under dataMutex: a request's caller is reading it; it is in the
+    // network thread's watch; the server has closed it (nothing more to read); bytes of a
+    // frame that the socket did not take yet; the arrival buffer.
+    bool callerReading = false;
+    bool armed = false;
+    bool peerClosed = false;
+    QByteArray outbox;
+    QByteArray inbox;
+    // Callbacks owed for frames that a caller read, and whether the network thread was asked
+    // to run them (dataMutex).
+    int deferredEvents = 0;
+    int deferredBypass = 0;
+    bool callbacksPosted = false;
     QList<unsigned int> events;
     QList<QByteArray> bypassPackets;
     // Network thread only: created, replaced and retired there.
