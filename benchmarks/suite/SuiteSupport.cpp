@@ -68,6 +68,15 @@ double processCpuSeconds()
     return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
 }
 
+unsigned short fastServerPort()
+{
+    static SimulatorProcess process =
+        SimulatorProcess::program(QStringLiteral("pellix_bench_fast_server"), {});
+    if (!process.isListening())
+        fail("the fast server did not start");
+    return process.port();
+}
+
 unsigned short slowSimulatorPort()
 {
     static SimulatorProcess process({QStringLiteral("--latency"), QStringLiteral("1000")});

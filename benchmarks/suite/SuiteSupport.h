@@ -34,6 +34,10 @@ int eventBurst();
 
 // The simulator of the whole run ("pellix --port 0" beside this binary), started on first use.
 unsigned short simulatorPort();
+// A server that does nothing but answer reads, writes and pings from a flat memory, one thread
+// per client (pellix_bench_fast_server): against it a request costs almost only what the
+// client and the kernel spend, so the client's own overhead shows in full.
+unsigned short fastServerPort();
 // A second simulator that answers every request 1 ms late (--latency 1000), standing in for a
 // slow link behind the server; started on first use.
 unsigned short slowSimulatorPort();

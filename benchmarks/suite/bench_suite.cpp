@@ -54,38 +54,68 @@ namespace {
 
 // ---- the library clients, opened once ------------------------------------------------------
 
+PXConnection* openConnection(unsigned short port)
+{
+    auto* created = new PXConnection;
+    if (!created->open(QStringLiteral("127.0.0.1"), port))
+        std::abort();
+    return created;
+}
+
 PXConnection& connection()
 {
-    static PXConnection* c = [] {
-        auto* created = new PXConnection;
-        if (!created->open(QStringLiteral("127.0.0.1"), simulatorPort()))
-            std::abort();
-        return created;
-    }();
+    static PXConnection* c = openConnection(simulatorPort());
     return *c;
 }
 
 // Lives on the main thread, where single-threaded benchmarks run.
+PXNSConnection* openNSConnection(unsigned short port)
+{
+    auto* created = new PXNSConnection;
+    if (!created->open(QStringLiteral("127.0.0.1"), port))
+        std::abort();
+    return created;
+}
+
 PXNSConnection& nsConnection()
 {
-    static PXNSConnection* c = [] {
-        auto* created = new PXNSConnection;
-        if (!created->open(QStringLiteral("127.0.0.1"), simulatorPort()))
-            std::abort();
-        return created;
-    }();
+    static PXNSConnection* c = openNSConnection(simulatorPort());
     return *c;
+}
+
+int openHandle(unsigned short port)
+{
+    int h = 0;
+    if (PXST_OpenSocket("127.0.0.1", port, &h) != PXST_RESULT_OK)
+        std::abort();
+    return h;
 }
 
 int apiHandle()
 {
-    static const int handle = [] {
-        int h = 0;
-        if (PXST_OpenSocket("127.0.0.1", simulatorPort(), &h) != PXST_RESULT_OK)
-            std::abort();
-        return h;
-    }();
+    static const int handle = openHandle(simulatorPort());
     return handle;
+}
+
+// The three library clients of the paired benchmarks, on the simulator or the fast server.
+enum class Client { Connection, NSConnection, CApi };
+
+struct Clients
+{
+    unsigned short port;
+    PXConnection* connection;
+    PXNSConnection* ns;
+    int handle;
+};
+
+Clients& clients(bool fast)
+{
+    static Clients simulator{simulatorPort(), &connection(), &nsConnection(), apiHandle()};
+    if (!fast)
+        return simulator;
+    static Clients server{fastServerPort(), openConnection(fastServerPort()),
+                          openNSConnection(fastServerPort()), openHandle(fastServerPort())};
+    return server;
 }
 
 void check(benchmark::State& state, unsigned int result, const char* what)
@@ -866,10 +896,10 @@ void scaleReadBlockConnections(benchmark::State& state)
 //   blocks:  ratio = raw_us / lib_us, the library's throughput as a share of raw (higher is
 //            better)
 template <typename RawCall, typename Lib>
-void paired(benchmark::State& state, bool throughput, RawCall raw, Lib lib)
+void paired(benchmark::State& state, unsigned short port, bool throughput, RawCall raw, Lib lib)
 {
-    RawClient sleeping(RawClient::Wait::Sleep);
-    RawClient polling(RawClient::Wait::Poll);
+    RawClient sleeping(port, RawClient::Wait::Sleep);
+    RawClient polling(port, RawClient::Wait::Poll);
     std::vector<double> samples[3];
     const std::function<void()> calls[3] = {[&] { raw(sleeping); }, [&] { raw(polling); }, lib};
     int first = 0;
@@ -902,65 +932,75 @@ void paired(benchmark::State& state, bool throughput, RawCall raw, Lib lib)
         state.counters["ratio"] = throughput ? rawUs / libUs : libUs / rawUs;
 }
 
-void pairedRead32(benchmark::State& state, bool api)
+void pairedRead32(benchmark::State& state, Client client, bool fast)
 {
-    PXConnection& c = connection();
-    const int h = apiHandle();
+    Clients& c = clients(fast);
     unsigned int value = 0;
     paired(
-        state, false, [&](RawClient& raw) { raw.read(LatencyAddress, &value, 4); },
+        state, c.port, false, [&](RawClient& raw) { raw.read(LatencyAddress, &value, 4); },
         [&] {
             check(state,
-                  api ? PXST_Read32(h, LatencyAddress, &value) : c.read32(LatencyAddress, &value),
+                  client == Client::CApi         ? PXST_Read32(c.handle, LatencyAddress, &value)
+                  : client == Client::Connection ? c.connection->read32(LatencyAddress, &value)
+                                                 : c.ns->read32(LatencyAddress, &value),
                   "read32");
         });
 }
 
-void pairedWrite32(benchmark::State& state, bool api)
+void pairedWrite32(benchmark::State& state, Client client, bool fast)
 {
-    PXConnection& c = connection();
-    const int h = apiHandle();
+    Clients& c = clients(fast);
     const unsigned int value = 0x12345678;
     paired(
-        state, false, [&](RawClient& raw) { raw.write(LatencyAddress, &value, 4); },
+        state, c.port, false, [&](RawClient& raw) { raw.write(LatencyAddress, &value, 4); },
         [&] {
+            // PXNSConnection does not wait for acknowledgements: its write32 returns once the
+            // request is handed to its socket, so its ratio says little (the block write below
+            // ends with a ping and does compare).
             check(state,
-                  api ? PXST_Write32(h, LatencyAddress, value) : c.write32(LatencyAddress, value),
+                  client == Client::CApi         ? PXST_Write32(c.handle, LatencyAddress, value)
+                  : client == Client::Connection ? c.connection->write32(LatencyAddress, value)
+                                                 : c.ns->write32(LatencyAddress, value),
                   "write32");
         });
 }
 
-void pairedReadBlock(benchmark::State& state, bool api)
+void pairedReadBlock(benchmark::State& state, Client client, bool fast)
 {
-    PXConnection& c = connection();
-    const int h = apiHandle();
+    Clients& c = clients(fast);
     const int size = blockSize();
     std::vector<unsigned int> rawBuffer(size_t(size) / 4);
     std::vector<unsigned int> libBuffer(size_t(size) / 4);
+    auto* bytes = reinterpret_cast<unsigned char*>(libBuffer.data());
     paired(
-        state, true, [&](RawClient& raw) { raw.readBlock(DataAddress, rawBuffer.data(), size); },
+        state, c.port, true,
+        [&](RawClient& raw) { raw.readBlock(DataAddress, rawBuffer.data(), size); },
         [&] {
             check(state,
-                  api ? PXST_ReadBlock(h, DataAddress, libBuffer.data(), unsigned(size))
-                      : c.readBlock(DataAddress, reinterpret_cast<unsigned char*>(libBuffer.data()),
-                                    size),
+                  client == Client::CApi
+                      ? PXST_ReadBlock(c.handle, DataAddress, libBuffer.data(), unsigned(size))
+                  : client == Client::Connection ? c.connection->readBlock(DataAddress, bytes, size)
+                                                 : c.ns->readBlock(DataAddress, bytes, size),
                   "readBlock");
         });
     state.SetBytesProcessed(int64_t(state.iterations()) * size * 3);
 }
 
-void pairedWriteBlock(benchmark::State& state, bool api)
+void pairedWriteBlock(benchmark::State& state, Client client, bool fast)
 {
-    PXConnection& c = connection();
-    const int h = apiHandle();
+    Clients& c = clients(fast);
     const int size = blockSize();
     std::vector<unsigned int> buffer(size_t(size) / 4, 0x5A5A5A5Au);
     paired(
-        state, true, [&](RawClient& raw) { raw.writeBlock(DataAddress, buffer.data(), size); },
+        state, c.port, true,
+        [&](RawClient& raw) { raw.writeBlock(DataAddress, buffer.data(), size); },
         [&] {
             check(state,
-                  api ? PXST_WriteBlock(h, DataAddress, buffer.data(), unsigned(size))
-                      : c.writeBlock(DataAddress, buffer.data(), size),
+                  client == Client::CApi
+                      ? PXST_WriteBlock(c.handle, DataAddress, buffer.data(), unsigned(size))
+                  : client == Client::Connection
+                      ? c.connection->writeBlock(DataAddress, buffer.data(), size)
+                      : c.ns->writeBlock(DataAddress, buffer.data(), size) | c.ns->ping(),
                   "writeBlock");
         });
     state.SetBytesProcessed(int64_t(state.iterations()) * size * 3);
@@ -1021,18 +1061,28 @@ void registerAll()
             ->Unit(benchmark::kMillisecond);
     }
 
-    for (const bool api : {false, true}) {
-        const std::string client = api ? "CApi" : "Connection";
-        benchmark::RegisterBenchmark(("Paired/Read32/" + client).c_str(), pairedRead32, api)
-            ->UseRealTime();
-        benchmark::RegisterBenchmark(("Paired/Write32/" + client).c_str(), pairedWrite32, api)
-            ->UseRealTime();
-        benchmark::RegisterBenchmark(("Paired/ReadBlock/" + client).c_str(), pairedReadBlock, api)
-            ->UseRealTime()
-            ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark(("Paired/WriteBlock/" + client).c_str(), pairedWriteBlock, api)
-            ->UseRealTime()
-            ->Unit(benchmark::kMillisecond);
+    // Paired/<measurement>/<client>[/FastServer]
+    const std::pair<Client, const char*> pairedClients[] = {
+        {Client::Connection, "Connection"}, {Client::CApi, "CApi"}, {Client::NSConnection, "NSConnection"}};
+    for (const bool fast : {false, true}) {
+        const std::string server = fast ? "/FastServer" : "";
+        for (const auto& [client, name] : pairedClients) {
+            const std::string suffix = std::string(name) + server;
+            benchmark::RegisterBenchmark(("Paired/Read32/" + suffix).c_str(), pairedRead32, client,
+                                         fast)
+                ->UseRealTime();
+            benchmark::RegisterBenchmark(("Paired/Write32/" + suffix).c_str(), pairedWrite32,
+                                         client, fast)
+                ->UseRealTime();
+            benchmark::RegisterBenchmark(("Paired/ReadBlock/" + suffix).c_str(), pairedReadBlock,
+                                         client, fast)
+                ->UseRealTime()
+                ->Unit(benchmark::kMillisecond);
+            benchmark::RegisterBenchmark(("Paired/WriteBlock/" + suffix).c_str(),
+                                         pairedWriteBlock, client, fast)
+                ->UseRealTime()
+                ->Unit(benchmark::kMillisecond);
+        }
     }
 
     benchmark::RegisterBenchmark("Paired/Events/Connection", pairedEvents, false)

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <sched.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,9 +37,16 @@ SimulatorProcess::SimulatorProcess(SimulatorProcess&& other) noexcept
       stderrBytes(std::move(other.stderrBytes)), exitStatus(other.exitStatus)
 {}
 
-void SimulatorProcess::launch(const QStringList& arguments)
+SimulatorProcess SimulatorProcess::program(const QString& name, const QStringList& arguments)
 {
-    const QByteArray path = (binaryFolder() + QStringLiteral("/pellix")).toLocal8Bit();
+    SimulatorProcess process{NoLaunch{}};
+    process.launch(arguments, name);
+    return process;
+}
+
+void SimulatorProcess::launch(const QStringList& arguments, const QString& program)
+{
+    const QByteArray path = (binaryFolder() + QLatin1Char('/') + program).toLocal8Bit();
     std::vector<QByteArray> storage{path};
     for (const QString& argument : arguments)
         storage.push_back(argument.toLocal8Bit());
@@ -52,6 +60,13 @@ void SimulatorProcess::launch(const QStringList& arguments)
         return;
     child = fork();
     if (child == 0) {
+        // The server may use every processor, also when the caller confines itself to some
+        // (a benchmark run under taskset measures a client that shares its processor).
+        cpu_set_t all;
+        CPU_ZERO(&all);
+        for (long cpu = 0, count = sysconf(_SC_NPROCESSORS_ONLN); cpu < count && cpu < CPU_SETSIZE; ++cpu)
+            CPU_SET(int(cpu), &all);
+        sched_setaffinity(0, sizeof all, &all);
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
         execv(argv[0], argv.data());

@@ -16,6 +16,8 @@ public:
     explicit SimulatorProcess(const QStringList& extraArguments = {});
     // Starts with exactly these arguments (no defaults added).
     static SimulatorProcess withArguments(const QStringList& arguments);
+    // Starts another server program of the binary folder that announces itself the same way.
+    static SimulatorProcess program(const QString& name, const QStringList& arguments);
     ~SimulatorProcess();
 
     SimulatorProcess(SimulatorProcess&& other) noexcept;
@@ -39,7 +41,7 @@ private:
     struct NoLaunch
     {};
     explicit SimulatorProcess(NoLaunch) {}
-    void launch(const QStringList& arguments);
+    void launch(const QStringList& arguments, const QString& program = QStringLiteral("pellix"));
     void drainStderr(int timeoutMs);
 
     pid_t child = -1;
