@@ -97,10 +97,16 @@ def main():
             measurement = name.split("/")[1]
             sense, limit = PAIRED_TARGETS[measurement]
             ratio = b["ratio"]
-            met = ratio <= limit if sense == "le" else ratio >= limit
-            print(f"| {name} | {b['lib_us']:.1f} us | {b['raw_us']:.1f} us | "
-                  f"{ratio:.2f}x | {'<=' if sense == 'le' else '>='} {limit}x | "
-                  f"{'yes' if met else 'no'} |")
+            met = "yes" if (ratio <= limit if sense == "le" else ratio >= limit) else "no"
+            if name.startswith("Paired/Write32/NSConnection"):
+                # Its write returns before the acknowledgement: no like-for-like target.
+                met = "n/a"
+            # The floor is the faster raw client; both are shown where the benchmark ran both.
+            raw_text = f"{b['raw_us']:.1f} us"
+            if "raw_poll_us" in b:
+                raw_text += f" (polling {b['raw_poll_us']:.1f}, sleeping {b['raw_sleep_us']:.1f})"
+            print(f"| {name} | {b['lib_us']:.1f} us | {raw_text} | "
+                  f"{ratio:.2f}x | {'<=' if sense == 'le' else '>='} {limit}x | {met} |")
             continue
         value, unit, _ = metric(b)
         base = baseline(name)
