@@ -121,10 +121,14 @@ void timeCalls(benchmark::State& state, const char* name, Call call)
         samples.add(std::chrono::steady_clock::now() - start);
     }
     samples.finish();
-    // Every thread of this process (the library's network thread too; not the simulator).
+    // Every thread of this process (the library's network thread too; not the simulator), per
+    // call of all threads: in a threaded run every thread sees the whole process's time over
+    // about the same interval, so each divides by all threads' calls and they are averaged.
     if (state.iterations() > 0)
-        state.counters["cpu_us"] =
-            (processCpuSeconds() - cpuStart) * 1e6 / double(state.iterations());
+        state.counters["cpu_us"] = benchmark::Counter(
+            (processCpuSeconds() - cpuStart) * 1e6 /
+                (double(state.iterations()) * double(state.threads())),
+            benchmark::Counter::kAvgThreads);
 }
 
 // Writes the recorded samples as CSV ("benchmark,us") to the file named by
