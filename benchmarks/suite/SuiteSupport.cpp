@@ -16,6 +16,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -75,6 +76,13 @@ unsigned short fastServerPort()
     if (!process.isListening())
         fail("the fast server did not start");
     return process.port();
+}
+
+double processContextSwitches()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_nvcsw) + double(usage.ru_nivcsw);
 }
 
 unsigned short slowSimulatorPort()

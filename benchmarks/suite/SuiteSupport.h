@@ -108,6 +108,8 @@ private:
 
 // Processor time used by all threads of this process so far.
 double processCpuSeconds();
+// Context switches (voluntary and forced) of all threads of this process so far.
+double processContextSwitches();
 
 // Times `call` once per iteration into median/p99 counters and the sample dump.
 template <typename Call>
@@ -115,6 +117,7 @@ void timeCalls(benchmark::State& state, const char* name, Call call)
 {
     LatencySamples samples(state, name);
     const double cpuStart = processCpuSeconds();
+    const double switchesStart = processContextSwitches();
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
         call();
@@ -127,6 +130,13 @@ void timeCalls(benchmark::State& state, const char* name, Call call)
     if (state.iterations() > 0)
         state.counters["cpu_us"] = benchmark::Counter(
             (processCpuSeconds() - cpuStart) * 1e6 /
+                (double(state.iterations()) * double(state.threads())),
+            benchmark::Counter::kAvgThreads);
+    // Each is a thread going to sleep (or being put aside): what a wake-up costs is paid per
+    // switch, so this counts the hand-offs of a call.
+    if (state.iterations() > 0)
+        state.counters["switches"] = benchmark::Counter(
+            (processContextSwitches() - switchesStart) /
                 (double(state.iterations()) * double(state.threads())),
             benchmark::Counter::kAvgThreads);
 }
