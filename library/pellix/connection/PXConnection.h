@@ -26,9 +26,10 @@ class PXParser;
 //
 // Result codes: 0 success, 5 bypass packet cut or buffer too small, 6 bypass packet too large
 // to send, 8 no bypass packet, 13 no (fitting) reply in time or no socket, 19 no event,
-// 20 events not enabled. Operations that wait for the network thread to write (commands,
-// enabling, flow ids, bypass sends) or to apply a setting (the delayed callback) return 13
-// when it has not done so within PXClientManager::HandoffTimeout ms; nothing waits longer.
+// 20 events not enabled. A request whose server does not take its bytes within 5000 ms
+// returns 13 (commands included; the rest of the frame goes out before the next one), and
+// setting the delayed callback returns 13 when the network thread has not applied it within
+// PXClientManager::HandoffTimeout ms; nothing waits longer.
 //
 // Threads: every operation runs on the caller's thread; any number of threads may use one
 // connection. Requests serialise on requestMutex (one in flight); queue operations take only
