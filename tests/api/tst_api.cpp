@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
 #include <cstring>
 #include <functional>
 #include <set>
@@ -455,5 +456,29 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     EXPECT_EQ(fail, 0u);
     EXPECT_EQ(PXST_DumpLod(handle, lod, 0x2000, 4, 0), PXST_RESULT_TIMEOUT);
     EXPECT_EQ(readFile(dir.filePath("x.lod")), QByteArray()) << "a failed dump leaves it empty";
+
+    // Sizes the interface takes but no request carries: refused before anything is sent or
+    // touched (the buffers here are far smaller than the sizes named).
+    fake.clearReceived();
+    unsigned int words[2] = {};
+    for (unsigned int size : {0x80000000u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(PXST_ReadBlock(handle, 0, words, size), PXST_RESULT_TIMEOUT);
+        EXPECT_EQ(PXST_WriteBlock(handle, 0, words, size), PXST_RESULT_TIMEOUT);
+        EXPECT_EQ(PXST_BatchRead(handle, 0, buffer, size), PXST_RESULT_TIMEOUT);
+        EXPECT_EQ(PXST_DumpLod(handle, lod, 0, size, 1), PXST_RESULT_TIMEOUT);
+    }
+    for (int count : {-8, -5, -1, 65532, INT_MIN}) {
+        EXPECT_EQ(PXST_BypassEnable(handle, buffer, count), PXST_RESULT_PACKET_TOO_LARGE);
+        EXPECT_EQ(PXST_BypassSendPacket(handle, 1, buffer, count == INT_MIN ? count : count - 1),
+                  PXST_RESULT_PACKET_TOO_LARGE);
+        int opened = 0;
+        EXPECT_EQ(PXST_BypassOpen(149, -1, 0, buffer, count, &opened),
+                  PXST_RESULT_PACKET_TOO_LARGE);
+        EXPECT_EQ(opened, -1);
+    }
+    // A flow mode outside the named ones is carried unchanged.
+    EXPECT_EQ(PXST_ChangeFlowMode(handle, static_cast<PXLFlowMode>(0x12345678u)), PXST_RESULT_OK);
+    ASSERT_TRUE(fake.waitForFrames(1));
+    EXPECT_EQ(fake.frames(), QList<QByteArray>{pxproto::setFlowMode(0x12345678u)});
     EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
 }

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -94,13 +95,29 @@ TEST(ConnectionFake, RequestsWithoutSocketOrWithInvalidSizesSendNothing)
     EXPECT_LT(clock.elapsed(), 2500);
 
     Connected c;
-    std::vector<unsigned char> big(pxproto::MaxBypassData + 1);
+    std::vector<unsigned char> big(pxproto::MaxFlowIds + 1);
     for (int size : {0, -1, 3})
         EXPECT_EQ(c.connection.genericRead(0, false, &word, size), 13u) << size;
+    for (int size : {-1, -6, INT_MIN, pxproto::MaxWriteData + 1})
+        EXPECT_EQ(c.connection.genericWrite(0, false, big.data(), size), 13u) << size;
     EXPECT_EQ(c.connection.readBlock(0, &byte, 0), 0u);
-    EXPECT_EQ(c.connection.sendBypassPacket(1, big.data(), int(big.size())), 6u);
+    // Sizes and counts that no frame carries (negative ones would write header bytes outside
+    // the frame, oversized ones wrap its 16-bit length field) are refused with 6.
+    for (int size : {-9, -2, -1, INT_MIN, pxproto::MaxBypassData + 1, INT_MAX})
+        EXPECT_EQ(c.connection.sendBypassPacket(1, big.data(), size), 6u) << size;
+    for (int count : {-8, -5, -1, INT_MIN, pxproto::MaxFlowIds + 1, INT_MAX})
+        EXPECT_EQ(c.connection.setBypassFlowIds(big.data(), count), 6u) << count;
+    int length = 5;
+    EXPECT_EQ(c.connection.getBypassPacket(&byte, big.data(), -1, &length), 8u);
+    // The flow mode travels as a 32-bit value, named or not.
+    EXPECT_EQ(c.connection.setFlowMode(static_cast<PXLFlowMode>(0x12345678u)), 0u);
     c.sync();
-    EXPECT_EQ(c.server.frames(), QList<QByteArray>{pxproto::ping()}); // only sync()'s ping
+    EXPECT_EQ(c.server.frames(), (QList<QByteArray>{pxproto::setFlowMode(0x12345678u),
+                                                    pxproto::ping()}));
+    // Bypass reception was not switched on by a refused flow id list.
+    c.server.send(pxproto::bypassFrame(pxproto::debugPacket(1, "x", 1)));
+    c.sync();
+    EXPECT_EQ(c.connection.getBypassData(big.data(), 64, &length), 8u);
 }
 
 // Each call as the requests it sends and its result; successful reads deliver exactly the

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <climits>
 #include <numeric>
 #include <vector>
 
@@ -175,15 +176,22 @@ TEST_F(NSConnectionFake, WritesAndCommandsAreSentAtOnce)
           connection.writeBlock(0, nullptr, 0), connection.readBlock(0, data, 0),
           connection.sendBypassPacket(3, data, pxproto::MaxBypassData)})
         EXPECT_EQ(result, 0u);
-    EXPECT_EQ(connection.sendBypassPacket(3, data, pxproto::MaxBypassData + 1), 6u);
+    for (int size : {pxproto::MaxBypassData + 1, -9, -2, INT_MIN})
+        EXPECT_EQ(connection.sendBypassPacket(3, data, size), 6u) << size;
+    for (int count : {pxproto::MaxFlowIds + 1, -8, -5, INT_MIN})
+        EXPECT_EQ(connection.setBypassFlowIds(data, count), 6u) << count;
+    for (int size : {-6, -1, pxproto::MaxWriteData + 1})
+        EXPECT_EQ(connection.genericWrite(0x1000, false, data, size), 13u) << size;
     EXPECT_EQ(connection.genericRead(0x1000, false, data, 3), 13u);
     EXPECT_EQ(connection.genericRead(0x1000, false, data, 0), 13u);
+    EXPECT_EQ(connection.setFlowMode(static_cast<PXLFlowMode>(0xFFFFFFFFu)), 0u);
     EXPECT_EQ(connection.flushPellixFifos(), 0u);
     const QList<QByteArray> expected = {
         pxproto::writeRequest(0x20, true, "\x3C", 1),
         pxproto::writeRequest(0x40001, false, bytes, 32768),
         pxproto::writeRequest(0x48001, false, bytes + 32768, 40000 - 32768),
-        pxproto::bypassSend(3, bytes, pxproto::MaxBypassData), pxproto::flushFifos()};
+        pxproto::bypassSend(3, bytes, pxproto::MaxBypassData), pxproto::setFlowMode(0xFFFFFFFFu),
+        pxproto::flushFifos()};
     ASSERT_TRUE(server.waitForFrames(int(expected.size())));
     EXPECT_EQ(server.frames(), expected);
 }

@@ -18,6 +18,7 @@
 #include <QTcpSocket>
 
 #include <atomic>
+#include <climits>
 #include <cstring>
 
 namespace {
@@ -296,6 +297,11 @@ extern "C" unsigned int PXST_EventSetCallback(int handle, void (*callback)(void*
 extern "C" unsigned int PXST_BypassOpen(int port, int baud, int flowMode, unsigned char* flowIds,
                                         int count, int* handle)
 {
+    // A list no request can carry opens nothing.
+    if (count < 0 || count > pxproto::MaxFlowIds) {
+        *handle = -1;
+        return PXST_RESULT_PACKET_TOO_LARGE;
+    }
     const unsigned int result = PXST_Open(port, baud, flowMode, handle);
     if (result != PXST_RESULT_OK)
         return result;
@@ -306,10 +312,8 @@ extern "C" unsigned int PXST_BypassOpen(int port, int baud, int flowMode, unsign
 
 extern "C" unsigned int PXST_BypassEnable(int handle, unsigned char* flowIds, int count)
 {
-    return withConnection(handle, [&](PXConnection& c) {
-        c.setBypassFlowIds(flowIds, count);
-        return PXST_RESULT_OK;
-    });
+    return withConnection(handle,
+                          [&](PXConnection& c) { return c.setBypassFlowIds(flowIds, count); });
 }
 
 extern "C" unsigned int PXST_BypassGetPacket(int handle, unsigned char* flowId,
@@ -388,6 +392,8 @@ extern "C" unsigned int PXST_ReadBlock(int handle, unsigned int address, void* b
                                        unsigned int size)
 {
     return withConnection(handle, [&](PXConnection& c) {
+        if (size > unsigned(INT_MAX))
+            return PXST_RESULT_TIMEOUT;
         return c.readBlock(address, static_cast<unsigned char*>(buffer), static_cast<int>(size));
     });
 }
@@ -422,6 +428,8 @@ extern "C" unsigned int PXST_WriteBlock(int handle, unsigned int address, unsign
                                         unsigned int size)
 {
     return withConnection(handle, [&](PXConnection& c) {
+        if (size > unsigned(INT_MAX))
+            return PXST_RESULT_TIMEOUT;
         return c.writeBlock(address, data, static_cast<int>(size));
     });
 }
@@ -433,6 +441,8 @@ unsigned int PXST_BatchRead(int handle, unsigned int address, unsigned char* buf
                             unsigned int size)
 {
     return withConnection(handle, [&](PXConnection& c) {
+        if (size > unsigned(INT_MAX))
+            return PXST_RESULT_TIMEOUT;
         return c.readBlock(address, buffer, static_cast<int>(size));
     });
 }
@@ -458,8 +468,10 @@ unsigned int maskedReadWidth(unsigned int address, const unsigned char* mask,
         return 2;
     if (remaining == 4 || mask[4] != Selected)
         return 4;
+    // One block read per run of selected bytes, up to what one request's size can say.
+    constexpr unsigned int LongestRun = 1u << 30;
     unsigned int run = 5;
-    while (run < remaining && mask[run] == Selected)
+    while (run < remaining && run < LongestRun && mask[run] == Selected)
         ++run;
     return run & ~3u;
 }

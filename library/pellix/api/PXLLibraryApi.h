@@ -135,7 +135,8 @@ PELLIX_EXPORT unsigned int PXST_LaunchTargetAutoBauding(int handle);
 /* Tells the server to stop. Results: 0; 3; 12. Returns once the request is written. */
 PELLIX_EXPORT unsigned int PXST_KillPellix(int handle);
 
-/* Sets the flow control of the server's link. Results: 0; 3; 12. Returns once written. */
+/* Sets the flow control of the server's link. Every 32-bit value is carried unchanged (only
+ * 1 and 2 have names). Results: 0; 3; 12. Returns once written. */
 PELLIX_EXPORT unsigned int PXST_ChangeFlowMode(int handle, PXLFlowMode flowMode);
 
 /* Sends a break on the server's link. Results: 0; 3; 12. Returns once written. */
@@ -188,12 +189,15 @@ PELLIX_EXPORT unsigned int PXST_EventSetCallback(int handle, void (*callback)(vo
 /* ---- bypass flows ------------------------------------------------------------------------- */
 
 /* Opens as PXST_Open does, then subscribes to the `count` bypass flow ids at `flowIds`.
- * Results and blocking as PXST_Open. */
+ * Results and blocking as PXST_Open; 6 (nothing opened, handle -1) for a count below 0 or
+ * above 65531. */
 PELLIX_EXPORT unsigned int PXST_BypassOpen(int port, int baud, int flowMode, unsigned char* flowIds,
                                            int count, int* handle);
 
 /* Subscribes to the `count` bypass flow ids at `flowIds` (replacing earlier ones) and turns
- * reception of bypass packets on. Results: 0; 3; 12. Returns once the request is written. */
+ * reception of bypass packets on. Results: 0; 3; 12; 6 for a count below 0 or above 65531
+ * (no request can carry it: nothing sent, reception unchanged). Returns once the request is
+ * written. */
 PELLIX_EXPORT unsigned int PXST_BypassEnable(int handle, unsigned char* flowIds, int count);
 
 /* Takes the oldest bypass packet: its flow id and its data (behind the 4-byte inner header,
@@ -218,7 +222,8 @@ PELLIX_EXPORT unsigned int PXST_BypassWaitPacket(int handle, unsigned char* flow
                                                  unsigned int timeout);
 
 /* Sends `length` bytes to the target on bypass flow `flowId` (low 8 bits).
- * Results: 0; 3; 12; 6 more than 65530 bytes (nothing sent). Returns once written. */
+ * Results: 0; 3; 12; 6 for a length below 0 or above 65530 bytes (nothing sent). Returns
+ * once written. */
 PELLIX_EXPORT unsigned int PXST_BypassSendPacket(int handle, int flowId, unsigned char* data,
                                                  int length);
 
@@ -247,7 +252,8 @@ PELLIX_EXPORT unsigned int PXST_Read8(int handle, unsigned int address, unsigned
 PELLIX_EXPORT unsigned int PXST_Read16(int handle, unsigned int address, unsigned short* value);
 PELLIX_EXPORT unsigned int PXST_Read32(int handle, unsigned int address, unsigned int* value);
 /* Reads `size` bytes into `buffer`, cut by alignment into requests of at most 32768 bytes.
- * 0 bytes read nothing. A block read fails only after 5000 ms without progress. */
+ * 0 bytes read nothing. A block read fails only after 5000 ms without progress. A size
+ * above 2^31 - 1 gives 13 and reads nothing. */
 PELLIX_EXPORT unsigned int PXST_ReadBlock(int handle, unsigned int address, void* buffer,
                                           unsigned int size);
 /* Writes one byte (low 8 bits of `value`) to the target's internal space. */
@@ -256,7 +262,8 @@ PELLIX_EXPORT unsigned int PXST_Write8(int handle, unsigned int address, unsigne
 PELLIX_EXPORT unsigned int PXST_Write16(int handle, unsigned int address, unsigned int value);
 PELLIX_EXPORT unsigned int PXST_Write32(int handle, unsigned int address, unsigned int value);
 /* Writes `size` bytes (not words) from `data` in requests of at most 32768 bytes, each
- * acknowledged within 5000 ms. 0 bytes write nothing. */
+ * acknowledged within 5000 ms. 0 bytes write nothing. A size above 2^31 - 1 gives 13 and
+ * writes nothing. */
 PELLIX_EXPORT unsigned int PXST_WriteBlock(int handle, unsigned int address, unsigned int* data,
                                            unsigned int size);
 
@@ -264,7 +271,7 @@ PELLIX_EXPORT unsigned int PXST_WriteBlock(int handle, unsigned int address, uns
  * `buffer`, which is zeroed first; `mask` has `size` bytes. Each run of selected bytes is read
  * with the widest accesses its alignment allows: 8-bit at odd addresses, 16-bit at 2 mod 4
  * and for short tails, 32-bit, and one block read for the rest of a run at an aligned
- * address (no size limit). Unselected bytes are never accessed.
+ * address (at most 1 GiB each). Unselected bytes are never accessed.
  * Results: 0; 3; 12; the first failing read's code (bytes read before stay in the buffer).
  * Blocks for each read in turn. */
 PELLIX_EXPORT unsigned int PXST_ReadBlockMasked(int handle, unsigned int address,
@@ -299,7 +306,8 @@ PELLIX_EXPORT unsigned int PXST_VerifyLod(int handle, const char* path, unsigned
 /* Reads `wordCount` 32-bit words from `address` upwards into a new file at `path`: raw
  * words in the machine's byte order if `binary` is non-zero, else a LOD text packet.
  * Results: 0; 3; 12; 16 the file cannot be created (or memory for the words cannot be had);
- * a block read's code (the file is then left empty). */
+ * 13 for a word count above 2^31 - 1 (more than a LOD packet holds; nothing created); a
+ * block read's code (the file is then left empty). */
 PELLIX_EXPORT unsigned int PXST_DumpLod(int handle, const char* path, unsigned int address,
                                         unsigned int wordCount, int binary);
 

@@ -8,6 +8,7 @@
 #include "pellix/lod/LODFileLoader.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -209,6 +210,9 @@ unsigned int dumpLod(int handle, const char* path, unsigned int address, unsigne
 {
     if (const unsigned int result = checkHandle(handle))
         return result;
+    // A LOD packet counts its words in a signed 32-bit field.
+    if (wordCount > unsigned(INT_MAX))
+        return PXST_RESULT_TIMEOUT;
     FilePtr file(std::fopen(path, "wb"));
     if (!file)
         return PXST_RESULT_FILE;

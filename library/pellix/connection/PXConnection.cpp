@@ -622,6 +622,8 @@ unsigned int PXConnection::setEventCallback(void (*callback)(void*), void* userD
 
 unsigned int PXConnection::setBypassFlowIds(unsigned char* ids, int count)
 {
+    if (count < 0 || count > pxproto::MaxFlowIds)
+        return 6;
     QMutexLocker request(&requestMutex);
     const unsigned int result = call(pxproto::setBypassFlowIds(ids, count), 0, 0);
     bypassEnabled.store(true, std::memory_order_relaxed);
@@ -631,6 +633,8 @@ unsigned int PXConnection::setBypassFlowIds(unsigned char* ids, int count)
 unsigned int PXConnection::getBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
                                            int* length)
 {
+    if (size < 0)
+        size = 0;
     QMutexLocker lock(&dataMutex);
     if (bypassPackets.isEmpty()) {
         *length = 0;
@@ -674,6 +678,8 @@ unsigned int PXConnection::getBypassData(unsigned char* buffer, int size, int* l
 unsigned int PXConnection::waitBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
                                             int* length, unsigned int timeout)
 {
+    if (size < 0)
+        size = 0;
     QMutexLocker lock(&dataMutex);
     if (bypassPackets.isEmpty())
         waitOn(bypassCondition, dataMutex, timeout);
@@ -697,7 +703,7 @@ unsigned int PXConnection::waitBypassPacket(unsigned char* flowId, unsigned char
 
 unsigned int PXConnection::sendBypassPacket(unsigned char flowId, unsigned char* data, int size)
 {
-    if (size > pxproto::MaxBypassData)
+    if (size < 0 || size > pxproto::MaxBypassData)
         return 6;
     return sendCommand(pxproto::bypassSend(flowId, data, size));
 }

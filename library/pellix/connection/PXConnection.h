@@ -141,11 +141,14 @@ public:
 
     // ---- bypass flows ---------------------------------------------------------------------------
 
-    // Sends the flow ids to receive and enables reception for the life of the connection. 0.
+    // Sends the flow ids to receive and enables reception for the life of the connection. 0;
+    // 6 for a count below 0 or above 65531 (more than the request's length field holds):
+    // nothing sent, reception unchanged.
     unsigned int setBypassFlowIds(unsigned char* ids, int count);
     // Takes the oldest packet: its flow id and data (bytes after the 4-byte inner header,
-    // checksum included). 0; 5 data longer than `size` (cut, packet consumed); 8 queue empty
-    // or stored packet shorter than 4 bytes (discarded), `length` 0. Does not block.
+    // checksum included). 0; 5 data longer than `size` (cut, packet consumed; a negative size
+    // counts as 0); 8 queue empty or stored packet shorter than 4 bytes (discarded), `length`
+    // 0. Does not block.
     unsigned int getBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
                                  int* length);
     // Takes the oldest packet whole (inner header included). 0; 5 buffer too small: nothing
@@ -156,7 +159,8 @@ public:
     // 8 nothing in time, or a stored packet shorter than 4 bytes (discarded), `length` 0.
     unsigned int waitBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
                                   int* length, unsigned int timeout);
-    // Sends one packet on `flowId`; returns after it is written. 0; 6 more than 65530 bytes.
+    // Sends one packet on `flowId`; returns after it is written. 0; 6 for a size below 0 or
+    // above 65530 bytes (nothing sent).
     unsigned int sendBypassPacket(unsigned char flowId, unsigned char* data, int size);
     // Empties the bypass queue. 0.
     unsigned int flushBypassPackets();

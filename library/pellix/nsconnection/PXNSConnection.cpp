@@ -24,7 +24,7 @@ constexpr unsigned int Failed = 13;
 constexpr int FlushTimeout = 500;
 // Slice of event processing while an inner call waits for an outer request's reply.
 constexpr int NestedSlice = 100;
-constexpr int MaxFlowIds = pxproto::MaxPayloadLength - 4;
+constexpr int MaxFlowIds = pxproto::MaxFlowIds;
 
 // Counts the readSocketData() calls on the stack for the lifetime of one call.
 class DepthGuard
@@ -266,7 +266,7 @@ unsigned int PXNSConnection::genericWrite(unsigned int address, bool internal, v
 {
     if (!socket)
         return NotConnected;
-    if (size > pxproto::MaxWriteData)
+    if (size < 0 || size > pxproto::MaxWriteData)
         return Failed;
     writeFrame(pxproto::writeRequest(address, internal, data, size));
     return Ok;
@@ -327,8 +327,8 @@ unsigned int PXNSConnection::setBypassFlowIds(unsigned char* ids, int count)
 {
     if (!socket)
         return NotConnected;
-    if (count > MaxFlowIds)
-        return Failed;
+    if (count < 0 || count > MaxFlowIds)
+        return BypassTooLarge;
     return sendCommand(pxproto::setBypassFlowIds(ids, count));
 }
 
@@ -371,7 +371,7 @@ unsigned int PXNSConnection::sendBypassPacket(unsigned char flowId, unsigned cha
 {
     if (!socket)
         return NotConnected;
-    if (size > pxproto::MaxBypassData)
+    if (size < 0 || size > pxproto::MaxBypassData)
         return BypassTooLarge;
     return sendCommand(pxproto::bypassSend(flowId, data, size));
 }

@@ -122,7 +122,8 @@ public:
     unsigned int readBlock(unsigned int address, unsigned char* data, int size);
 
     // Writes are one frame each and are not acknowledged: they return at once with 0 or 12
-    // (13 for a genericWrite of more than 65530 bytes, which no frame can hold).
+    // (13 for a genericWrite of a negative size or of more than 65530 bytes, which no frame
+    // can hold; nothing is sent).
     unsigned int genericWrite(unsigned int address, bool internal, void* data, int size);
     unsigned int writei8(unsigned int address, unsigned char value);
     unsigned int write8(unsigned int address, unsigned char value);
@@ -136,7 +137,8 @@ public:
     unsigned int enableEvents(bool enable);
     // Sends the low 8 bits of `type`.
     unsigned int setClientType(pxl_client_type_t type);
-    // 13 for more than 65531 ids (the frame cannot hold them).
+    // 6 (nothing sent) for a count below 0 or above 65531 (the frame cannot hold them), as
+    // PXConnection and PXST_BypassEnable.
     unsigned int setBypassFlowIds(unsigned char* ids, int count);
     unsigned int killPellix();
     unsigned int cleanPellix();
@@ -145,7 +147,8 @@ public:
     unsigned int setBaudRate(int baud);
     unsigned int setPersistent(bool persistent);
     unsigned int setUsbId(unsigned short first, unsigned short second);
-    // Sends `size` bytes on target flow `flowId`; 6 (nothing sent) when size exceeds 65530.
+    // Sends `size` bytes on target flow `flowId`; 6 (nothing sent) for a size below 0 or
+    // above 65530.
     unsigned int sendBypassPacket(unsigned char flowId, unsigned char* data, int size);
     unsigned int autoBauding();
 

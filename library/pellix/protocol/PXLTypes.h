@@ -5,8 +5,13 @@
  * header can use them. */
 
 /* Flow control of the server's serial link, carried as a 32-bit little-endian value.
- * Any value other than 1 and 2 means no flow control. */
+ * Any value other than 1 and 2 means no flow control; every 32-bit value is carried to the
+ * server unchanged, so in C++ the type has a fixed underlying type that holds them all. */
+#ifdef __cplusplus
+typedef enum PXLFlowMode : unsigned int {
+#else
 typedef enum PXLFlowMode {
+#endif
     PXL_FLOW_NONE = 0,
     PXL_FLOW_HARDWARE = 1,
     PXL_FLOW_XONXOFF = 2

@@ -42,6 +42,8 @@ constexpr int MaxPayloadLength = 65535;
 constexpr int MaxFrameSize = MaxPayloadLength + HeaderSize;
 // Largest bypass packet that fits one frame: length field n + 5 must stay within 16 bits.
 constexpr int MaxBypassData = 65530;
+// Most flow ids one bypass-enable request carries (its length field holds count + 4).
+constexpr int MaxFlowIds = MaxPayloadLength - 4;
 // Largest write that fits one frame (length field n + 5).
 constexpr int MaxWriteData = 65530;
 // Block operations of the connections cut their ranges into requests of at most this size.
