@@ -8,7 +8,7 @@ packages=(
     cmake ninja-build g++ clang lld libclang-rt-14-dev ccache
     qt6-base-dev qtbase5-dev libgl-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    binutils python3 pkg-config
+    binutils python3 pkg-config python3-venv python3-pytest
 )
 if [[ "${PELLIX_WITH_PLOTS:-0}" == 1 ]]; then
     packages+=(python3-matplotlib)

@@ -4,8 +4,9 @@
 #   qt5      Qt 5.15,
 #   tsan     the threaded tests under ThreadSanitizer (Qt 6),
 #   install  install into a temporary prefix, build the examples against it and run them,
+#   python   the Python package installed with pip into a fresh environment, its pytest tests,
 #   fuzz     every libFuzzer target for PELLIX_FUZZ_SECONDS (default 60) with ASan + UBSan.
-# Usage: scripts/test.sh [stage ...]   (default: all five, in that order)
+# Usage: scripts/test.sh [stage ...]   (default: all six, in that order)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,7 +16,7 @@ jobs=$(nproc)
 test_jobs=$((jobs * 3))
 configs=("$@")
 if ((${#configs[@]} == 0)); then
-    configs=(asan qt5 tsan install fuzz)
+    configs=(asan qt5 tsan install python fuzz)
 fi
 
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1"
@@ -30,6 +31,11 @@ for config in "${configs[@]}"; do
     install)
         echo "=== install: package, examples against it"
         scripts/check-install.sh release || status=1
+        continue
+        ;;
+    python)
+        echo "=== python: the package, installed with pip, against the simulator"
+        scripts/python-tests.sh || status=1
         continue
         ;;
     fuzz)

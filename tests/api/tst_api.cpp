@@ -478,7 +478,9 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     }
     // A flow mode outside the named ones is carried unchanged.
     EXPECT_EQ(PXST_ChangeFlowMode(handle, static_cast<PXLFlowMode>(0x12345678u)), PXST_RESULT_OK);
-    ASSERT_TRUE(fake.waitForFrames(1));
-    EXPECT_EQ(fake.frames(), QList<QByteArray>{pxproto::setFlowMode(0x12345678u)});
+    EXPECT_EQ(PXST_ChangeBaudRate(handle, 115200), PXST_RESULT_OK);
+    ASSERT_TRUE(fake.waitForFrames(2));
+    EXPECT_EQ(fake.frames(),
+              (QList<QByteArray>{pxproto::setFlowMode(0x12345678u), pxproto::setBaudRate(115200)}));
     EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
 }

@@ -200,6 +200,16 @@ unsigned int PXST_Ping(int handle)
     return withConnection(handle, [](PXConnection& c) { return c.ping(); });
 }
 
+extern "C" unsigned int PXST_PingPellix(int handle)
+{
+    return PXST_Ping(handle);
+}
+
+extern "C" unsigned int PXST_ChangeBaudRate(int handle, int baud)
+{
+    return withConnection(handle, [&](PXConnection& c) { return c.setBaudRate(baud); });
+}
+
 extern "C" unsigned int PXST_LaunchTargetAutoBauding(int handle)
 {
     return withConnection(handle, [](PXConnection& c) { return c.autoBauding(); });

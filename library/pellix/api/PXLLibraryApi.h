@@ -326,6 +326,18 @@ PELLIX_EXPORT unsigned int PXST_DumpLodProgress(int handle, const char* path, un
                                                 unsigned int wordCount, int binary,
                                                 PXST_ProgressCallback callback, void* userData);
 
+/* ---- additions with C linkage ---------------------------------------------------------------
+ * Not in the original set of calls; there for callers that reach the library through a C
+ * foreign-function interface (the Python package, for one). */
+
+/* Pings the server and waits for its answer: PXST_Ping with C linkage.
+ * Results: 0; 3; 12; 13 no answer within 5000 ms. Blocks at most 5000 ms. */
+PELLIX_EXPORT unsigned int PXST_PingPellix(int handle);
+
+/* Sets the baud rate of the server's serial link. Results: 0; 3; 12. Returns once the
+ * request is written. */
+PELLIX_EXPORT unsigned int PXST_ChangeBaudRate(int handle, int baud);
+
 #ifdef __cplusplus
 }
 

@@ -1,0 +1,169 @@
+"""The Python package against the real pellix simulator, started the way users start it
+(pellix.open with a serial port number starts the server found beside the library).
+
+Run with PELLIX_LIBRARY pointing at a non-sanitizer build of libpellix_library.so, whose
+folder also holds the pellix program."""
+
+from __future__ import annotations
+
+import socket
+import threading
+import time
+
+import pytest
+
+import pellix
+
+# Serial ports of these tests (TCP 7850..); the C interface tests use 100..149.
+PORT = 150
+EVENT_REGISTER = 0xFFFFFF00
+
+
+@pytest.fixture(scope="module")
+def target():
+    connection = pellix.open(PORT)
+    yield connection
+    connection.kill()
+    connection.close()
+
+
+def test_memory_at_every_width_blocks_and_masks(target):
+    target.clean()
+    target.write8(0x1001, 0xAB)
+    target.write16(0x1002, 0xBEEF)
+    target.write32(0x1004, 0xCAFEF00D)
+    target.write_internal(0x10, 0x5A)
+    assert (target.read8(0x1001), target.read16(0x1002), target.read32(0x1004)) == (
+        0xAB, 0xBEEF, 0xCAFEF00D)
+    assert target.read_internal(0x10) == 0x5A
+    data = bytes(range(256)) * 400  # 100 KiB: several 32 KiB requests
+    target.write(0x20001, data)
+    assert target.read(0x20001, len(data)) == data
+    mask = b"\xff\x00\xff\xff"
+    assert target.read_masked(0x20001, mask) == bytes([data[0], 0, data[2], data[3]])
+    assert target.read(0x20001, 0) == b""
+
+
+def test_events_queue_iterator_and_callback_thread(target):
+    with pytest.raises(pellix.EventsNotEnabled) as raised:
+        pellix.open(PORT, start=False).pop_event()
+    assert raised.value.code == 20
+    target.enable_events()
+    target.flush_events()
+    assert target.pop_event() is None
+    target.write32(EVENT_REGISTER, 7)
+    assert target.wait_event(5) == 7
+    for value in (1, 2, 3):
+        target.write32(EVENT_REGISTER, value)
+    assert list(target.events(timeout=0.5)) == [1, 2, 3]
+
+    # The callback runs on a Python thread of the connection; one that raises is recorded
+    # and the thread goes on with the next event.
+    seen = []
+    done = threading.Event()
+
+    def callback(event: int) -> None:
+        seen.append((event, threading.current_thread().name))
+        if event == 40:
+            raise RuntimeError("callback failed")
+        if event == 41:
+            done.set()
+
+    target.enable_events(callback=callback)
+    target.write32(EVENT_REGISTER, 40)
+    target.write32(EVENT_REGISTER, 41)
+    assert done.wait(5)
+    assert seen == [(40, "pellix-events"), (41, "pellix-events")]
+    assert [str(e) for e in target.callback_errors] == ["callback failed"]
+    target.enable_events(False)
+
+
+def test_bypass_round_trip_and_iterator(target):
+    target.enable_bypass([0x21, 0x22])
+    target.flush_bypass()
+    target.send_bypass(0x21, b"\x11\x13\xad\x5c hello")
+    assert target.wait_bypass(5) == (0x21, b"\x11\x13\xad\x5c hello")
+    target.send_bypass(0x22, b"")
+    target.send_bypass(0x21, b"x")
+    assert list(target.bypass_packets(timeout=0.5)) == [(0x22, b""), (0x21, b"x")]
+    assert target.wait_bypass(0) is None
+    with pytest.raises(pellix.PacketTooLarge) as raised:
+        target.send_bypass(0x21, bytes(65531))
+    assert raised.value.code == 6 and isinstance(raised.value, ValueError)
+
+
+def test_server_control(target):
+    target.ping()
+    assert target.status() is True
+    for call in (target.flush, target.auto_baud, target.send_break, target.reconnect):
+        call()
+    target.set_baud(115200)
+    target.set_flow("xonxoff")
+    target.set_flow(0x12345678)
+    target.set_usb_ids(0x1234, 0x5678)
+    assert target.connected
+    with pytest.raises(ValueError):
+        target.set_flow("sometimes")
+
+
+def test_firmware_load_verify_dump(target, tmp_path):
+    words = [0x11110000 + i for i in range(1000)]
+    lod = tmp_path / "image.lod"
+    lod.write_text("@00300000\n" + "".join(f"{w:08x}\n" for w in words))
+    progress = []
+    target.load(lod, verify=True, progress=lambda done, total: progress.append(
+        (done, total, threading.current_thread())))
+    done, total, thread = progress[-1]
+    assert done == total == 8000  # loaded and read back
+    assert thread is threading.main_thread()
+    assert target.verify(lod) is None
+    target.write32(0x00300008, 0)
+    assert target.verify(lod, progress=lambda done, total: None) == 0x00300008
+
+    # The second packet overwrites a word of the first: the verification after the load
+    # finds it changed.
+    clash = tmp_path / "clash.lod"
+    clash.write_text("@00300000\n00000001\n00000002\n@00300004\n0bad0bad\n")
+    with pytest.raises(pellix.VerifyMismatch) as raised:
+        target.load(clash, verify=True)
+    assert raised.value.code == 17 and raised.value.address == 0x00300004
+
+    binary = tmp_path / "dump.bin"
+    target.dump(binary, 0x00300000, 4, binary=True)
+    assert binary.read_bytes() == b"".join(
+        w.to_bytes(4, "little") for w in [1, 0x0BAD0BAD, 0, words[3]])
+    text = tmp_path / "dump.lod"
+    target.dump(text, 0x00300000, 2, progress=lambda done, total: None)
+    assert [line.lower() for line in text.read_text().split()] == [
+        "@00300000", "00000001", "0bad0bad"]
+    with pytest.raises(pellix.FileError):
+        target.load(tmp_path / "missing.lod")
+
+
+def test_error_mapping():
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    port = listener.getsockname()[1]
+    listener.close()
+    with pytest.raises(pellix.ConnectionFailed) as raised:
+        pellix.open(host="127.0.0.1", tcp_port=port)
+    assert raised.value.code == 11 and isinstance(raised.value, ConnectionError)
+    assert "no connection" in raised.value.text
+
+    # A server that accepts and never answers: requests end by their time-out.
+    silent = socket.socket()
+    silent.bind(("127.0.0.1", 0))
+    silent.listen()
+    connection = pellix.open(host="127.0.0.1", tcp_port=silent.getsockname()[1])
+    start = time.monotonic()
+    with pytest.raises(pellix.ReplyTimeout) as raised:
+        connection.ping()
+    assert raised.value.code == 13 and isinstance(raised.value, TimeoutError)
+    assert 4.5 < time.monotonic() - start < 10
+    handle = connection.handle
+    connection.close()
+    connection.close()  # closing twice is harmless
+    with pytest.raises(pellix.UnknownHandle) as raised:
+        pellix.Connection(handle).read32(0)
+    assert raised.value.code == 3
+    silent.close()
