@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs the whole test suite:
+#   format   every C and C++ source formatted as .clang-format says (clang-format --dry-run),
 #   asan     Qt 6 under AddressSanitizer + UndefinedBehaviorSanitizer (any report fails),
 #   qt5      Qt 5.15,
 #   tsan     the threaded tests under ThreadSanitizer (Qt 6),
 #   install  install into a temporary prefix, build the examples against it and run them,
 #   python   the Python package installed with pip into a fresh environment, its pytest tests,
 #   fuzz     every libFuzzer target for PELLIX_FUZZ_SECONDS (default 60) with ASan + UBSan.
-# Usage: scripts/test.sh [stage ...]   (default: all six, in that order)
+# Usage: scripts/test.sh [stage ...]   (default: all seven, in that order)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,7 +17,7 @@ jobs=$(nproc)
 test_jobs=$((jobs * 3))
 configs=("$@")
 if ((${#configs[@]} == 0)); then
-    configs=(asan qt5 tsan install python fuzz)
+    configs=(format asan qt5 tsan install python fuzz)
 fi
 
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1"
@@ -28,6 +29,13 @@ export QT_QPA_PLATFORM=offscreen
 status=0
 for config in "${configs[@]}"; do
     case "$config" in
+    format)
+        echo "=== format: clang-format --dry-run --Werror"
+        if ! git ls-files -z '*.c' '*.cpp' '*.h' | xargs -0 clang-format --dry-run --Werror; then
+            status=1
+        fi
+        continue
+        ;;
     install)
         echo "=== install: package, examples against it"
         scripts/check-install.sh release || status=1

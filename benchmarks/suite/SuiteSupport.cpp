@@ -2,8 +2,8 @@
 
 #include "SimulatorProcess.h"
 
-#include <cerrno>
 #include <QtGlobal>
+#include <cerrno>
 
 #include <algorithm>
 #include <arpa/inet.h>

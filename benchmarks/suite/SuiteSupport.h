@@ -128,17 +128,17 @@ void timeCalls(benchmark::State& state, const char* name, Call call)
     // call of all threads: in a threaded run every thread sees the whole process's time over
     // about the same interval, so each divides by all threads' calls and they are averaged.
     if (state.iterations() > 0)
-        state.counters["cpu_us"] = benchmark::Counter(
-            (processCpuSeconds() - cpuStart) * 1e6 /
-                (double(state.iterations()) * double(state.threads())),
-            benchmark::Counter::kAvgThreads);
+        state.counters["cpu_us"] =
+            benchmark::Counter((processCpuSeconds() - cpuStart) * 1e6 /
+                                   (double(state.iterations()) * double(state.threads())),
+                               benchmark::Counter::kAvgThreads);
     // Each is a thread going to sleep (or being put aside): what a wake-up costs is paid per
     // switch, so this counts the hand-offs of a call.
     if (state.iterations() > 0)
-        state.counters["switches"] = benchmark::Counter(
-            (processContextSwitches() - switchesStart) /
-                (double(state.iterations()) * double(state.threads())),
-            benchmark::Counter::kAvgThreads);
+        state.counters["switches"] =
+            benchmark::Counter((processContextSwitches() - switchesStart) /
+                                   (double(state.iterations()) * double(state.threads())),
+                               benchmark::Counter::kAvgThreads);
 }
 
 // Writes the recorded samples as CSV ("benchmark,us") to the file named by

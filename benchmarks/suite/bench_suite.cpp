@@ -1063,8 +1063,9 @@ void registerAll()
     }
 
     // Paired/<measurement>/<client>[/FastServer]
-    const std::pair<Client, const char*> pairedClients[] = {
-        {Client::Connection, "Connection"}, {Client::CApi, "CApi"}, {Client::NSConnection, "NSConnection"}};
+    const std::pair<Client, const char*> pairedClients[] = {{Client::Connection, "Connection"},
+                                                            {Client::CApi, "CApi"},
+                                                            {Client::NSConnection, "NSConnection"}};
     for (const bool fast : {false, true}) {
         const std::string server = fast ? "/FastServer" : "";
         for (const auto& [client, name] : pairedClients) {
@@ -1079,8 +1080,8 @@ void registerAll()
                                          client, fast)
                 ->UseRealTime()
                 ->Unit(benchmark::kMillisecond);
-            benchmark::RegisterBenchmark(("Paired/WriteBlock/" + suffix).c_str(),
-                                         pairedWriteBlock, client, fast)
+            benchmark::RegisterBenchmark(("Paired/WriteBlock/" + suffix).c_str(), pairedWriteBlock,
+                                         client, fast)
                 ->UseRealTime()
                 ->Unit(benchmark::kMillisecond);
         }

@@ -60,7 +60,9 @@ void answer(const QByteArray& frame, QByteArray& out)
     case pxproto::request::Read: // also Write: told apart by the access code
         if (length == pxproto::SingleReadLength && p[4] < 0x80) {
             const quint32 address = pxproto::getLe32(p + 5) & MemoryMask;
-            const int size = p[4] == pxproto::access::Read8 ? 1 : p[4] == pxproto::access::Read16 ? 2 : 4;
+            const int size = p[4] == pxproto::access::Read8    ? 1
+                             : p[4] == pxproto::access::Read16 ? 2
+                                                               : 4;
             out += pxproto::readData(pxproto::getLe32(p + 5), &memory[address], size);
         } else if (length >= 5) {
             const quint32 address = pxproto::getLe32(p + 5) & MemoryMask;
@@ -123,7 +125,8 @@ int main()
     QByteArray out;
     auto lastActivity = std::chrono::steady_clock::now();
     for (;;) {
-        const bool spin = std::chrono::steady_clock::now() - lastActivity < std::chrono::milliseconds(50);
+        const bool spin =
+            std::chrono::steady_clock::now() - lastActivity < std::chrono::milliseconds(50);
         epoll_event ready[16];
         const int count = ::epoll_wait(poller, ready, 16, spin ? 0 : -1);
         if (count <= 0)

@@ -112,8 +112,8 @@ TEST(ConnectionFake, RequestsWithoutSocketOrWithInvalidSizesSendNothing)
     // The flow mode travels as a 32-bit value, named or not.
     EXPECT_EQ(c.connection.setFlowMode(static_cast<PXLFlowMode>(0x12345678u)), 0u);
     c.sync();
-    EXPECT_EQ(c.server.frames(), (QList<QByteArray>{pxproto::setFlowMode(0x12345678u),
-                                                    pxproto::ping()}));
+    EXPECT_EQ(c.server.frames(),
+              (QList<QByteArray>{pxproto::setFlowMode(0x12345678u), pxproto::ping()}));
     // Bypass reception was not switched on by a refused flow id list.
     c.server.send(pxproto::bypassFrame(pxproto::debugPacket(1, "x", 1)));
     c.sync();

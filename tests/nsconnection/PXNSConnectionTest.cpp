@@ -17,8 +17,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <climits>
+#include <functional>
 #include <numeric>
 #include <vector>
 
@@ -190,7 +190,8 @@ TEST_F(NSConnectionFake, WritesAndCommandsAreSentAtOnce)
         pxproto::writeRequest(0x20, true, "\x3C", 1),
         pxproto::writeRequest(0x40001, false, bytes, 32768),
         pxproto::writeRequest(0x48001, false, bytes + 32768, 40000 - 32768),
-        pxproto::bypassSend(3, bytes, pxproto::MaxBypassData), pxproto::setFlowMode(0xFFFFFFFFu),
+        pxproto::bypassSend(3, bytes, pxproto::MaxBypassData),
+        pxproto::setFlowMode(0xFFFFFFFFu),
         pxproto::flushFifos()};
     ASSERT_TRUE(server.waitForFrames(int(expected.size())));
     EXPECT_EQ(server.frames(), expected);

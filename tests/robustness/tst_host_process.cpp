@@ -106,10 +106,9 @@ TEST(HostProcess, LibraryLeavesTheLocaleOfAHostWithoutApplicationAlone)
     setenv("LANG", "C.UTF-8", 1);
     ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
     ASSERT_NE(std::setlocale(LC_TIME, "C.UTF-8"), nullptr) << "a mixed locale, one category apart";
-    const std::vector<int> categories = {LC_CTYPE,  LC_NUMERIC, LC_TIME,      LC_COLLATE,
-                                         LC_MONETARY, LC_MESSAGES, LC_PAPER,  LC_NAME,
-                                         LC_ADDRESS, LC_TELEPHONE, LC_MEASUREMENT,
-                                         LC_IDENTIFICATION};
+    const std::vector<int> categories = {
+        LC_CTYPE, LC_NUMERIC, LC_TIME,    LC_COLLATE,   LC_MONETARY,    LC_MESSAGES,
+        LC_PAPER, LC_NAME,    LC_ADDRESS, LC_TELEPHONE, LC_MEASUREMENT, LC_IDENTIFICATION};
     std::vector<std::string> before;
     for (int category : categories)
         before.emplace_back(std::setlocale(category, nullptr));
@@ -122,7 +121,8 @@ TEST(HostProcess, LibraryLeavesTheLocaleOfAHostWithoutApplicationAlone)
     EXPECT_TRUE(PXClientManager::ownsApplication());
 
     for (size_t i = 0; i < categories.size(); ++i)
-        EXPECT_EQ(std::setlocale(categories[i], nullptr), before[i]) << "category " << categories[i];
+        EXPECT_EQ(std::setlocale(categories[i], nullptr), before[i])
+            << "category " << categories[i];
     char text[16];
     std::snprintf(text, sizeof(text), "%.1f", 1.5);
     EXPECT_STREQ(text, "1.5");

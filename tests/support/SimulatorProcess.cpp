@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <sched.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -64,7 +64,8 @@ void SimulatorProcess::launch(const QStringList& arguments, const QString& progr
         // (a benchmark run under taskset measures a client that shares its processor).
         cpu_set_t all;
         CPU_ZERO(&all);
-        for (long cpu = 0, count = sysconf(_SC_NPROCESSORS_ONLN); cpu < count && cpu < CPU_SETSIZE; ++cpu)
+        for (long cpu = 0, count = sysconf(_SC_NPROCESSORS_ONLN); cpu < count && cpu < CPU_SETSIZE;
+             ++cpu)
             CPU_SET(int(cpu), &all);
         sched_setaffinity(0, sizeof all, &all);
         dup2(out[1], STDOUT_FILENO);

@@ -141,9 +141,9 @@ private:
 
 // Every locale category, so that what QCoreApplication's constructor changes can be undone.
 constexpr int LocaleCategories[] = {
-    LC_CTYPE, LC_NUMERIC, LC_TIME, LC_COLLATE, LC_MONETARY, LC_MESSAGES,
+    LC_CTYPE, LC_NUMERIC, LC_TIME,    LC_COLLATE,   LC_MONETARY,    LC_MESSAGES,
 #ifdef LC_PAPER
-    LC_PAPER, LC_NAME, LC_ADDRESS, LC_TELEPHONE, LC_MEASUREMENT, LC_IDENTIFICATION,
+    LC_PAPER, LC_NAME,    LC_ADDRESS, LC_TELEPHONE, LC_MEASUREMENT, LC_IDENTIFICATION,
 #endif
 };
 
@@ -258,8 +258,8 @@ void PXClientManager::run()
     connect(notifier, &QSocketNotifier::activated, this, &PXClientManager::onSocketsReady);
     connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, this,
             &PXClientManager::checkApplication, Qt::DirectConnection);
-    connect(dispatcher, &QAbstractEventDispatcher::awake, this,
-            &PXClientManager::checkApplication, Qt::DirectConnection);
+    connect(dispatcher, &QAbstractEventDispatcher::awake, this, &PXClientManager::checkApplication,
+            Qt::DirectConnection);
     checkApplication();
     pxtsan::release(&running);
     running.release();
@@ -282,8 +282,8 @@ void PXClientManager::checkApplication()
     }
     watchedApplication = application;
     if (application->thread() != this) {
-        connect(application, &QObject::destroyed, this,
-                &PXClientManager::onHostApplicationGone, Qt::DirectConnection);
+        connect(application, &QObject::destroyed, this, &PXClientManager::onHostApplicationGone,
+                Qt::DirectConnection);
     }
 }
 

@@ -196,7 +196,8 @@ bool PXConnection::sendFrame(const QByteArray& frame, unsigned long timeout)
             outbox.clear();
             return true;
         }
-        const ssize_t n = ::send(fd, bytes + sent, size_t(left - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t n =
+            ::send(fd, bytes + sent, size_t(left - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n > 0) {
             sent += n;
             if (sent == left) {
