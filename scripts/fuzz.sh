@@ -33,13 +33,20 @@ for target in "${targets[@]}"; do
     work=build/fuzz/corpus/$target
     findings=build/fuzz/findings/$target
     mkdir -p "$work" "$findings"
-    echo "== fuzzing $target for ${seconds}s"
+    # libFuzzer's own log (thousands of lines) goes to a file; one summary line per target
+    # is printed, and the log's end when a fault is found.
+    log=build/fuzz/$target.log
     # Inputs are bounded by the targets themselves; -timeout catches an input that hangs
     # (the slowest legitimate input takes well under a second).
-    if ! build/fuzz/bin/${target}_fuzzer "$work" "fuzz/corpus/$target" \
+    if build/fuzz/bin/${target}_fuzzer "$work" "fuzz/corpus/$target" \
         -max_total_time="$seconds" -timeout=10 -rss_limit_mb=4096 -max_len=70000 \
-        -artifact_prefix="$findings/" -print_final_stats=1 ${FUZZ_FLAGS:-}; then
-        echo "!! $target: fault found, input in $findings/" >&2
+        -artifact_prefix="$findings/" -print_final_stats=1 ${FUZZ_FLAGS:-} >"$log" 2>&1; then
+        stat() { sed -n "s/^stat::$1: *//p" "$log" | tail -n 1; }
+        echo "fuzz $target: ${seconds} s, $(stat number_of_executed_units) runs" \
+            "($(stat average_exec_per_sec)/s), $(stat new_units_added) new inputs, no fault"
+    else
+        tail -n 60 "$log" >&2
+        echo "!! fuzz $target: fault found, input in $findings/, log in $log" >&2
         status=1
     fi
 done
