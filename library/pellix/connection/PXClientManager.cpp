@@ -2,7 +2,7 @@
 
 #include "pellix/connection/PXCallback.h"
 #include "pellix/connection/PXConnection.h"
-#include "pellix/tsan_p.h"
+#include "pellix/connection/tsan_p.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>

@@ -4,7 +4,7 @@
 #include "pellix/connection/PXReplyLook.h"
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXProtocol.h"
-#include "pellix/tsan_p.h"
+#include "pellix/connection/tsan_p.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>

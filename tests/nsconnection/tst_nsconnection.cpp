@@ -1,6 +1,6 @@
 // PXNSConnection under a QCoreApplication, against the scripted fake server: the requests it
 // writes, time-outs, nesting, hold-back order, replies a correct server never sends, the
-// server going away. (Against the real simulator: tests/robustness/tst_churn.)
+// server going away. (Against the real simulator: the churn case of tests/robustness/tst_stress.)
 
 #include "FakeServer.h"
 #include "RefusedPort.h"

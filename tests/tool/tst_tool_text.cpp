@@ -1,6 +1,6 @@
 // The pure helpers of pxtool where the end-to-end tests cannot reach every edge: number and
 // byte parsing, the progress line's limits. Argument splitting, hex dumps and sizes are
-// checked through the tool in PXToolEndToEndTest.
+// checked through the tool in tst_tool.
 
 #include "PXToolText.h"
 

@@ -78,7 +78,7 @@ protected:
 // ---- without a server -------------------------------------------------------------------
 
 // A case for each kind of mistake; the parsing of numbers and bytes has its tables in
-// PXToolTextTest.
+// tst_tool_text.
 TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
 {
     // Port 249 has no server; a usage error must be found before any connection attempt
