@@ -401,7 +401,7 @@ extern "C" unsigned int PXST_Read32(int handle, unsigned int address, unsigned i
 extern "C" unsigned int PXST_ReadBlock(int handle, unsigned int address, void* buffer,
                                        unsigned int size)
 {
-    return withConnection(handle, [&](PXConnection& c) {
+    return withConnection(handle, [&](PXConnection& c) -> unsigned int {
         if (size > unsigned(INT_MAX))
             return PXST_RESULT_TIMEOUT;
         return c.readBlock(address, static_cast<unsigned char*>(buffer), static_cast<int>(size));
@@ -437,7 +437,7 @@ extern "C" unsigned int PXST_Write32(int handle, unsigned int address, unsigned 
 extern "C" unsigned int PXST_WriteBlock(int handle, unsigned int address, unsigned int* data,
                                         unsigned int size)
 {
-    return withConnection(handle, [&](PXConnection& c) {
+    return withConnection(handle, [&](PXConnection& c) -> unsigned int {
         if (size > unsigned(INT_MAX))
             return PXST_RESULT_TIMEOUT;
         return c.writeBlock(address, data, static_cast<int>(size));
@@ -450,7 +450,7 @@ extern "C" unsigned int PXST_WriteBlock(int handle, unsigned int address, unsign
 unsigned int PXST_BatchRead(int handle, unsigned int address, unsigned char* buffer,
                             unsigned int size)
 {
-    return withConnection(handle, [&](PXConnection& c) {
+    return withConnection(handle, [&](PXConnection& c) -> unsigned int {
         if (size > unsigned(INT_MAX))
             return PXST_RESULT_TIMEOUT;
         return c.readBlock(address, buffer, static_cast<int>(size));
@@ -492,7 +492,7 @@ extern "C" unsigned int PXST_ReadBlockMasked(int handle, unsigned int address,
                                              unsigned char* buffer, unsigned int size,
                                              unsigned char* mask)
 {
-    return withConnection(handle, [&](PXConnection& c) {
+    return withConnection(handle, [&](PXConnection& c) -> unsigned int {
         std::memset(buffer, 0, size);
         unsigned int position = 0;
         while (position < size) {

@@ -51,21 +51,7 @@
 #include "pellix/pellix_export.h"
 #include "pellix/protocol/PXLTypes.h"
 
-/* Result codes. */
-#define PXST_RESULT_OK 0u
-#define PXST_RESULT_UNKNOWN_HANDLE 3u
-#define PXST_RESULT_BUFFER_TOO_SMALL 5u
-#define PXST_RESULT_PACKET_TOO_LARGE 6u
-#define PXST_RESULT_NO_PACKET 8u
-#define PXST_RESULT_NO_CONNECTION 11u
-#define PXST_RESULT_NOT_CONNECTED 12u
-#define PXST_RESULT_TIMEOUT 13u
-#define PXST_RESULT_LOD_FORMAT 15u
-#define PXST_RESULT_FILE 16u
-#define PXST_RESULT_MISMATCH 17u
-#define PXST_RESULT_NO_EVENT 19u
-#define PXST_RESULT_EVENTS_DISABLED 20u
-#define PXST_RESULT_UNSUPPORTED 30u
+/* Result codes: PXLResult (pellix/protocol/PXLTypes.h), the same in every layer. */
 
 /* Progress of a LOD transfer: `done` of `total` bytes moved so far. Called on the caller's
  * thread. */

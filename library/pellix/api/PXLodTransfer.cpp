@@ -150,8 +150,8 @@ unsigned int verifyLod(int handle, const char* path, unsigned int* failAddress, 
         if (!readBack)
             return PXST_RESULT_FILE;
 
-        const unsigned int result =
-            forEachChunk(transfer, bytes, [&](unsigned long long offset, unsigned int piece) {
+        const unsigned int result = forEachChunk(
+            transfer, bytes, [&](unsigned long long offset, unsigned int piece) -> unsigned int {
                 const auto address = static_cast<unsigned int>(packet->address + offset);
                 const unsigned int read = PXST_ReadBlock(handle, address, readBack.get(), piece);
                 if (read != PXST_RESULT_OK)

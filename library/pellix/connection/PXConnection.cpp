@@ -2,9 +2,9 @@
 
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXReplyLook.h"
+#include "pellix/connection/tsan_p.h"
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXProtocol.h"
-#include "pellix/connection/tsan_p.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -423,8 +423,8 @@ unsigned int PXConnection::call(const QByteArray& frame, quint32 flag, unsigned 
 {
     const int fd = socketFd.load(std::memory_order_acquire);
     if (fd < 0)
-        return flag ? 13 : 0;
-    unsigned int result = 0;
+        return flag ? PXST_RESULT_TIMEOUT : PXST_RESULT_OK;
+    unsigned int result = PXST_RESULT_OK;
     bool owed;
     {
         QMutexLocker lock(&dataMutex);
@@ -432,7 +432,7 @@ unsigned int PXConnection::call(const QByteArray& frame, quint32 flag, unsigned 
         pendingFlags.fetch_or(flag, std::memory_order_relaxed);
         const bool sent = sendFrame(frame, ReplyTimeout);
         if (!flag) {
-            result = sent ? 0 : 13;
+            result = sent ? PXST_RESULT_OK : PXST_RESULT_TIMEOUT;
         } else if (flag == PendingRead) {
             // A read fails when a whole time-out passes without any of its data arriving.
             qint32 last = readRemaining;
@@ -441,21 +441,21 @@ unsigned int PXConnection::call(const QByteArray& frame, quint32 flag, unsigned 
                 waitReply(PendingRead, timeout, look);
                 look = false;
                 if (readRemaining < 0) {
-                    result = 13;
+                    result = PXST_RESULT_TIMEOUT;
                     break;
                 }
                 if (!(pendingFlags.load(std::memory_order_relaxed) & PendingRead))
                     break;
                 if (readRemaining == last) {
                     pendingFlags.fetch_and(~quint32(PendingRead), std::memory_order_relaxed);
-                    result = 13;
+                    result = PXST_RESULT_TIMEOUT;
                     break;
                 }
                 last = readRemaining;
             }
         } else if (!waitReply(flag, timeout, true)) {
             pendingFlags.fetch_and(~flag, std::memory_order_relaxed);
-            result = 13;
+            result = PXST_RESULT_TIMEOUT;
         }
         endCall();
         // Callbacks owed for events and packets read on the way have run by the time the
@@ -471,7 +471,7 @@ unsigned int PXConnection::call(const QByteArray& frame, quint32 flag, unsigned 
 unsigned int PXConnection::genericRead(unsigned int address, bool internal, void* data, int size)
 {
     if (size < 1 || (size == 3 && !internal))
-        return 13;
+        return PXST_RESULT_TIMEOUT;
     QMutexLocker request(&requestMutex);
     {
         QMutexLocker lock(&dataMutex);
@@ -485,10 +485,10 @@ unsigned int PXConnection::genericRead(unsigned int address, bool internal, void
 unsigned int PXConnection::genericWrite(unsigned int address, bool internal, void* data, int size)
 {
     if (size < 0 || size > pxproto::MaxWriteData)
-        return 13;
+        return PXST_RESULT_TIMEOUT;
     QMutexLocker request(&requestMutex);
     if (!isConnected())
-        return 13;
+        return PXST_RESULT_TIMEOUT;
     return call(pxproto::writeRequest(address, internal, data, size), PendingWrite, ReplyTimeout);
 }
 
@@ -515,7 +515,7 @@ unsigned int PXConnection::read32(unsigned int address, unsigned int* value)
 unsigned int PXConnection::readBlock(unsigned int address, unsigned char* data, int size)
 {
     if (size < 1)
-        return 0;
+        return PXST_RESULT_OK;
     int remaining = size;
     while (remaining > 1) {
         const int chunk = pxproto::readChunkSize(address, remaining);
@@ -524,7 +524,7 @@ unsigned int PXConnection::readBlock(unsigned int address, unsigned char* data, 
             return result;
         remaining -= chunk;
         if (remaining == 0)
-            return 0;
+            return PXST_RESULT_OK;
         address += unsigned(chunk);
         data += chunk;
     }
@@ -554,7 +554,7 @@ unsigned int PXConnection::write32(unsigned int address, unsigned int value)
 unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, int size)
 {
     if (size < 1)
-        return 0;
+        return PXST_RESULT_OK;
     auto* bytes = reinterpret_cast<unsigned char*>(data);
     int remaining = size;
     for (;;) {
@@ -564,7 +564,7 @@ unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, 
             return result;
         remaining -= chunk;
         if (remaining == 0)
-            return 0;
+            return PXST_RESULT_OK;
         address += unsigned(chunk);
         bytes += chunk;
     }
@@ -584,31 +584,31 @@ unsigned int PXConnection::popEvent(unsigned int* event)
 {
     QMutexLocker lock(&dataMutex);
     if (!eventsEnabled.load(std::memory_order_relaxed))
-        return 20;
+        return PXST_RESULT_EVENTS_DISABLED;
     if (events.isEmpty())
-        return 19;
+        return PXST_RESULT_NO_EVENT;
     *event = events.takeFirst();
-    return 0;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXConnection::waitEvent(unsigned int* event, unsigned int timeout)
 {
     QMutexLocker lock(&dataMutex);
     if (!eventsEnabled.load(std::memory_order_relaxed))
-        return 20;
+        return PXST_RESULT_EVENTS_DISABLED;
     if (events.isEmpty())
         waitOn(eventCondition, dataMutex, timeout);
     if (events.isEmpty())
-        return 19;
+        return PXST_RESULT_NO_EVENT;
     *event = events.takeFirst();
-    return 0;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXConnection::flushEvents()
 {
     QMutexLocker lock(&dataMutex);
     events = QList<unsigned int>();
-    return 0;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXConnection::setEventCallback(void (*callback)(void*), void* userData)
@@ -616,7 +616,7 @@ unsigned int PXConnection::setEventCallback(void (*callback)(void*), void* userD
     QMutexLocker request(&requestMutex);
     QMutexLocker lock(&dataMutex);
     eventCallback.reset(callback, userData);
-    return 0;
+    return PXST_RESULT_OK;
 }
 
 // ---- bypass -----------------------------------------------------------------------------------
@@ -624,7 +624,7 @@ unsigned int PXConnection::setEventCallback(void (*callback)(void*), void* userD
 unsigned int PXConnection::setBypassFlowIds(unsigned char* ids, int count)
 {
     if (count < 0 || count > pxproto::MaxFlowIds)
-        return 6;
+        return PXST_RESULT_PACKET_TOO_LARGE;
     QMutexLocker request(&requestMutex);
     const unsigned int result = call(pxproto::setBypassFlowIds(ids, count), 0, 0);
     bypassEnabled.store(true, std::memory_order_relaxed);
@@ -639,18 +639,18 @@ unsigned int PXConnection::getBypassPacket(unsigned char* flowId, unsigned char*
     QMutexLocker lock(&dataMutex);
     if (bypassPackets.isEmpty()) {
         *length = 0;
-        return 8;
+        return PXST_RESULT_NO_PACKET;
     }
     const QByteArray packet = bypassPackets.takeFirst();
     if (packet.size() < 4) {
         *length = 0;
-        return 8;
+        return PXST_RESULT_NO_PACKET;
     }
     int n = int(packet.size()) - 4;
     unsigned int result = 0;
     if (n > size) {
         n = size;
-        result = 5;
+        result = PXST_RESULT_BUFFER_TOO_SMALL;
     }
     *length = n;
     *flowId = static_cast<unsigned char>(packet.at(3));
@@ -664,16 +664,16 @@ unsigned int PXConnection::getBypassData(unsigned char* buffer, int size, int* l
     QMutexLocker lock(&dataMutex);
     *length = 0;
     if (bypassPackets.isEmpty())
-        return 8;
+        return PXST_RESULT_NO_PACKET;
     const QByteArray& packet = bypassPackets.first();
     const int whole = int(packet.size());
     *length = whole;
     if (size < whole)
-        return 5;
+        return PXST_RESULT_BUFFER_TOO_SMALL;
     if (whole > 0)
         std::memcpy(buffer, packet.constData(), size_t(whole));
     bypassPackets.removeFirst();
-    return 0;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXConnection::waitBypassPacket(unsigned char* flowId, unsigned char* buffer, int size,
@@ -686,26 +686,26 @@ unsigned int PXConnection::waitBypassPacket(unsigned char* flowId, unsigned char
         waitOn(bypassCondition, dataMutex, timeout);
     if (bypassPackets.isEmpty()) {
         *length = 0;
-        return 8;
+        return PXST_RESULT_NO_PACKET;
     }
     const QByteArray packet = bypassPackets.takeFirst();
     const int whole = int(packet.size());
     if (whole < 4) {
         *length = 0;
-        return 8;
+        return PXST_RESULT_NO_PACKET;
     }
     const int n = size < whole ? size : whole;
     *length = n;
     *flowId = static_cast<unsigned char>(packet.at(3));
     if (n > 0)
         std::memcpy(buffer, packet.constData(), size_t(n));
-    return n < whole ? 5 : 0;
+    return n < whole ? PXST_RESULT_BUFFER_TOO_SMALL : PXST_RESULT_OK;
 }
 
 unsigned int PXConnection::sendBypassPacket(unsigned char flowId, unsigned char* data, int size)
 {
     if (size < 0 || size > pxproto::MaxBypassData)
-        return 6;
+        return PXST_RESULT_PACKET_TOO_LARGE;
     return sendCommand(pxproto::bypassSend(flowId, data, size));
 }
 
@@ -713,7 +713,7 @@ unsigned int PXConnection::flushBypassPackets()
 {
     QMutexLocker lock(&dataMutex);
     bypassPackets = QList<QByteArray>();
-    return 0;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXConnection::setBypassCallback(void (*callback)(void*), void* userData)
@@ -721,7 +721,7 @@ unsigned int PXConnection::setBypassCallback(void (*callback)(void*), void* user
     QMutexLocker request(&requestMutex);
     QMutexLocker lock(&dataMutex);
     bypassCallback.reset(callback, userData);
-    return 0;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXConnection::setBypassDelayCallback(void (*callback)(void*), void* userData,
@@ -731,12 +731,12 @@ unsigned int PXConnection::setBypassDelayCallback(void (*callback)(void*), void*
     // Only open replaces the holder, and requestMutex keeps it out.
     PXDelayCallback* holder = bypassDelayCallback;
     if (!holder)
-        return 0;
+        return PXST_RESULT_OK;
     // The holder and its timer belong to the network thread: stop, replace and re-arm there,
     // as one step with respect to tigger() and the timer's expiry.
     const bool applied = PXClientManager::Instance()->runOnThread(
         [holder, callback, userData, delay] { holder->reset(callback, userData, delay); });
-    return applied ? 0 : 13;
+    return applied ? PXST_RESULT_OK : PXST_RESULT_TIMEOUT;
 }
 
 // ---- server control ---------------------------------------------------------------------------

@@ -16,10 +16,6 @@
 namespace {
 
 // Result codes.
-constexpr unsigned int Ok = 0;
-constexpr unsigned int BypassTooLarge = 6;
-constexpr unsigned int NotConnected = 12;
-constexpr unsigned int Failed = 13;
 
 constexpr int FlushTimeout = 500;
 // Slice of event processing while an inner call waits for an outer request's reply.
@@ -194,16 +190,17 @@ void PXNSConnection::writeFrame(const QByteArray& frame)
 unsigned int PXNSConnection::sendCommand(const QByteArray& frame)
 {
     if (!socket)
-        return NotConnected;
+        return PXST_RESULT_NOT_CONNECTED;
     writeFrame(frame);
-    return Ok;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXNSConnection::query(const QByteArray& frame, int tag, int timeout)
 {
     if (!socket)
-        return NotConnected;
-    return blockSendPacket(frame, tag, timeout) == RequestDone ? Ok : Failed;
+        return PXST_RESULT_NOT_CONNECTED;
+    return blockSendPacket(frame, tag, timeout) == RequestDone ? PXST_RESULT_OK
+                                                               : PXST_RESULT_TIMEOUT;
 }
 
 // ---- register access ----------------------------------------------------------------------
@@ -211,16 +208,16 @@ unsigned int PXNSConnection::query(const QByteArray& frame, int tag, int timeout
 unsigned int PXNSConnection::genericRead(unsigned int address, bool internal, void* data, int size)
 {
     if (!socket)
-        return NotConnected;
+        return PXST_RESULT_NOT_CONNECTED;
     const QByteArray request = pxproto::readRequest(address, internal, size);
     if (request.isEmpty())
-        return Failed;
+        return PXST_RESULT_TIMEOUT;
     readAddress = address;
     readRemaining = size;
     readBuffer = static_cast<unsigned char*>(data);
     const int result = blockSendPacket(request, ReadTag, ReadTimeout);
     readBuffer = nullptr;
-    return result == RequestDone ? Ok : Failed;
+    return result == RequestDone ? PXST_RESULT_OK : PXST_RESULT_TIMEOUT;
 }
 
 unsigned int PXNSConnection::readi8(unsigned int address, unsigned char* value)
@@ -246,16 +243,16 @@ unsigned int PXNSConnection::read32(unsigned int address, unsigned int* value)
 unsigned int PXNSConnection::readBlock(unsigned int address, unsigned char* data, int size)
 {
     if (size < 1)
-        return Ok;
+        return PXST_RESULT_OK;
     int remaining = size;
     while (remaining > 1) {
         const int chunk = pxproto::readChunkSize(address, remaining);
         const unsigned int result = genericRead(address, false, data, chunk);
-        if (result != Ok)
+        if (result != PXST_RESULT_OK)
             return result;
         remaining -= chunk;
         if (remaining == 0)
-            return Ok;
+            return PXST_RESULT_OK;
         address += unsigned(chunk);
         data += chunk;
     }
@@ -265,11 +262,11 @@ unsigned int PXNSConnection::readBlock(unsigned int address, unsigned char* data
 unsigned int PXNSConnection::genericWrite(unsigned int address, bool internal, void* data, int size)
 {
     if (!socket)
-        return NotConnected;
+        return PXST_RESULT_NOT_CONNECTED;
     if (size < 0 || size > pxproto::MaxWriteData)
-        return Failed;
+        return PXST_RESULT_TIMEOUT;
     writeFrame(pxproto::writeRequest(address, internal, data, size));
-    return Ok;
+    return PXST_RESULT_OK;
 }
 
 unsigned int PXNSConnection::writei8(unsigned int address, unsigned char value)
@@ -295,17 +292,17 @@ unsigned int PXNSConnection::write32(unsigned int address, unsigned int value)
 unsigned int PXNSConnection::writeBlock(unsigned int address, unsigned int* data, int size)
 {
     if (size < 1)
-        return Ok;
+        return PXST_RESULT_OK;
     auto* bytes = reinterpret_cast<unsigned char*>(data);
     int remaining = size;
     for (;;) {
         const int chunk = std::min(remaining, pxproto::MaxBlockChunk);
         const unsigned int result = genericWrite(address, false, bytes, chunk);
-        if (result != Ok)
+        if (result != PXST_RESULT_OK)
             return result;
         remaining -= chunk;
         if (remaining == 0)
-            return Ok;
+            return PXST_RESULT_OK;
         address += unsigned(chunk);
         bytes += chunk;
     }
@@ -326,9 +323,9 @@ unsigned int PXNSConnection::setClientType(pxl_client_type_t type)
 unsigned int PXNSConnection::setBypassFlowIds(unsigned char* ids, int count)
 {
     if (!socket)
-        return NotConnected;
+        return PXST_RESULT_NOT_CONNECTED;
     if (count < 0 || count > MaxFlowIds)
-        return BypassTooLarge;
+        return PXST_RESULT_PACKET_TOO_LARGE;
     return sendCommand(pxproto::setBypassFlowIds(ids, count));
 }
 
@@ -370,9 +367,9 @@ unsigned int PXNSConnection::setUsbId(unsigned short first, unsigned short secon
 unsigned int PXNSConnection::sendBypassPacket(unsigned char flowId, unsigned char* data, int size)
 {
     if (!socket)
-        return NotConnected;
+        return PXST_RESULT_NOT_CONNECTED;
     if (size < 0 || size > pxproto::MaxBypassData)
-        return BypassTooLarge;
+        return PXST_RESULT_PACKET_TOO_LARGE;
     return sendCommand(pxproto::bypassSend(flowId, data, size));
 }
 
@@ -396,7 +393,7 @@ unsigned int PXNSConnection::comBreak()
 unsigned int PXNSConnection::getStatus(unsigned char* status)
 {
     if (!socket)
-        return NotConnected;
+        return PXST_RESULT_NOT_CONNECTED;
     statusBuffer = status;
     const unsigned int result = query(pxproto::status(), StatusTag, StatusTimeout);
     statusBuffer = nullptr;
