@@ -22,7 +22,7 @@ cd "$root"
 
 PELLIX_WITH_PLOTS=1 scripts/install-deps.sh
 cmake --preset release >/dev/null
-cmake --build build/release -j2 --target pellix_bench_suite
+cmake --build build/release -j2 --target pellix_bench_suite bench_parser lod_read_benchmark
 
 # The distribution's interpreter, which has the python3-matplotlib package.
 python=python3
@@ -46,12 +46,17 @@ PELLIX_BENCH_SAMPLES="$out/samples.csv" build/release/bin/pellix_bench_suite \
     --benchmark_enable_random_interleaving=true \
     --benchmark_out="$out/suite.json" --benchmark_out_format=json \
     "$@"
+for binary in bench_parser lod_read_benchmark; do
+    build/release/bin/$binary --benchmark_repetitions="${PELLIX_BENCH_REPETITIONS:-5}" \
+        --benchmark_out="$out/$binary.json" --benchmark_out_format=json >/dev/null
+done
 after=$(cpu_ticks)
 steal=$("$python" -c 'import sys
 a, b = ([int(x) for x in line.split()[1:]] for line in sys.argv[1:3])
 d = [y - x for x, y in zip(a, b)]
 print(f"{100.0 * d[7] / max(1, sum(d)):.0f}")' "$before" "$after")
-"$python" scripts/bench_summary.py "$out/suite.json" "$steal" >"$out/summary.md"
+"$python" scripts/bench_summary.py --steal "$steal" "$out/suite.json" "$out/bench_parser.json" \
+    "$out/lod_read_benchmark.json" >"$out/summary.md"
 "$python" scripts/plot_latency.py "$out/samples.csv" "$out/read32-latency.png"
 cat "$out/summary.md"
 echo "bench: results in $out"

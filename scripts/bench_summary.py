@@ -2,7 +2,8 @@
 """Turns the benchmark suite's JSON into a Markdown table: each library figure beside its
 raw-socket baseline from the same run, the ratio, and the target where there is one.
 
-Usage: bench_summary.py suite.json [steal-percent] > summary.md
+Usage: bench_summary.py [--steal PERCENT] suite.json [more.json ...] > summary.md
+(the suite, then the parser's and the LOD reader's benchmark binaries)
 
 Figures are the median over repetitions (Google Benchmark's "median" aggregate), or the
 single run when the suite ran once. Latency is the median of single calls (median_us)."""
@@ -26,9 +27,9 @@ PAIRED_TARGETS = {
     "Events": ("ge", 0.9),
 }
 ABSOLUTE_TARGETS = {
-    "Parser/frame:4096/source:65536": ("bytes_per_second", 2e9, "GB/s", 1e9),
-    "Parser/frame:4096/source:4194304": ("bytes_per_second", 2e9, "GB/s", 1e9),
-    "LodParse": ("bytes_per_second", 300e6, "MB/s", 1e6),
+    "cutStream/frame:4096/piece:65536/array:1": ("bytes_per_second", 2e9, "GB/s", 1e9),
+    "cutStream/frame:4096/piece:4194304/array:1": ("bytes_per_second", 2e9, "GB/s", 1e9),
+    "BM_LodRead/4096": ("bytes_per_second", 300e6, "MB/s", 1e6),
 }
 
 
@@ -80,7 +81,13 @@ def metric(b):
 
 
 def main():
-    context, runs = figures(sys.argv[1])
+    arguments = sys.argv[1:]
+    steal = None
+    if arguments[:1] == ["--steal"]:
+        steal, arguments = arguments[1], arguments[2:]
+    context, runs = figures(arguments[0])
+    for extra in arguments[1:]:
+        runs.update(figures(extra)[1])
     by_short = {short(n): b for n, b in runs.items()}
     print("| benchmark | figure | raw | ratio to raw | target | met |")
     print("|---|---|---|---|---|---|")
@@ -138,9 +145,9 @@ def main():
     print()
     print(f"Load average during the run: {context.get('load_avg', '?')}; "
           f"{context.get('num_cpus', '?')} CPUs at {context.get('mhz_per_cpu', '?')} MHz.")
-    if len(sys.argv) > 2:
+    if steal is not None:
         print(f"Steal time during the run (processor time the hypervisor gave to others): "
-              f"{sys.argv[2]} % of all processor time.")
+              f"{steal} % of all processor time.")
 
 
 if __name__ == "__main__":
