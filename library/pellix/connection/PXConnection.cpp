@@ -134,7 +134,9 @@ void PXConnection::readSocketData()
     // The watch fired once and is off now; it is armed again unless a request has the socket.
     armed = false;
     const int fd = socketFd.load(std::memory_order_relaxed);
-    if (fd < 0)
+    // A request that has the socket reads it itself (it may be asleep in poll() on it: taking
+    // its reply here would leave it sleeping); it arms the watch again when it is done.
+    if (fd < 0 || callerReading)
         return;
     readAvailable(true);
     if (!callerReading && !peerClosed) {
@@ -187,7 +189,7 @@ bool PXConnection::sendFrame(const QByteArray& frame, unsigned long timeout)
         left = outbox.size();
     }
     qsizetype sent = 0;
-    bool inOutbox = !outbox.isEmpty();
+    const bool inOutbox = !outbox.isEmpty();
     for (;;) {
         const int fd = socketFd.load(std::memory_order_relaxed);
         if (fd < 0 || peerClosed) {
@@ -226,10 +228,6 @@ bool PXConnection::sendFrame(const QByteArray& frame, unsigned long timeout)
         pollSocket(fd, POLLOUT | POLLIN, deadline.remainingTime());
         dataMutex.lock();
         readAvailable(false);
-        if (!inOutbox && !outbox.isEmpty()) {
-            // (Cannot happen: only this thread writes while requestMutex is held.)
-            inOutbox = true;
-        }
     }
 }
 
