@@ -164,6 +164,7 @@ TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
         {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 4) + second.left(5), second.mid(5), 0},
         {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2004, 4), {}, 13},  // wrong address
         {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 12), {}, 13}, // more than asked
+        {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 9), {}, 13},  // one byte more
         {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 0), {}, 13},  // no data (length 4)
         {Block,
          0x2000,
@@ -198,6 +199,8 @@ TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
         if (t.kind != WriteBlock && t.result == 0) {
             EXPECT_EQ(QByteArray(reinterpret_cast<char*>(d), t.size),
                       FakeServer::memoryBytes(a, t.size));
+        }
+        if (t.kind != WriteBlock) {
             EXPECT_EQ(in[size_t(t.size)], 0xEE) << "wrote past the end";
         }
     }

@@ -1,14 +1,16 @@
 // The wire format and the stream parser: byte-exact frames of every request and reply
 // builder, the checksum and the debug packet encoders with their XON/XOFF escaping; PXParser
-// in its three types; the log line formatters.
+// in its three types; the log line formatters; how ranges are cut into requests.
 
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXRanges_p.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <ostream>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -373,6 +375,81 @@ TEST(LogText, FormatsAndMarksTheCut)
     const QByteArray longText(9000, 'x');
     EXPECT_EQ(PXLogString("%s", longText.constData()), QString(8191, QLatin1Char('x')));
     EXPECT_EQ(PXLogBytes(longText, 3000).size(), 3000 * 3 - 1 + 4);
+}
+
+// Each range as the requests it is cut into, "address+size" in order. A masked read never
+// reads an unselected byte: three selected bytes at an aligned address are 16 + 8 bits, not
+// 32.
+TEST(Ranges, AreCutIntoRequestsByAlignmentSizeAndMask)
+{
+    using Cuts = std::vector<std::string>;
+    const auto record = [](Cuts& cuts) {
+        return [&cuts](quint32 address, auto offset, int size) {
+            cuts.push_back(QString::number(address, 16).toStdString() + "+" + std::to_string(size) +
+                           "@" + std::to_string(offset));
+            return 0u;
+        };
+    };
+    const struct
+    {
+        quint32 address;
+        int size;
+        Cuts reads, writes;
+    } plain[] = {
+        {0x1000, 0, {}, {}},
+        {0x1000, -4, {}, {}},
+        {0x1001, 1, {"1001+1@0"}, {"1001+1@0"}},
+        {0x1001, 8, {"1001+1@0", "1002+2@1", "1004+4@3", "1008+1@7"}, {"1001+8@0"}},
+        {0x1002, 3, {"1002+2@0", "1004+1@2"}, {"1002+3@0"}},
+        {0x1000, 7, {"1000+4@0", "1004+2@4", "1006+1@6"}, {"1000+7@0"}},
+        {0x1000,
+         70000,
+         {"1000+32768@0", "9000+32768@32768", "11000+4464@65536"},
+         {"1000+32768@0", "9000+32768@32768", "11000+4464@65536"}},
+    };
+    for (const auto& c : plain) {
+        Cuts reads, writes;
+        EXPECT_EQ(pxrange::forEachRead(c.address, c.size, record(reads)), 0u);
+        EXPECT_EQ(pxrange::forEachWrite(c.address, c.size, record(writes)), 0u);
+        EXPECT_EQ(reads, c.reads) << c.address << " " << c.size;
+        EXPECT_EQ(writes, c.writes) << c.address << " " << c.size;
+    }
+
+    const struct
+    {
+        quint32 address;
+        QByteArray mask;
+        Cuts reads;
+    } masked[] = {
+        {0x2000, QByteArray::fromHex("ffffff00"), {"2000+2@0", "2002+1@2"}},
+        {0x2000, QByteArray::fromHex("ffffffff"), {"2000+4@0"}},
+        {0x2001, QByteArray::fromHex("ffffffff"), {"2001+1@0", "2002+2@1", "2004+1@3"}},
+        {0x2000, QByteArray::fromHex("00ff00ff"), {"2001+1@1", "2003+1@3"}},
+        {0x2000, QByteArray(11, '\xff'), {"2000+8@0", "2008+2@8", "200a+1@10"}},
+    };
+    for (const auto& c : masked) {
+        Cuts reads;
+        const auto* mask = reinterpret_cast<const unsigned char*>(c.mask.constData());
+        EXPECT_EQ(
+            pxrange::forEachMaskedRead(c.address, mask, unsigned(c.mask.size()), record(reads)),
+            0u);
+        EXPECT_EQ(reads, c.reads) << c.mask.toHex().constData();
+    }
+
+    // Pieces: at least one, and the first failing request ends the walk with its code.
+    std::vector<std::string> pieces;
+    const auto piece = [&](unsigned long long offset, unsigned int size) {
+        pieces.push_back(std::to_string(offset) + "+" + std::to_string(size));
+        return offset >= 20 ? 13u : 0u;
+    };
+    EXPECT_EQ(pxrange::forEachPiece(0, 10, piece), 0u);
+    EXPECT_EQ(pxrange::forEachPiece(25, 10, piece), 13u);
+    EXPECT_EQ(pieces, (std::vector<std::string>{"0+0", "0+10", "10+10", "20+5"}));
+    int calls = 0;
+    EXPECT_EQ(
+        pxrange::forEachRead(0x1000, 12, [&](quint32, int, int) { return ++calls == 1 ? 5u : 0u; }),
+        5u);
+    EXPECT_EQ(calls, 1);
 }
 
 } // namespace

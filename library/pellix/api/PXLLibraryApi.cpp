@@ -8,6 +8,7 @@
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXConnection.h"
 #include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXRanges_p.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -462,54 +463,16 @@ unsigned int PXST_ReadBlockUSB(int, unsigned int, unsigned char*, unsigned int)
     return PXST_RESULT_UNSUPPORTED;
 }
 
-namespace {
-
-constexpr unsigned char Selected = 0xFF;
-
-// Width of the next read of a masked read at `address`, whose mask byte at `mask[0]` selects
-// its byte; `remaining` bytes (at least 1) are left from there. 1, 2, 4, or the run of
-// selected bytes rounded down to a multiple of 4 (at least 8) as one block read.
-unsigned int maskedReadWidth(unsigned int address, const unsigned char* mask,
-                             unsigned int remaining)
-{
-    if (remaining == 1 || mask[1] != Selected || (address & 1u) != 0)
-        return 1;
-    if (remaining < 4 || mask[2] != Selected || mask[3] != Selected || (address & 3u) == 2)
-        return 2;
-    if (remaining == 4 || mask[4] != Selected)
-        return 4;
-    // One block read per run of selected bytes, up to what one request's size can say.
-    constexpr unsigned int LongestRun = 1u << 30;
-    unsigned int run = 5;
-    while (run < remaining && run < LongestRun && mask[run] == Selected)
-        ++run;
-    return run & ~3u;
-}
-
-} // namespace
-
 extern "C" unsigned int PXST_ReadBlockMasked(int handle, unsigned int address,
                                              unsigned char* buffer, unsigned int size,
                                              unsigned char* mask)
 {
-    return withConnection(handle, [&](PXConnection& c) -> unsigned int {
+    return withConnection(handle, [&](PXConnection& c) {
         std::memset(buffer, 0, size);
-        unsigned int position = 0;
-        while (position < size) {
-            if (mask[position] != Selected) {
-                ++position;
-                ++address;
-                continue;
-            }
-            const unsigned int width = maskedReadWidth(address, mask + position, size - position);
-            const unsigned int result =
-                c.genericRead(address, false, buffer + position, static_cast<int>(width));
-            if (result != PXST_RESULT_OK)
-                return result;
-            position += width;
-            address += width;
-        }
-        return PXST_RESULT_OK;
+        return pxrange::forEachMaskedRead(
+            address, mask, size, [&](quint32 at, unsigned int offset, int width) {
+                return c.genericRead(at, false, buffer + offset, width);
+            });
     });
 }
 

@@ -6,6 +6,7 @@
 
 #include "pellix/api/PXApiFrame_p.h"
 #include "pellix/lod/LODFileLoader.h"
+#include "pellix/protocol/PXRanges_p.h"
 
 #include <algorithm>
 #include <climits>
@@ -100,22 +101,18 @@ unsigned long long countTransferBytes(const char* path)
 }
 
 // Calls `block(offset, bytes)` for consecutive pieces of `bytes` of at most transfer.chunk
-// bytes, at least once (a packet without words costs one call of size 0). Stops at the first
-// non-zero result.
+// bytes, at least once (a packet without words costs one call of size 0), telling the
+// progress after each. Stops at the first non-zero result.
 template <typename Block>
 unsigned int forEachChunk(Transfer& transfer, unsigned long long bytes, Block&& block)
 {
-    unsigned long long offset = 0;
-    do {
-        const auto piece =
-            static_cast<unsigned int>(std::min<unsigned long long>(bytes - offset, transfer.chunk));
-        const unsigned int result = block(offset, piece);
-        if (result != PXST_RESULT_OK)
-            return result;
-        offset += piece;
-        transfer.advance(piece);
-    } while (offset < bytes);
-    return PXST_RESULT_OK;
+    return pxrange::forEachPiece(bytes, transfer.chunk,
+                                 [&](unsigned long long offset, unsigned int piece) {
+                                     const unsigned int result = block(offset, piece);
+                                     if (result == PXST_RESULT_OK)
+                                         transfer.advance(piece);
+                                     return result;
+                                 });
 }
 
 // `countTotal`: a verification of its own, which learns its progress total from the file; a

@@ -5,6 +5,7 @@
 #include "pellix/connection/tsan_p.h"
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXRanges_p.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -512,21 +513,9 @@ unsigned int PXConnection::read32(unsigned int address, unsigned int* value)
 
 unsigned int PXConnection::readBlock(unsigned int address, unsigned char* data, int size)
 {
-    if (size < 1)
-        return PXST_RESULT_OK;
-    int remaining = size;
-    while (remaining > 1) {
-        const int chunk = pxproto::readChunkSize(address, remaining);
-        const unsigned int result = genericRead(address, false, data, chunk);
-        if (result != 0)
-            return result;
-        remaining -= chunk;
-        if (remaining == 0)
-            return PXST_RESULT_OK;
-        address += unsigned(chunk);
-        data += chunk;
-    }
-    return genericRead(address, false, data, 1);
+    return pxrange::forEachRead(address, size, [&](quint32 at, int offset, int chunk) {
+        return genericRead(at, false, data + offset, chunk);
+    });
 }
 
 unsigned int PXConnection::write8(unsigned int address, unsigned char value)
@@ -551,21 +540,10 @@ unsigned int PXConnection::write32(unsigned int address, unsigned int value)
 
 unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, int size)
 {
-    if (size < 1)
-        return PXST_RESULT_OK;
     auto* bytes = reinterpret_cast<unsigned char*>(data);
-    int remaining = size;
-    for (;;) {
-        const int chunk = remaining > pxproto::MaxBlockChunk ? pxproto::MaxBlockChunk : remaining;
-        const unsigned int result = genericWrite(address, false, bytes, chunk);
-        if (result != 0)
-            return result;
-        remaining -= chunk;
-        if (remaining == 0)
-            return PXST_RESULT_OK;
-        address += unsigned(chunk);
-        bytes += chunk;
-    }
+    return pxrange::forEachWrite(address, size, [&](quint32 at, int offset, int chunk) {
+        return genericWrite(at, false, bytes + offset, chunk);
+    });
 }
 
 // ---- events -----------------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXRanges_p.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -242,21 +243,9 @@ unsigned int PXNSConnection::read32(unsigned int address, unsigned int* value)
 
 unsigned int PXNSConnection::readBlock(unsigned int address, unsigned char* data, int size)
 {
-    if (size < 1)
-        return PXST_RESULT_OK;
-    int remaining = size;
-    while (remaining > 1) {
-        const int chunk = pxproto::readChunkSize(address, remaining);
-        const unsigned int result = genericRead(address, false, data, chunk);
-        if (result != PXST_RESULT_OK)
-            return result;
-        remaining -= chunk;
-        if (remaining == 0)
-            return PXST_RESULT_OK;
-        address += unsigned(chunk);
-        data += chunk;
-    }
-    return genericRead(address, false, data, 1);
+    return pxrange::forEachRead(address, size, [&](quint32 at, int offset, int chunk) {
+        return genericRead(at, false, data + offset, chunk);
+    });
 }
 
 unsigned int PXNSConnection::genericWrite(unsigned int address, bool internal, void* data, int size)
@@ -291,21 +280,10 @@ unsigned int PXNSConnection::write32(unsigned int address, unsigned int value)
 
 unsigned int PXNSConnection::writeBlock(unsigned int address, unsigned int* data, int size)
 {
-    if (size < 1)
-        return PXST_RESULT_OK;
     auto* bytes = reinterpret_cast<unsigned char*>(data);
-    int remaining = size;
-    for (;;) {
-        const int chunk = std::min(remaining, pxproto::MaxBlockChunk);
-        const unsigned int result = genericWrite(address, false, bytes, chunk);
-        if (result != PXST_RESULT_OK)
-            return result;
-        remaining -= chunk;
-        if (remaining == 0)
-            return PXST_RESULT_OK;
-        address += unsigned(chunk);
-        bytes += chunk;
-    }
+    return pxrange::forEachWrite(address, size, [&](quint32 at, int offset, int chunk) {
+        return genericWrite(at, false, bytes + offset, chunk);
+    });
 }
 
 // ---- commands -----------------------------------------------------------------------------

@@ -382,23 +382,6 @@ inline QByteArray setPersistent(bool persistent)
 
 // ---- reading rules shared by both connection classes ----------------------------------------
 
-// The size of the next read of a block read of `remaining` (> 1) bytes at `address`: single
-// bytes at odd addresses, 16 bits at addresses 2 mod 4 and for a tail of 2 or 3 bytes, and
-// from an aligned address the rest rounded down to a multiple of 4, at most MaxBlockChunk.
-// A last single byte is read alone.
-inline int readChunkSize(quint32 address, int remaining)
-{
-    if (address & 1)
-        return 1;
-    if ((address & 3) == 2)
-        return 2;
-    if (remaining > MaxBlockChunk)
-        return MaxBlockChunk;
-    if (remaining < 4)
-        return 2;
-    return remaining & ~3;
-}
-
 // The number of data bytes of a read-data frame that fits a read waiting for `remaining`
 // bytes at `expectedAddress`, or -1 when it does not: the length field must exceed 4, the
 // frame must be exactly length + 4 bytes, carry the expected address and no more bytes than

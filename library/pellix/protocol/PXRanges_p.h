@@ -1,0 +1,122 @@
+#ifndef PELLIX_PXRANGES_P_H
+#define PELLIX_PXRANGES_P_H
+
+// How a range of target memory is cut into requests: the one place for these rules, used by
+// both connection classes (block reads and writes), the C interface (masked reads) and the
+// LOD transfers (pieces of a packet). Each function calls `request(address, offset, size)`
+// for every request in order, where `offset` is the position in the caller's buffer, and
+// stops at the first call that returns non-zero, returning that; 0 when all succeeded.
+
+#include "pellix/protocol/PXProtocol.h"
+
+#include <QtGlobal>
+
+namespace pxrange {
+
+// The size of the next read of a block read of `remaining` (> 1) bytes at `address`: single
+// bytes at odd addresses, 16 bits at addresses 2 mod 4 and for a tail of 2 or 3 bytes, and
+// from an aligned address the rest rounded down to a multiple of 4, at most MaxBlockChunk.
+// A last single byte is read alone.
+inline int readChunkSize(quint32 address, int remaining)
+{
+    if (address & 1)
+        return 1;
+    if ((address & 3) == 2)
+        return 2;
+    if (remaining > pxproto::MaxBlockChunk)
+        return pxproto::MaxBlockChunk;
+    if (remaining < 4)
+        return 2;
+    return remaining & ~3;
+}
+
+// The reads of `size` bytes at `address` (none for size < 1), cut by alignment.
+template <typename Request>
+unsigned int forEachRead(quint32 address, int size, Request&& request)
+{
+    int offset = 0;
+    while (offset < size) {
+        const int remaining = size - offset;
+        const int chunk = remaining == 1 ? 1 : readChunkSize(address, remaining);
+        if (const unsigned int result = request(address, offset, chunk))
+            return result;
+        offset += chunk;
+        address += quint32(chunk);
+    }
+    return 0;
+}
+
+// The writes of `size` bytes at `address` (none for size < 1): pieces of MaxBlockChunk bytes,
+// whatever the alignment.
+template <typename Request>
+unsigned int forEachWrite(quint32 address, int size, Request&& request)
+{
+    for (int offset = 0; offset < size; offset += pxproto::MaxBlockChunk) {
+        const int chunk =
+            size - offset < pxproto::MaxBlockChunk ? size - offset : pxproto::MaxBlockChunk;
+        if (const unsigned int result = request(address + quint32(offset), offset, chunk))
+            return result;
+    }
+    return 0;
+}
+
+// A masked read's next width at `address`, where `mask[0]` selects the byte and `remaining`
+// (at least 1) bytes are left: 1, 2, 4, or the run of selected bytes rounded down to a
+// multiple of 4 (at least 8, at most 1 GiB) as one block read. Every byte a width covers is
+// selected.
+inline unsigned int maskedReadWidth(quint32 address, const unsigned char* mask,
+                                    unsigned int remaining)
+{
+    constexpr unsigned char Selected = 0xFF;
+    constexpr unsigned int LongestRun = 1u << 30;
+    if (remaining == 1 || mask[1] != Selected || (address & 1u) != 0)
+        return 1;
+    if (remaining < 4 || mask[2] != Selected || mask[3] != Selected || (address & 3u) == 2)
+        return 2;
+    if (remaining == 4 || mask[4] != Selected)
+        return 4;
+    unsigned int run = 5;
+    while (run < remaining && run < LongestRun && mask[run] == Selected)
+        ++run;
+    return run & ~3u;
+}
+
+// The reads of the bytes of [address, address + size) whose mask byte is 0xFF, each with the
+// widest access its run and alignment allow; unselected bytes are never read.
+template <typename Request>
+unsigned int forEachMaskedRead(quint32 address, const unsigned char* mask, unsigned int size,
+                               Request&& request)
+{
+    unsigned int offset = 0;
+    while (offset < size) {
+        if (mask[offset] != 0xFF) {
+            ++offset;
+            continue;
+        }
+        const unsigned int width = maskedReadWidth(address + offset, mask + offset, size - offset);
+        if (const unsigned int result = request(address + offset, offset, int(width)))
+            return result;
+        offset += width;
+    }
+    return 0;
+}
+
+// Pieces of at most `chunk` bytes of `bytes` bytes: at least one (a range of 0 bytes is one
+// piece of 0, so that an empty packet still costs one call).
+template <typename Piece>
+unsigned int forEachPiece(unsigned long long bytes, unsigned int chunk, Piece&& piece)
+{
+    unsigned long long offset = 0;
+    do {
+        const unsigned long long left = bytes - offset;
+        const unsigned int size = left < chunk ? static_cast<unsigned int>(left) : chunk;
+        if (const unsigned int result = piece(offset, size))
+            return result;
+        offset += size;
+    } while (offset < bytes);
+    return 0;
+}
+
+} // namespace pxrange
+
+#endif
