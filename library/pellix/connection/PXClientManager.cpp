@@ -92,10 +92,10 @@ QBasicMutex postMutex;
 
 // The completion of a hand-off to the network thread, which the waiting side may give up on.
 // It is shared by the waiter and the posted event (whose destructor drops its share, also when
-// Qt discards the event undelivered), so it outlives whichever side leaves first. The handler
-// acts under `mutex` and only while the waiter has not given up: a waiter that has returned is
-// never touched again, and what the handler needs of the request lives here, not on the
-// waiter's stack.
+// Qt discards the event undelivered), so it outlives whichever side leaves first. A connect
+// decides under `mutex` whether its waiter is still there and leaves the connection alone if
+// not; a job holds what it needs by value and may run after its waiter has gone. What the
+// handler needs of the request lives here or in the event, never on the waiter's stack.
 class Handoff : public QSemaphore
 {
 public:
