@@ -140,7 +140,7 @@ void PXConnection::readSocketData()
     if (fd < 0 || callerReading)
         return;
     readAvailable(true);
-    if (!callerReading && !peerClosed) {
+    if (!peerClosed) {
         PXClientManager::Instance()->armSocket(fd);
         armed = true;
     }

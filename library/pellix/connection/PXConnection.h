@@ -173,7 +173,8 @@ public:
                                         unsigned int delay);
 
     // ---- server control -------------------------------------------------------------------------
-    // Commands return 0 once the request is written (0 without sending when not connected).
+    // Commands return 0 once the request is written (0 without sending when not connected; 13
+    // when the server takes no bytes within 5000 ms).
 
     unsigned int killPellix();
     unsigned int cleanPellix();
