@@ -3,6 +3,7 @@
 // server address. (Queue caps under a flood, and every request against a server that dies
 // or stalls: tests/robustness/tst_faults. Handle numbering: tests/api/tst_api_noapp.)
 
+#include "ConnectionChecks.h"
 #include "FakeServer.h"
 #include "RefusedPort.h"
 #include "WaitUntil.h"
@@ -16,7 +17,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <climits>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -76,16 +77,16 @@ void record(void* data)
 
 } // namespace
 
-// Without a socket requests fail at once and commands return 0; with one, sizes that no
-// request carries send nothing.
+// Without a socket requests fail at once and commands return 0; with one, see checkSizes.
+// A refused flow id list does not switch bypass reception on; a negative buffer size takes
+// nothing.
 TEST(ConnectionFake, RequestsWithoutSocketOrWithInvalidSizesSendNothing)
 {
     PXConnection lone;
     QElapsedTimer clock;
     clock.start();
     EXPECT_FALSE(lone.open("127.0.0.1", refusedPort()));
-    unsigned char byte = 0, ids[] = {1};
-    unsigned int word = 0;
+    unsigned char byte = 0, ids[] = {1}, buffer[64];
     for (unsigned int result : {lone.read8(0, &byte), lone.write32(0, 1), lone.getStatus(&byte),
                                 lone.ping(), lone.forcePellixReconnect()})
         EXPECT_EQ(result, 13u);
@@ -95,115 +96,28 @@ TEST(ConnectionFake, RequestsWithoutSocketOrWithInvalidSizesSendNothing)
     EXPECT_LT(clock.elapsed(), 2500);
 
     Connected c;
-    std::vector<unsigned char> big(pxproto::MaxFlowIds + 1);
-    for (int size : {0, -1, 3})
-        EXPECT_EQ(c.connection.genericRead(0, false, &word, size), 13u) << size;
-    for (int size : {-1, -6, INT_MIN, pxproto::MaxWriteData + 1})
-        EXPECT_EQ(c.connection.genericWrite(0, false, big.data(), size), 13u) << size;
-    EXPECT_EQ(c.connection.readBlock(0, &byte, 0), 0u);
-    // Sizes and counts that no frame carries (negative ones would write header bytes outside
-    // the frame, oversized ones wrap its 16-bit length field) are refused with 6.
-    for (int size : {-9, -2, -1, INT_MIN, pxproto::MaxBypassData + 1, INT_MAX})
-        EXPECT_EQ(c.connection.sendBypassPacket(1, big.data(), size), 6u) << size;
-    for (int count : {-8, -5, -1, INT_MIN, pxproto::MaxFlowIds + 1, INT_MAX})
-        EXPECT_EQ(c.connection.setBypassFlowIds(big.data(), count), 6u) << count;
+    checkSizes(c.server, c.connection);
     int length = 5;
-    EXPECT_EQ(c.connection.getBypassPacket(&byte, big.data(), -1, &length), 8u);
-    // The flow mode travels as a 32-bit value, named or not.
-    EXPECT_EQ(c.connection.setFlowMode(static_cast<PXLFlowMode>(0x12345678u)), 0u);
-    c.sync();
-    EXPECT_EQ(c.server.frames(),
-              (QList<QByteArray>{pxproto::setFlowMode(0x12345678u), pxproto::ping()}));
-    // Bypass reception was not switched on by a refused flow id list.
+    EXPECT_EQ(c.connection.getBypassPacket(&byte, buffer, -1, &length), 8u);
     c.server.send(pxproto::bypassFrame(pxproto::debugPacket(1, "x", 1)));
     c.sync();
-    EXPECT_EQ(c.connection.getBypassData(big.data(), 64, &length), 8u);
+    EXPECT_EQ(c.connection.getBypassData(buffer, 64, &length), 8u);
 }
 
-// Each call as the requests it sends and its result; successful reads deliver exactly the
-// target's bytes, assembled in order from the pieces, and nothing past the end. Block reads
-// are answered from FakeServer::memoryBytes(), or with `reply` (and `tail` 50 ms later) when given.
-// A read-data reply that does not fit the running read ends the read with 13 at once instead of at
-// its 5000 ms time-out; one that fits may come in several frames, cut anywhere.
+// Reads: see checkReads. A block write is cut into pieces of at most 32768 bytes, each
+// waiting for its acknowledgement.
 TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
 {
     Connected c;
-    std::vector<unsigned char> out(40000), in(65536 + 1);
-    for (size_t i = 0; i < out.size(); ++i)
-        out[i] = static_cast<unsigned char>(i * 13 + i / 256);
-    enum Kind { Ri8, R16, R32, Block, WriteBlock };
-    const QByteArray m = FakeServer::memoryBytes(0x2000, 12);
-    const auto r = [](unsigned char code, quint32 a) { return pxproto::singleRead(code, a); };
-    const auto b = [](quint32 a, quint32 n) { return pxproto::blockRead(a, n); };
-    const auto w = [&](quint32 a, int n, int from = 0) {
-        return pxproto::writeRequest(a, false, &out[size_t(from)], n);
-    };
-    const auto data = [&](quint32 a, int n) {
-        return pxproto::readData(a, m.constData() + (a - 0x2000), n);
-    };
-    const QByteArray second = data(0x2004, 4);
-    const struct
-    {
-        Kind kind;
-        quint32 address;
-        int size;
-        QList<QByteArray> requests;
-        QByteArray reply, tail;
-        unsigned int result;
-    } cases[] = {
-        {Block, 0x1000, 10, {b(0x1000, 8), r(1, 0x1008)}, {}, {}, 0},
-        {Block, 0x1001, 8, {r(0, 0x1001), r(1, 0x1002), r(2, 0x1004), r(0, 0x1008)}, {}, {}, 0},
-        {Block, 0x2000, 3, {r(1, 0x2000), r(0, 0x2002)}, {}, {}, 0},
-        {Block, 0x4000, 65536, {b(0x4000, 32768), b(0xC000, 32768)}, {}, {}, 0},
-        {R32, 0x1002, 4, {r(1, 0x1002), r(1, 0x1004)}, {}, {}, 0},
-        {R32, 0x1000, 4, {r(2, 0x1000)}, {}, {}, 0},
-        {R16, 0x1001, 2, {r(0, 0x1001), r(0, 0x1002)}, {}, {}, 0},
-        {Ri8, 0x33, 1, {r(4, 0x33)}, {}, {}, 0},
-        {WriteBlock, 0x100, 40000, {w(0x100, 32768), w(0x8100, 7232, 32768)}, {}, {}, 0},
-        {WriteBlock, 0x101, 3, {w(0x101, 3)}, {}, {}, 0},
-        {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 4) + second.left(5), second.mid(5), 0},
-        {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2004, 4), {}, 13},  // wrong address
-        {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 12), {}, 13}, // more than asked
-        {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 9), {}, 13},  // one byte more
-        {Block, 0x2000, 8, {b(0x2000, 8)}, data(0x2000, 0), {}, 13},  // no data (length 4)
-        {Block,
-         0x2000,
-         8,
-         {b(0x2000, 8)},
-         pxproto::frame(pxproto::reply::ReadData, "ABC", 3),
-         {},
-         13}, // length below 4
-    };
-    for (const auto& t : cases) {
-        SCOPED_TRACE(testing::Message() << "kind " << t.kind << " at " << t.address << " "
-                                        << t.reply.toHex().constData());
-        c.server.setResponder(t.reply.isEmpty()
-                                  ? FakeServer::Responder(FakeServer::memoryResponder)
-                                  : answer(pxproto::request::BlockRead, t.reply, t.tail));
-        c.server.clearReceived();
-        std::fill(in.begin(), in.end(), 0xEE);
-        auto* d = in.data();
-        const quint32 a = t.address;
-        QElapsedTimer clock;
-        clock.start();
-        const unsigned int result =
-            t.kind == Ri8   ? c.connection.readi8(a, d)
-            : t.kind == R16 ? c.connection.read16(a, reinterpret_cast<unsigned short*>(d))
-            : t.kind == R32 ? c.connection.read32(a, reinterpret_cast<unsigned int*>(d))
-            : t.kind == Block
-                ? c.connection.readBlock(a, d, t.size)
-                : c.connection.writeBlock(a, reinterpret_cast<unsigned int*>(&out[0]), t.size);
-        EXPECT_EQ(result, t.result);
-        EXPECT_LT(clock.elapsed(), 2000);
-        EXPECT_EQ(c.server.frames(), t.requests);
-        if (t.kind != WriteBlock && t.result == 0) {
-            EXPECT_EQ(QByteArray(reinterpret_cast<char*>(d), t.size),
-                      FakeServer::memoryBytes(a, t.size));
-        }
-        if (t.kind != WriteBlock) {
-            EXPECT_EQ(in[size_t(t.size)], 0xEE) << "wrote past the end";
-        }
-    }
+    checkReads(c.server, c.connection);
+    std::vector<unsigned int> out(10000);
+    std::iota(out.begin(), out.end(), 0x5A5A0000u);
+    const auto* bytes = reinterpret_cast<const char*>(out.data());
+    c.server.clearReceived();
+    EXPECT_EQ(c.connection.writeBlock(0x101, out.data(), 40000), 0u);
+    EXPECT_EQ(c.server.frames(),
+              (QList<QByteArray>{pxproto::writeRequest(0x101, false, bytes, 32768),
+                                 pxproto::writeRequest(0x8101, false, bytes + 32768, 7232)}));
 }
 
 // Waits out the 5000 ms time-out once. A late acknowledgement finds no write pending and is
