@@ -294,17 +294,9 @@ TEST_F(Api, BatchReadAndMaskedReadUsingTheWidestAccessEachRunAllows)
         QStringList expected;
     } cases[] = {
         // clang-format off
-        {"aligned 8", 0x1000, all(8), {read(0x1000, 8)}},
         {"odd start", 0x1001, all(4), {read(0x1001, 1), read(0x1002, 2), read(0x1004, 1)}},
         {"gap", 0x1000, {0xFF, 0x00, 0xFF, 0xFF}, {read(0x1000, 1), read(0x1002, 2)}},
-        {"partial mask byte", 0x1000, {0xFF, 0x0F, 0xFF, 0xFF}, {read(0x1000, 1), read(0x1002, 2)}},
-        {"15 bytes", 0x1000, all(15), {read(0x1000, 12), read(0x100C, 2), read(0x100E, 1)}},
-        {"run of 5 then a gap", 0x1000, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0xFF, 0xFF, 0xFF, 0xFF,
-         0xFF, 0xFF}, {read(0x1000, 4), read(0x1004, 1), read(0x1006, 2), read(0x1008, 4)}},
-        {"third byte unselected", 0x1000, {0xFF, 0xFF, 0x00, 0xFF, 0xFF},
-         {read(0x1000, 2), read(0x1003, 1), read(0x1004, 1)}},
         {"beyond the block read limit", 0x1000, all(40000), {read(0x1000, 40000)}},
-        {"nothing selected", 0x1000, all(8, 0x00), {}},
         // clang-format on
     };
     for (const auto& c : cases) {

@@ -426,6 +426,16 @@ TEST(Ranges, AreCutIntoRequestsByAlignmentSizeAndMask)
         {0x2001, QByteArray::fromHex("ffffffff"), {"2001+1@0", "2002+2@1", "2004+1@3"}},
         {0x2000, QByteArray::fromHex("00ff00ff"), {"2001+1@1", "2003+1@3"}},
         {0x2000, QByteArray(11, '\xff'), {"2000+8@0", "2008+2@8", "200a+1@10"}},
+        {0x2000, QByteArray(15, '\xff'), {"2000+12@0", "200c+2@12", "200e+1@14"}},
+        {0x2000,
+         QByteArray::fromHex("ffffffffff00ffffffffffff"),
+         {"2000+4@0", "2004+1@4", "2006+2@6", "2008+4@8"}},
+        {0x2000,
+         QByteArray::fromHex("ffffff00ffffffffff"),
+         {"2000+2@0", "2002+1@2", "2004+4@4", "2008+1@8"}},
+        {0x2000, QByteArray::fromHex("ffff00ffff"), {"2000+2@0", "2003+1@3", "2004+1@4"}},
+        {0x2000, QByteArray::fromHex("ff0fffff"), {"2000+1@0", "2002+2@2"}},
+        {0x2000, QByteArray(8, '\0'), {}},
     };
     for (const auto& c : masked) {
         Cuts reads;
