@@ -248,35 +248,6 @@ unsigned int perform(Connection& connection, Op op, int readSize)
     }
 }
 
-// Calls that take sizes, counts and an enumeration value from the caller, with `bytes` (8 of
-// them) giving an int from the whole range, negatives included, and a 32-bit flow mode. What
-// no frame carries must be refused (6 for bypass lists and packets, 13 for reads and writes)
-// without touching memory outside the buffer; what fits is sent (0); 12 is accepted from a
-// connection that has been closed.
-template <typename Connection>
-void hostileCalls(Connection& connection, const uint8_t* bytes)
-{
-    int value;
-    quint32 mode;
-    std::memcpy(&value, bytes, sizeof value);
-    std::memcpy(&mode, bytes + 4, sizeof mode);
-    static std::vector<unsigned char> buffer(pxproto::MaxPayloadLength);
-    const auto expect = [](unsigned int result, bool fits, unsigned int refused) {
-        if (result != (fits ? 0u : refused) && result != 12)
-            fail("a size or count outside what a frame carries was not refused");
-    };
-    expect(connection.setBypassFlowIds(buffer.data(), value),
-           value >= 0 && value <= pxproto::MaxFlowIds, 6);
-    expect(connection.sendBypassPacket(0x21, buffer.data(), value),
-           value >= 0 && value <= pxproto::MaxBypassData, 6);
-    // Sizes that fit would wait for replies the peer does not send: only the refused ones.
-    if (value < 0 || value > pxproto::MaxWriteData)
-        expect(connection.genericWrite(ReadAddress, false, buffer.data(), value), false, 13);
-    if (value < 1)
-        expect(connection.genericRead(ReadAddress, false, buffer.data(), value), false, 13);
-    expect(connection.setFlowMode(static_cast<PXLFlowMode>(mode)), true, 0);
-}
-
 } // namespace fuzzpeer
 
 #endif
