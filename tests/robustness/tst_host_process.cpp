@@ -2,10 +2,12 @@
 // must not change the process behind the host's back:
 // - a host that destroys its QCoreApplication and then goes on using handles (closing them
 //   later in main, or at exit) gets answers, not a hang;
-// - a host without an application object keeps its C locale, every category of it.
+// - a host without an application object (a plain C caller, a ctypes user) keeps its C
+//   locale, every category of it, and gets no Qt warnings on stderr.
 // Each case needs a process of its own (ctest runs every case in one).
 
 #include "SimulatorProcess.h"
+#include "WaitUntil.h"
 
 #include "pellix/api/PXLLibraryApi.h"
 #include "pellix/connection/PXClientManager.h"
@@ -15,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -51,30 +54,9 @@ void closeAtExit()
 
 } // namespace
 
-TEST(HostProcess, ConnectionWorksAfterTheHostApplicationIsGone)
-{
-    SimulatorProcess simulator;
-    ASSERT_TRUE(simulator.isListening());
-    auto* connection = new PXConnection;
-    {
-        HostApplication app;
-        ASSERT_TRUE(connection->open("127.0.0.1", simulator.port()));
-        ASSERT_EQ(connection->write32(0x2000, 0x11223344), 0u);
-    }
-    EXPECT_NE(QCoreApplication::instance(), nullptr) << "the network thread took over";
-    EXPECT_EQ(connection->cleanPellix(), 0u);
-    EXPECT_EQ(connection->write32(0x2000, 0xCAFEF00D), 0u);
-    unsigned int value = 0;
-    EXPECT_EQ(connection->read32(0x2000, &value), 0u);
-    EXPECT_EQ(value, 0xCAFEF00Du);
-    EXPECT_EQ(connection->ping(), 0u);
-    // A second open goes through the network thread's connect.
-    EXPECT_TRUE(connection->open("127.0.0.1", simulator.port()));
-    EXPECT_EQ(connection->ping(), 0u);
-    delete connection;
-}
-
-TEST(HostProcess, CInterfaceWorksAfterTheHostApplicationIsGoneAndClosesAtExit)
+// Closing at exit (after main() returns) and a second open (through the network thread's
+// connect) included.
+TEST(HostProcess, HandlesWorkAfterTheHostApplicationIsGone)
 {
     SimulatorProcess simulator;
     ASSERT_TRUE(simulator.isListening());
@@ -83,12 +65,15 @@ TEST(HostProcess, CInterfaceWorksAfterTheHostApplicationIsGoneAndClosesAtExit)
         HostApplication app;
         ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &handle), PXST_RESULT_OK);
         ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &atExitHandle), PXST_RESULT_OK);
+        ASSERT_EQ(PXST_Write32(handle, 0x3000, 0x11223344), PXST_RESULT_OK);
     }
+    EXPECT_NE(QCoreApplication::instance(), nullptr) << "the network thread took over";
     EXPECT_EQ(PXST_PellixClean(handle), PXST_RESULT_OK);
     EXPECT_EQ(PXST_Write32(handle, 0x3000, 0x55AA55AA), PXST_RESULT_OK);
     unsigned int value = 0;
     EXPECT_EQ(PXST_Read32(handle, 0x3000, &value), PXST_RESULT_OK);
     EXPECT_EQ(value, 0x55AA55AAu);
+    EXPECT_TRUE(PXConnection::GetById(handle)->open("127.0.0.1", simulator.port()));
     EXPECT_EQ(PXST_Ping(handle), PXST_RESULT_OK);
     EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
     // The other handle is closed after main() returns; the process's exit status says how
@@ -96,7 +81,10 @@ TEST(HostProcess, CInterfaceWorksAfterTheHostApplicationIsGoneAndClosesAtExit)
     std::atexit(closeAtExit);
 }
 
-TEST(HostProcess, LibraryLeavesTheLocaleOfAHostWithoutApplicationAlone)
+// Without an application object the network thread makes one, without a word on stderr (Qt
+// warns about one made off the main thread), leaves every category of the C locale as it
+// found it, and runs timers (the delayed callback fires).
+TEST(HostProcess, WithoutApplicationTheLibraryMakesOneQuietlyAndKeepsTheLocale)
 {
     ASSERT_EQ(QCoreApplication::instance(), nullptr);
     // An environment that names a locale other than the one in force: an application object
@@ -112,19 +100,41 @@ TEST(HostProcess, LibraryLeavesTheLocaleOfAHostWithoutApplicationAlone)
     std::vector<std::string> before;
     for (int category : categories)
         before.emplace_back(std::setlocale(category, nullptr));
-
     SimulatorProcess simulator;
     ASSERT_TRUE(simulator.isListening());
+
+    std::fflush(stderr);
+    const int saved = dup(STDERR_FILENO);
+    FILE* capture = std::tmpfile();
+    ASSERT_NE(capture, nullptr);
+    dup2(fileno(capture), STDERR_FILENO);
     int handle = -1;
-    ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &handle), PXST_RESULT_OK);
-    EXPECT_EQ(PXST_Ping(handle), PXST_RESULT_OK);
+    const unsigned int opened = PXST_OpenSocket("127.0.0.1", simulator.port(), &handle);
+    const unsigned int pinged = PXST_Ping(handle);
+    std::fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::rewind(capture);
+    char text[4096] = {};
+    EXPECT_EQ(std::fread(text, 1, sizeof(text) - 1, capture), 0u) << text;
+    std::fclose(capture);
+    ASSERT_EQ(opened + pinged, PXST_RESULT_OK);
     EXPECT_TRUE(PXClientManager::ownsApplication());
 
     for (size_t i = 0; i < categories.size(); ++i)
         EXPECT_EQ(std::setlocale(categories[i], nullptr), before[i])
             << "category " << categories[i];
-    char text[16];
-    std::snprintf(text, sizeof(text), "%.1f", 1.5);
-    EXPECT_STREQ(text, "1.5");
+    char number[16];
+    std::snprintf(number, sizeof(number), "%.1f", 1.5);
+    EXPECT_STREQ(number, "1.5");
+
+    unsigned char ids[] = {0x11}, byte = 9;
+    std::atomic<int> calls{0};
+    ASSERT_EQ(PXST_BypassEnable(handle, ids, 1), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_BypassSetDelayCallback(
+                  handle, [](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &calls, 20),
+              PXST_RESULT_OK);
+    ASSERT_EQ(PXST_BypassSendPacket(handle, 0x11, &byte, 1), PXST_RESULT_OK);
+    EXPECT_TRUE(waitUntil([&] { return calls.load() == 1; }));
     EXPECT_EQ(PXST_Close(handle), PXST_RESULT_OK);
 }

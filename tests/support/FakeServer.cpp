@@ -136,7 +136,6 @@ void FakeServer::accept()
                          [this, index] { readClient(index); });
         {
             std::lock_guard<std::mutex> lock(mutex);
-            framesByClient.emplace_back();
             clients = int(sockets.size());
         }
         changed.notify_all();
@@ -157,10 +156,8 @@ void FakeServer::readClient(int client)
         // would be freed by the test's thread through reference counts that Qt's own,
         // uninstrumented code drops, which ThreadSanitizer cannot pair up.
         std::lock_guard<std::mutex> lock(mutex);
-        for (QByteArray frame; !(frame = parser.getPacket(false)).isEmpty(); cut.append(frame)) {
+        for (QByteArray frame; !(frame = parser.getPacket(false)).isEmpty(); cut.append(frame))
             allFrames.append(own(frame));
-            framesByClient[size_t(client)].append(own(frame));
-        }
         current = responder;
     }
     changed.notify_all();
@@ -183,16 +180,12 @@ void FakeServer::write(int index, const QByteArray& bytes) const
     }
 }
 
-void FakeServer::send(const QByteArray& bytes, int client)
-{
-    const int index = resolve(client);
-    post([this, bytes, index] { write(index, bytes); });
-}
-
 void FakeServer::sendLater(const QByteArray& bytes, int delayMs, int client)
 {
     const int index = resolve(client);
     post([this, bytes, delayMs, index] {
+        if (delayMs == 0)
+            return write(index, bytes);
         QTimer::singleShot(delayMs, context, [this, bytes, index] { write(index, bytes); });
     });
 }
@@ -215,41 +208,26 @@ bool FakeServer::waitForConnections(int count, int timeoutMs) const
                             [&] { return clients >= count; });
 }
 
-// The frames received from a client (see frames()), null for one that does not exist.
-// Callers hold the mutex.
-const QList<QByteArray>* FakeServer::framesOf(int client) const
-{
-    const int index = client >= 0 ? client : clients - 1;
-    return client == AllClients            ? &allFrames
-           : index >= 0 && index < clients ? &framesByClient[size_t(index)]
-                                           : nullptr;
-}
-
-QList<QByteArray> FakeServer::frames(int client) const
+QList<QByteArray> FakeServer::frames() const
 {
     std::lock_guard<std::mutex> lock(mutex);
     QList<QByteArray> out;
-    if (const auto* list = framesOf(client))
-        for (const QByteArray& frame : *list)
-            out.append(own(frame));
+    for (const QByteArray& frame : allFrames)
+        out.append(own(frame));
     return out;
 }
 
-bool FakeServer::waitForFrames(int count, int timeoutMs, int client) const
+bool FakeServer::waitForFrames(int count, int timeoutMs) const
 {
     std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        const auto* list = framesOf(client);
-        return list && list->size() >= count;
-    });
+    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                            [&] { return allFrames.size() >= count; });
 }
 
 void FakeServer::clearReceived()
 {
     std::lock_guard<std::mutex> lock(mutex);
     allFrames.clear();
-    for (auto& list : framesByClient)
-        list.clear();
 }
 
 QByteArray FakeServer::memoryBytes(quint32 address, int count)

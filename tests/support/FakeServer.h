@@ -54,17 +54,16 @@ public:
     void setResponder(Responder responder);
 
     // Writes bytes to a client now, or after delayMs.
-    void send(const QByteArray& bytes, int client = -1);
+    void send(const QByteArray& bytes, int client = -1) { sendLater(bytes, 0, client); }
     void sendLater(const QByteArray& bytes, int delayMs, int client = -1);
     // Closes a client's socket (the peer sees the connection closed).
     void closeClient(int client = -1);
 
     bool waitForConnections(int count, int timeoutMs = 5000) const;
 
-    // Frames received from a client (-1: the most recent; -2: all clients, in arrival order).
-    static constexpr int AllClients = -2;
-    QList<QByteArray> frames(int client = AllClients) const;
-    bool waitForFrames(int count, int timeoutMs = 5000, int client = AllClients) const;
+    // Frames received from all clients, in arrival order.
+    QList<QByteArray> frames() const;
+    bool waitForFrames(int count, int timeoutMs = 5000) const;
     // Forgets what was received so far.
     void clearReceived();
 
@@ -77,7 +76,6 @@ private:
     QTcpSocket* socketFor(int client) const;
     void write(int client, const QByteArray& bytes) const;
     int resolve(int client) const;
-    const QList<QByteArray>* framesOf(int client) const;
 
     // The server's thread: a std::thread running a QEventLoop (joined, unlike a QThread, so
     // ThreadSanitizer sees its end).
@@ -96,7 +94,6 @@ private:
     Responder responder;
     int clients = 0;
     QList<QByteArray> allFrames;
-    std::vector<QList<QByteArray>> framesByClient;
 };
 
 #endif
