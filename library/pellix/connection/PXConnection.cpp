@@ -3,8 +3,8 @@
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXReplyLook.h"
 #include "pellix/connection/tsan_p.h"
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 #include "pellix/protocol/PXRanges_p.h"
 
 #include <QDeadlineTimer>

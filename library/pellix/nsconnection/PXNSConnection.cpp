@@ -1,8 +1,8 @@
 #include "pellix/nsconnection/PXNSConnection.h"
 
 #include "pellix/connection/PXClientManager.h"
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 #include "pellix/protocol/PXRanges_p.h"
 
 #include <QCoreApplication>

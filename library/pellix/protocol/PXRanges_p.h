@@ -7,7 +7,7 @@
 // for every request in order, where `offset` is the position in the caller's buffer, and
 // stops at the first call that returns non-zero, returning that; 0 when all succeeded.
 
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QtGlobal>
 
