@@ -1,7 +1,7 @@
 #include "pellix/connection/PXConnection.h"
 
 #include "pellix/connection/PXClientManager.h"
-#include "pellix/connection/PXReplyLook.h"
+#include "pellix/connection/PXReplyLook_p.h"
 #include "pellix/connection/tsan_p.h"
 #include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
@@ -59,7 +59,7 @@ void pollSocket(int fd, short events, qint64 timeout)
 
 } // namespace
 
-PXConnection::PXConnection()
+PXConnection::PXConnection() : replyLook(new PXReplyLook)
 {
     {
         QMutexLocker lock(&MGlobalMutex);
@@ -386,7 +386,7 @@ bool PXConnection::waitReply(quint32 flag, unsigned long timeout, bool look)
 {
     QElapsedTimer clock;
     clock.start();
-    const qint64 lookFor = look && mayLook() ? replyLook.begin() : 0;
+    const qint64 lookFor = look && mayLook() ? replyLook->begin() : 0;
     const qint64 timeoutNs = qint64(timeout) * 1000000;
     for (;;) {
         readAvailable(false);
@@ -414,7 +414,7 @@ bool PXConnection::waitReply(quint32 flag, unsigned long timeout, bool look)
     }
     const bool replied = !(pendingFlags.load(std::memory_order_relaxed) & flag);
     if (look)
-        replyLook.end(replied, clock.nsecsElapsed());
+        replyLook->end(replied, clock.nsecsElapsed());
     return replied;
 }
 
