@@ -513,9 +513,7 @@ unsigned int PXConnection::read32(unsigned int address, unsigned int* value)
 
 unsigned int PXConnection::readBlock(unsigned int address, unsigned char* data, int size)
 {
-    return pxrange::forEachRead(address, size, [&](quint32 at, int offset, int chunk) {
-        return genericRead(at, false, data + offset, chunk);
-    });
+    return pxrange::readBlock(*this, address, data, size);
 }
 
 unsigned int PXConnection::write8(unsigned int address, unsigned char value)
@@ -540,10 +538,7 @@ unsigned int PXConnection::write32(unsigned int address, unsigned int value)
 
 unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, int size)
 {
-    auto* bytes = reinterpret_cast<unsigned char*>(data);
-    return pxrange::forEachWrite(address, size, [&](quint32 at, int offset, int chunk) {
-        return genericWrite(at, false, bytes + offset, chunk);
-    });
+    return pxrange::writeBlock(*this, address, data, size);
 }
 
 // ---- events -----------------------------------------------------------------------------------

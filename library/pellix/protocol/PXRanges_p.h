@@ -60,6 +60,25 @@ unsigned int forEachWrite(quint32 address, int size, Request&& request)
     return 0;
 }
 
+// A block read and a block write through a connection's one-request calls (genericRead and
+// genericWrite of either connection class).
+template <typename Connection>
+unsigned int readBlock(Connection& connection, quint32 address, unsigned char* data, int size)
+{
+    return forEachRead(address, size, [&](quint32 at, int offset, int chunk) {
+        return connection.genericRead(at, false, data + offset, chunk);
+    });
+}
+
+template <typename Connection>
+unsigned int writeBlock(Connection& connection, quint32 address, unsigned int* data, int size)
+{
+    auto* bytes = reinterpret_cast<unsigned char*>(data);
+    return forEachWrite(address, size, [&](quint32 at, int offset, int chunk) {
+        return connection.genericWrite(at, false, bytes + offset, chunk);
+    });
+}
+
 // A masked read's next width at `address`, where `mask[0]` selects the byte and `remaining`
 // (at least 1) bytes are left: 1, 2, 4, or the run of selected bytes rounded down to a
 // multiple of 4 (at least 8, at most 1 GiB) as one block read. Every byte a width covers is
