@@ -95,6 +95,7 @@ long readLine(FILE* stream, char* buffer, int size, long taken = 0)
         return -1;
     const long capacity = size - 1;
     long n = taken;
+    bool zero = std::memchr(buffer, '\0', size_t(taken)) != nullptr;
     while (n < capacity) {
         const int c = getc_unlocked(stream);
         if (c == EOF)
@@ -102,11 +103,12 @@ long readLine(FILE* stream, char* buffer, int size, long taken = 0)
         buffer[n++] = static_cast<char>(c);
         if (c == '\n')
             break;
+        zero |= c == '\0';
     }
     buffer[n] = '\0';
     if (n == 0 && capacity > 0)
         return -1;
-    long length = static_cast<long>(std::strlen(buffer));
+    long length = zero ? static_cast<long>(std::strlen(buffer)) : n;
     if (length == 0)
         return 0;
     if (buffer[length - 1] == '\n') {
@@ -148,33 +150,39 @@ inline bool mayEndOrSkip(int c)
 // The line whose first character `first` was just taken, when it is a plain data line: at
 // most 16 hexadecimal digits (so no prefix, sign or space) and its LF or the end of the file.
 // Then the word is its value and true is returned. Otherwise false, with the characters taken
-// so far in `line` and their count in *taken, for readLine to go on with. This is the loop a
-// big file spends its time in, so it looks at each character once.
+// so far in `line` and their count in *taken, for readLine to go on with (digits come back in
+// upper case, which reads the same). This is the loop a big file spends its time in: it looks
+// at each character once and stores nothing but the value.
 inline bool plainWord(FILE* stream, int first, char* line, long* taken, uint32_t* word)
 {
     unsigned digit = kHex.digit[static_cast<unsigned char>(first)];
-    line[0] = static_cast<char>(first);
+    if (digit > 15) {
+        line[0] = static_cast<char>(first);
+        *taken = 1;
+        return false;
+    }
     long n = 1;
     uint64_t value = digit;
-    int c = first;
-    if (digit <= 15) {
-        for (;;) {
-            c = getc_unlocked(stream);
-            if (c == EOF)
-                break;
-            digit = kHex.digit[static_cast<unsigned char>(c)];
-            if (digit > 15 || n == 16)
-                break;
-            line[n++] = static_cast<char>(c);
-            value = (value << 4) | digit;
-        }
-        if (c == '\n' || c == EOF) {
-            *word = static_cast<uint32_t>(value);
-            return true;
-        }
-        line[n++] = static_cast<char>(c);
+    int c;
+    for (;;) {
+        c = getc_unlocked(stream);
+        if (c == EOF)
+            break;
+        digit = kHex.digit[static_cast<unsigned char>(c)];
+        if (digit > 15 || n == 16)
+            break;
+        ++n;
+        value = (value << 4) | digit;
     }
-    *taken = n;
+    if (c == '\n' || c == EOF) {
+        *word = static_cast<uint32_t>(value);
+        return true;
+    }
+    static const char upper[] = "0123456789ABCDEF";
+    for (long i = 0; i < n; ++i)
+        line[i] = upper[(value >> (4 * (n - 1 - i))) & 0xF];
+    line[n] = static_cast<char>(c);
+    *taken = n + 1;
     return false;
 }
 
