@@ -270,59 +270,83 @@ void readPacket(FILE* stream, char* line, Take&& take)
         fseeko(stream, lookedAtFrom, SEEK_SET);
 }
 
-// Word array that grows while a packet is read, so each line is read once.
+// Word array that grows while a packet is read, so each line is read once. The first words
+// stand in the buffer itself, so a small packet costs one allocation of its exact size.
 class WordBuffer
 {
 public:
-    ~WordBuffer() { std::free(m_words); }
+    WordBuffer() = default;
+    WordBuffer(const WordBuffer&) = delete;
+    WordBuffer& operator=(const WordBuffer&) = delete;
+    ~WordBuffer()
+    {
+        if (m_words != m_inline)
+            std::free(m_words);
+    }
 
-    int32_t count() const { return m_count; }
-    bool outOfMemory() const { return m_outOfMemory; }
+    int32_t count() const { return int32_t(m_count); }
 
     // wordCount is 32-bit: a longer run ends the packet, and the next call reports the rest
-    // as a data line outside a packet.
+    // as a data line outside a packet. False also when memory is short (the word is lost).
     bool append(uint32_t word)
     {
         if (m_count == m_capacity && !grow())
             return false;
         m_words[m_count++] = word;
-        return m_count < INT32_MAX;
+        return m_count < size_t(INT32_MAX);
     }
 
-    // Hands the array over, cut to its exact size; null for no words.
-    uint32_t* release()
+    // Hands the words over in an array of their exact size: null for no words, and null with
+    // *failed set when memory is short.
+    uint32_t* release(bool* failed)
     {
-        uint32_t* words = m_words;
-        m_words = nullptr;
-        if (!words || m_count == 0) {
-            std::free(words);
+        *failed = m_outOfMemory;
+        if (m_outOfMemory || m_count == 0)
             return nullptr;
+        const size_t bytes = m_count * sizeof(uint32_t);
+        uint32_t* words = nullptr;
+        if (m_words == m_inline) {
+            words = static_cast<uint32_t*>(std::malloc(bytes));
+            if (words)
+                std::memcpy(words, m_inline, bytes);
+        } else {
+            words = static_cast<uint32_t*>(std::realloc(m_words, bytes));
+            if (words)
+                m_words = m_inline;
         }
-        if (m_count < m_capacity) {
-            auto* exact = static_cast<uint32_t*>(std::realloc(words, size_t(m_count) * 4));
-            if (exact)
-                words = exact;
-        }
+        *failed = words == nullptr;
         return words;
     }
 
 private:
+    static constexpr size_t InlineWords = 256;
+
     bool grow()
     {
-        const size_t capacity = m_capacity ? size_t(m_capacity) * 2 : 256;
-        auto* grown = static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
+        const size_t capacity = m_capacity * 2;
+        uint32_t* grown = nullptr;
+        if (m_words == m_inline) {
+            grown = static_cast<uint32_t*>(std::malloc(capacity * sizeof(uint32_t)));
+            if (grown)
+                std::memcpy(grown, m_inline, sizeof m_inline);
+        } else {
+            grown = static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
+        }
         if (!grown) {
             m_outOfMemory = true;
             return false;
         }
         m_words = grown;
-        m_capacity = capacity > size_t(INT32_MAX) ? INT32_MAX : int32_t(capacity);
+        m_capacity = capacity;
         return true;
     }
 
-    uint32_t* m_words = nullptr;
-    int32_t m_count = 0;
-    int32_t m_capacity = 0;
+    uint32_t m_inline[InlineWords];
+    uint32_t* m_words = m_inline;
+    // size_t, not a 32-bit type, so that the compiler need not reload them after each word
+    // stored.
+    size_t m_count = 0;
+    size_t m_capacity = InlineWords;
     bool m_outOfMemory = false;
 };
 
@@ -338,14 +362,18 @@ int nextPacketLocked(FILE* stream, LodPacket** packet)
         return 0;
     WordBuffer words;
     readPacket(stream, line, [&](uint32_t word) { return words.append(word); });
-    if (words.outOfMemory())
+    bool failed = false;
+    uint32_t* array = words.release(&failed);
+    if (failed)
         return 0;
     auto* made = static_cast<LodPacket*>(std::malloc(sizeof(LodPacket)));
-    if (!made)
+    if (!made) {
+        std::free(array);
         return 0;
+    }
     made->address = address;
     made->wordCount = words.count();
-    made->words = words.release();
+    made->words = array;
     *packet = made;
     return 0;
 }
