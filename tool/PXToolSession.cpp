@@ -115,9 +115,10 @@ double Progress::seconds() const
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-void Progress::callback(unsigned long long done, unsigned long long total, void* userData)
+int Progress::callback(unsigned long long done, unsigned long long total, void* userData)
 {
     static_cast<Progress*>(userData)->update(done, total);
+    return 0;
 }
 
 void Progress::draw()

@@ -71,7 +71,7 @@ public:
     std::uint64_t done() const { return doneBytes; }
 
     // Adapter for the library's progress callbacks; userData is the Progress.
-    static void callback(unsigned long long done, unsigned long long total, void* userData);
+    static int callback(unsigned long long done, unsigned long long total, void* userData);
 
 private:
     using Clock = std::chrono::steady_clock;

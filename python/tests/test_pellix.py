@@ -138,6 +138,8 @@ def test_firmware_load_verify_dump(target, tmp_path):
         "@00300000", "00000001", "0bad0bad"]
     with pytest.raises(pellix.FileError):
         target.load(tmp_path / "missing.lod")
+    with pytest.raises(pellix.Cancelled):  # a true result stops the transfer
+        target.load(lod, verify=True, progress=lambda done, total: True)
 
 
 def test_error_mapping():

@@ -1,6 +1,6 @@
 #include "pellix/protocol/PXParser.h"
 
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QDateTime>
 
