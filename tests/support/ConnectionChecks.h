@@ -7,7 +7,7 @@
 
 #include "FakeServer.h"
 
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QElapsedTimer>
 
