@@ -5,8 +5,8 @@
 // socket client that is the baseline of each measurement, the smoke-run switch, and the
 // latency timer that records per-call samples.
 
-#include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXFrames_p.h"
+#include "pellix/protocol/PXParser.h"
 
 #include <benchmark/benchmark.h>
 
