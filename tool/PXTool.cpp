@@ -157,12 +157,12 @@ int runTool(const std::vector<std::string>& argv, const std::string& programFold
         printCommandHelp(stdout, *command);
         return ExitOk;
     }
-    if (args.positional.size() < command->minArguments ||
-        args.positional.size() > command->maxArguments) {
+    if (args.positional.size() < command->minArguments() ||
+        args.positional.size() > command->maxArguments()) {
         const std::string expected =
             std::string("expected '") + command->name +
             (*command->synopsis ? std::string(" ") + command->synopsis : std::string()) + "'";
-        return session.usage(args.positional.size() < command->minArguments
+        return session.usage(args.positional.size() < command->minArguments()
                                  ? "missing argument: " + expected
                                  : "too many arguments: " + expected);
     }

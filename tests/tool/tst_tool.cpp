@@ -172,8 +172,9 @@ TEST_F(ToolTest, BlocksFromAndToFiles)
     QByteArray data;
     for (int i = 0; i < 100 * 1024 + 3; ++i)
         data += char(i * 7 + i / 256);
-    EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, nullptr)
-                    .out.startsWith("write: 100.00 KiB in "));
+    // Summaries go to stderr: stdout carries data only.
+    EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, "")
+                    .err.startsWith("write: 100.00 KiB in "));
     expect({"read", "0x40001", "102403", "--out", file("out.bin")}, 0, nullptr);
     EXPECT_TRUE(readFile("out.bin") == data);
     // A file the tool reads or writes itself: exit 3 with the system's reason.
@@ -186,8 +187,8 @@ TEST_F(ToolTest, LoadVerifyDumpAndAMismatch)
     const QString good =
         writeFile("good.lod", "# two packets\n@00001000\n11111111\n22222222\n33333333\n\n"
                               "@00002000\nABCDEF01\n@F0000000\n99999999\n");
-    ToolRun run = expect({"load", good, "--verify"}, 0, nullptr);
-    EXPECT_TRUE(run.out.contains(": 16 B written in ") && run.out.contains(": 16 B match in "));
+    ToolRun run = expect({"load", good, "--verify"}, 0, "");
+    EXPECT_TRUE(run.err.contains(": 16 B written in ") && run.err.contains(": 16 B match in "));
     expect({"dump", "0x1000", "3", file("dump.lod")}, 0, nullptr);
     EXPECT_EQ(readFile("dump.lod"), QByteArray("@00001000\n11111111\n22222222\n33333333\n"));
     // --progress draws the bar even into a pipe, ending at 100%.
