@@ -1,19 +1,82 @@
 // Firmware files: load, verify and dump.
 
 #include "PXToolCommands.h"
+#include "PXToolImage.h"
 
 #include <pellix/api/PXLLibraryApi.h>
+
+#include <algorithm>
 
 namespace pxtool {
 
 namespace {
 
-int lodFailure(const Session& session, unsigned int result, unsigned int failAddress,
-               const std::string& path)
+// Which reader or writer a command uses.
+enum class Format { Lod, Binary };
+
+bool parseFormat(const Session& session, Format* format)
 {
-    if (result == PXST_RESULT_MISMATCH)
-        return session.fail(result, "first difference " + atAddress(failAddress));
-    return session.fail(result, path);
+    const std::string name = session.args.value("format", "lod");
+    if (name == "lod")
+        *format = Format::Lod;
+    else if (name == "binary" || name == "bin")
+        *format = Format::Binary;
+    else {
+        session.usage("bad --format '" + name + "': expected lod or binary");
+        return false;
+    }
+    return true;
+}
+
+// The firmware file of load and verify, read and checked before anything is sent.
+struct Firmware
+{
+    std::string path;
+    Format format = Format::Lod;
+    bool lenient = false; // the library reads the LOD file by its own lenient rules
+    Image image;
+};
+
+int readFirmware(Session& session, Firmware* firmware)
+{
+    firmware->path = session.arg(0);
+    firmware->lenient = session.args.has("lenient");
+    if (!parseFormat(session, &firmware->format))
+        return ExitUsage;
+    std::uint32_t address = 0;
+    const bool binary = firmware->format == Format::Binary;
+    if (binary != session.args.has("address"))
+        return session.usage("--address goes with --format binary, and only there");
+    if (binary && !session.u32(session.args.value("address"), "address", &address))
+        return ExitUsage;
+    if (firmware->lenient && (binary || firmware->path == "-"))
+        return session.usage("--lenient applies to LOD files read by the library");
+    if (firmware->lenient)
+        return ExitOk;
+    std::vector<std::uint8_t> content;
+    if (const int status = readInput(session, firmware->path, &content))
+        return status;
+    if (binary) {
+        if (content.size() > 0x100000000ull - address)
+            return session.usage("the file does not fit between the address and 4 GiB");
+        firmware->image.segments.push_back(Segment{address, std::move(content)});
+        return ExitOk;
+    }
+    FileProblem problem;
+    if (!readLodStrict(content, &firmware->image, &problem)) {
+        const std::string hint = formatHint(content);
+        return session.badFile(
+            firmware->path + (problem.line ? ":" + std::to_string(problem.line) : std::string()),
+            problem.what + (hint.empty() ? "" : " (" + hint + ")"));
+    }
+    for (const std::string& skipped : firmware->image.skipped)
+        session.note("%s: %s", firmware->path.c_str(), skipped.c_str());
+    return ExitOk;
+}
+
+int stopped(const Session& session, const Progress& progress)
+{
+    return session.fail(ResultCancelled, "stopped after " + progress.howFar());
 }
 
 int transferSummary(const Session& session, const std::string& path, const char* what,
@@ -32,62 +95,210 @@ int transferSummary(const Session& session, const std::string& path, const char*
                            text);
 }
 
-int verifyFile(Session& session, const std::string& path)
+// Writes the image piece by piece, stopping between pieces on a stop signal.
+int writeImage(Session& session, const Firmware& firmware)
 {
-    if (const int status = session.open())
-        return status;
+    Progress progress(session, "load");
+    const std::uint64_t total = firmware.image.size();
+    std::uint64_t done = 0;
+    for (const Segment& segment : firmware.image.segments) {
+        for (std::size_t offset = 0; offset < segment.bytes.size(); offset += ChunkBytes) {
+            if (stopRequested())
+                return stopped(session, progress);
+            const std::size_t n = std::min<std::size_t>(ChunkBytes, segment.bytes.size() - offset);
+            const std::uint32_t at = segment.address + std::uint32_t(offset);
+            // PXST_WriteBlock takes words but copies bytes: the cast carries no alignment need.
+            const void* data = segment.bytes.data() + offset;
+            if (const unsigned int result = PXST_WriteBlock(
+                    session.handle, at, static_cast<unsigned int*>(const_cast<void*>(data)),
+                    unsigned(n)))
+                return session.fail(result, atAddress(at));
+            done += n;
+            progress.update(done, total);
+        }
+    }
+    progress.finish();
+    return transferSummary(session, firmware.path, "written", progress);
+}
+
+std::uint32_t wordAt(const std::uint8_t* bytes, std::size_t size)
+{
+    std::uint32_t word = 0;
+    for (std::size_t i = 0; i < size && i < 4; ++i)
+        word |= std::uint32_t(bytes[i]) << (8 * i);
+    return word;
+}
+
+// Reads the image's ranges back and compares them word by word: counts the words that differ,
+// prints the first --max-report of them and fails with 17 naming the first.
+int verifyImage(Session& session, const Firmware& firmware)
+{
+    std::uint64_t maxReport = 0;
+    if (session.args.has("max-report") &&
+        !session.number(session.args.value("max-report"), "report count", 0xFFFFFFFFu, &maxReport))
+        return ExitUsage;
+    Progress progress(session, "verify");
+    const std::uint64_t total = firmware.image.size();
+    std::uint64_t done = 0, differing = 0;
+    std::string first;
+    std::vector<std::uint8_t> back(ChunkBytes);
+    for (const Segment& segment : firmware.image.segments) {
+        for (std::size_t offset = 0; offset < segment.bytes.size(); offset += ChunkBytes) {
+            if (stopRequested())
+                return stopped(session, progress);
+            const std::size_t n = std::min<std::size_t>(ChunkBytes, segment.bytes.size() - offset);
+            const std::uint32_t at = segment.address + std::uint32_t(offset);
+            if (const unsigned int result =
+                    PXST_ReadBlock(session.handle, at, back.data(), unsigned(n)))
+                return session.fail(result, atAddress(at));
+            const std::uint8_t* expected = segment.bytes.data() + offset;
+            for (std::size_t i = 0; i < n; i += 4) {
+                const std::size_t width = std::min<std::size_t>(4, n - i);
+                const std::uint32_t want = wordAt(expected + i, width);
+                const std::uint32_t got = wordAt(back.data() + i, width);
+                if (want == got)
+                    continue;
+                char text[96];
+                std::snprintf(text, sizeof text, "0x%08X: expected 0x%08X, read 0x%08X",
+                              unsigned(at + i), unsigned(want), unsigned(got));
+                if (differing++ == 0)
+                    first = text;
+                if (differing <= maxReport) {
+                    const Record r = session.record()
+                                         .number("address", at + i)
+                                         .number("expected", want)
+                                         .number("actual", got);
+                    if (const int status = session.emit(r, std::string(text) + "\n"))
+                        return status;
+                }
+            }
+            done += n;
+            progress.update(done, total);
+        }
+    }
+    progress.finish();
+    if (differing)
+        return session.fail(PXST_RESULT_MISMATCH, std::to_string(differing) +
+                                                      (differing == 1 ? " word differs" : " words differ") +
+                                "; first " + first);
+    return transferSummary(session, firmware.path, "match", progress);
+}
+
+int lodFailure(const Session& session, unsigned int result, unsigned int failAddress,
+               const Firmware& firmware, const Progress& progress)
+{
+    if (result == ResultCancelled)
+        return stopped(session, progress);
+    if (result == PXST_RESULT_MISMATCH)
+        return session.fail(result, "first difference " + atAddress(failAddress));
+    return session.fail(result, firmware.path);
+}
+
+int verify(Session& session, const Firmware& firmware)
+{
+    if (!firmware.lenient)
+        return verifyImage(session, firmware);
     unsigned int failAddress = 0;
     Progress progress(session, "verify");
-    const unsigned int result = PXST_VerifyLodProgress(session.handle, path.c_str(), &failAddress,
-                                                       Progress::callback, &progress);
+    const unsigned int result = PXST_VerifyLodProgress(session.handle, firmware.path.c_str(),
+                                                       &failAddress, Progress::callback, &progress);
     progress.finish();
     if (result)
-        return lodFailure(session, result, failAddress, path);
-    return transferSummary(session, path, "match", progress);
+        return lodFailure(session, result, failAddress, firmware, progress);
+    return transferSummary(session, firmware.path, "match", progress);
 }
 
 int cmdLoad(Session& session)
 {
+    Firmware firmware;
+    if (const int status = readFirmware(session, &firmware))
+        return status;
     if (const int status = session.open())
         return status;
-    const std::string& path = session.arg(0);
-    Progress progress(session, "load");
-    const unsigned int result = PXST_LoadLodProgress(session.handle, path.c_str(), 0, nullptr,
-                                                     Progress::callback, &progress);
-    progress.finish();
-    if (result)
-        return lodFailure(session, result, 0, path);
-    if (const int status = transferSummary(session, path, "written", progress))
+    catchStopSignals();
+    int status = ExitOk;
+    if (firmware.format == Format::Lod && firmware.path != "-") {
+        // The library reads the LOD file itself; its progress callback carries the stop request.
+        Progress progress(session, "load");
+        const unsigned int result = PXST_LoadLodProgress(session.handle, firmware.path.c_str(), 0,
+                                                         nullptr, Progress::callback, &progress);
+        progress.finish();
+        status = result ? lodFailure(session, result, 0, firmware, progress)
+                        : transferSummary(session, firmware.path, "written", progress);
+    } else {
+        status = writeImage(session, firmware);
+    }
+    if (status || !session.args.has("verify"))
         return status;
-    return session.args.has("verify") ? verifyFile(session, path) : int(ExitOk);
+    return verify(session, firmware);
 }
 
 int cmdVerify(Session& session)
 {
-    return verifyFile(session, session.arg(0));
+    Firmware firmware;
+    if (const int status = readFirmware(session, &firmware))
+        return status;
+    if (const int status = session.open())
+        return status;
+    catchStopSignals();
+    return verify(session, firmware);
 }
 
 int cmdDump(Session& session)
 {
     std::uint32_t address = 0;
     std::uint64_t words = 0;
-    // The byte count of the read must fit the 32-bit size of a block call.
+    Format format = Format::Lod;
     if (!session.u32(session.arg(0), "address", &address) ||
-        !session.number(session.arg(1), "word count", 0x3FFFFFFF, &words))
+        !session.number(session.arg(1), "word count", 0x40000000, &words) ||
+        !parseFormat(session, &format))
         return ExitUsage;
+    if (session.args.has("binary"))
+        format = Format::Binary;
+    const std::uint64_t size = words * 4;
+    if (size > 0x100000000ull - address)
+        return session.usage("the range runs past the end of the 32-bit address space");
+    OutputFile output(session, session.arg(2));
     if (const int status = session.open())
         return status;
-    const std::string& path = session.arg(2);
-    const bool binary = session.args.has("binary");
+    if (const int status = output.open())
+        return status;
+    catchStopSignals();
+    const std::unique_ptr<ImageWriter> writer =
+        format == Format::Lod ? lodWriter(output) : binaryWriter(output);
     Progress progress(session, "dump");
-    const unsigned int result =
-        PXST_DumpLodProgress(session.handle, path.c_str(), address, unsigned(words), binary ? 1 : 0,
-                             Progress::callback, &progress);
+    if (const int status = writer->segment(address))
+        return status;
+    std::vector<std::uint8_t> buffer(std::min<std::uint64_t>(size, ChunkBytes));
+    for (std::uint64_t done = 0; done < size;) {
+        if (stopRequested())
+            return stopped(session, progress);
+        const std::uint32_t n = std::uint32_t(std::min<std::uint64_t>(ChunkBytes, size - done));
+        const std::uint32_t at = address + std::uint32_t(done);
+        if (const unsigned int result = PXST_ReadBlock(session.handle, at, buffer.data(), n))
+            return session.fail(result, atAddress(at));
+        if (const int status = writer->bytes(buffer.data(), n))
+            return status;
+        done += n;
+        progress.update(done, size);
+    }
     progress.finish();
-    if (result)
-        return session.fail(result, result == PXST_RESULT_FILE ? path : atAddress(address));
-    return transferSummary(session, path, "read", progress);
+    if (const int status = writer->finish())
+        return status;
+    if (const int status = output.commit())
+        return status;
+    return transferSummary(session, output.name(), "read", progress);
 }
+
+const OptionDef FormatOption{"format", "NAME",
+                             "lod (default) or binary (with --address) instead of\n"
+                             "choosing by content"};
+const OptionDef AddressOption{"address", "ADDRESS", "where a binary file starts in the target"};
+const OptionDef LenientOption{"lenient", nullptr,
+                              "let the library read the LOD file by its own lenient rules\n"
+                              "(unparsable text reads as 0) instead of checking it first"};
+const OptionDef MaxReportOption{"max-report", "N",
+                                "list the first N differing words on stdout (default 0)"};
 
 } // namespace
 
@@ -96,22 +307,32 @@ std::vector<Command> firmwareCommands()
     return {
         {"load",
          "FILE",
-         "load a LOD file into the target",
-         "Writes every packet of the LOD file FILE to the target (packets at 0xF0000000 are\n"
-         "skipped), then with --verify reads them back and compares.",
+         "load a firmware file into the target",
+         "Checks FILE ('-': stdin) strictly, then writes every packet to the target (LOD\n"
+         "packets at 0xF0000000 are skipped, and said so), then with --verify reads them back\n"
+         "and compares. Ctrl-C stops after the piece in flight and says how far it got.",
          cmdLoad,
-         {{"verify", nullptr, "verify the target against the file after loading"}}},
-        {"verify", "FILE", "compare the target with a LOD file",
-         "Reads back every packet of the LOD file FILE and compares; a difference fails with\n"
-         "result 17 and the address of the first differing word.",
-         cmdVerify},
+         {{"verify", nullptr, "verify the target against the file after loading"},
+          FormatOption,
+          AddressOption,
+          LenientOption,
+          MaxReportOption}},
+        {"verify",
+         "FILE",
+         "compare the target with a firmware file",
+         "Reads back every packet of FILE and compares; differences fail with result 17,\n"
+         "naming the first (address, expected and actual word) and how many words differ.",
+         cmdVerify,
+         {FormatOption, AddressOption, LenientOption, MaxReportOption}},
         {"dump",
          "ADDRESS WORDS FILE",
          "dump target memory to a LOD or binary file",
-         "Reads WORDS 32-bit words from ADDRESS upwards into FILE: one LOD packet, or the raw\n"
-         "words (little-endian) with --binary.",
+         "Reads WORDS 32-bit words from ADDRESS upwards into FILE ('-': stdout), streaming:\n"
+         "one LOD packet, or the raw words (little-endian) with --binary. The file appears\n"
+         "only when complete.",
          cmdDump,
-         {{"binary", nullptr, "write raw words instead of LOD text"}}},
+         {{"binary", nullptr, "write raw words instead of LOD text (--format binary)"},
+          FormatOption}},
     };
 }
 

@@ -5,10 +5,12 @@
 #include "SimulatorProcess.h"
 #include "WaitUntil.h"
 
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -196,8 +198,60 @@ TEST_F(ToolTest, LoadVerifyDumpAndAMismatch)
     EXPECT_TRUE(run.err.contains("load [") && run.err.contains("100%")) << run.err.toStdString();
 
     expect({"write32", "0x1008", "0"}, 0);
-    expect({"verify", good}, 1, nullptr,
-           "error 17: " + QString(PXST_ResultText(17)) + " (first difference at 0x00001008)");
+    expect({"write32", "0x2000", "0"}, 0);
+    expect({"verify", good, "--max-report", "1"}, 1,
+           "0x00001008: expected 0x33333333, read 0x00000000\n",
+           "error 17: " + QString(PXST_ResultText(17)) +
+               " (2 words differ; first 0x00001008: expected 0x33333333, read 0x00000000)");
+}
+
+// Files that the library would read leniently are refused before anything is sent, naming
+// the file, the line and the problem; --lenient lets the library have its way.
+TEST_F(ToolTest, BadFirmwareIsRefusedBeforeLoading)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        // clang-format off
+        {"@1000\nGARBAGE\n", ":2: 'GARBAGE' is not a hexadecimal number"},
+        {"@XYZ\n1\n", ":1: bad address: 'XYZ'"},
+        {"@1000\n1122334455\n", ":2: '1122334455' does not fit in 32 bits"},
+        {"@1FFFFFFFF\n1\n", ":1: bad address: '1FFFFFFFF' does not fit"},
+        {"@FFFFFFFC\n1\n2\n", ":3: the packet runs past the end"},
+        {"", ": no data"}, {"@1000\n\n1\n", ":3: data line outside a packet"},
+        {":020000040000FA\n", ":1: data line outside a packet (no address line '@...' before it) (this looks like Intel HEX)"},
+        // clang-format on
+    };
+    for (const auto& [content, problem] : cases) {
+        const QString path = writeFile("bad.lod", content);
+        expect({"load", path}, 3, "", path + problem);
+    }
+    expect({"read32", "0x1000"}, 0, "0x00000000\n"); // nothing was written
+    expect({"load", writeFile("g.lod", "@1000\n12\nGARBAGE\n"), "--lenient"}, 0, "");
+    expect({"read32", "0x1004"}, 0, "0x00000000\n");
+    expect({"read32", "0x1000"}, 0, "0x00000012\n");
+    // A skipped packet is said, not silent.
+    expect({"load", writeFile("s.lod", "@1000\n1\n\n@F0000000\n1\n2\n")}, 0, "",
+           "line 4: packet at 0xF0000000 (2 words) skipped");
+}
+
+// Outputs: every write error fails, nothing half-written is left, a closed pipe ends at once.
+TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
+{
+    expect({"dump", "0", "64", "/dev/full"}, 3, "", "cannot write '/dev/full': No space left");
+    expect({"dump", "0", "1", file("x.lod")}, 0, "");
+    expect({"dump", "0xFFFFFFFC", "2", file("x.lod")}, 2, "", "runs past the end");
+    EXPECT_EQ(readFile("x.lod"), QByteArray("@00000000\n00000000\n"));
+    // A stop signal in the middle of a long dump: error 21, and no file at all.
+    QProcess dump;
+    dump.start(SimulatorProcess::binaryFolder() + "/pxtool",
+               {"--tcp-port", QString::number(simulator.port()), "dump", "0", "0x40000000",
+                file("big.bin"), "--binary"});
+    ASSERT_TRUE(dump.waitForStarted());
+    QThread::msleep(500);
+    dump.terminate();
+    ASSERT_TRUE(dump.waitForFinished(20000));
+    EXPECT_EQ(dump.exitCode(), 1);
+    EXPECT_TRUE(dump.readAllStandardError().contains("error 21: "));
+    EXPECT_EQ(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden).join(' '), "x.lod");
 }
 
 } // namespace
