@@ -76,7 +76,7 @@ int readFirmware(Session& session, Firmware* firmware)
 
 int stopped(const Session& session, const Progress& progress)
 {
-    return session.fail(ResultCancelled, "stopped after " + progress.howFar());
+    return session.fail(PXST_RESULT_CANCELLED, "stopped after " + progress.howFar());
 }
 
 int transferSummary(const Session& session, const std::string& path, const char* what,
@@ -187,7 +187,7 @@ int verifyImage(Session& session, const Firmware& firmware)
 int lodFailure(const Session& session, unsigned int result, unsigned int failAddress,
                const Firmware& firmware, const Progress& progress)
 {
-    if (result == ResultCancelled)
+    if (result == PXST_RESULT_CANCELLED)
         return stopped(session, progress);
     if (result == PXST_RESULT_MISMATCH)
         return session.fail(result, "first difference " + atAddress(failAddress));

@@ -113,7 +113,7 @@ int cmdRead(Session& session)
     std::vector<std::uint8_t> buffer(std::min(size, ChunkBytes));
     for (std::uint32_t done = 0; done < size;) {
         if (stopRequested())
-            return session.fail(ResultCancelled, "stopped after " + progress.howFar());
+            return session.fail(PXST_RESULT_CANCELLED, "stopped after " + progress.howFar());
         const std::uint32_t n = std::min(ChunkBytes, size - done);
         const std::uint32_t at = address + done;
         if (const unsigned int result = PXST_ReadBlock(session.handle, at, buffer.data(), n)) {
@@ -180,7 +180,7 @@ int cmdWrite(Session& session)
     std::uint64_t done = 0;
     for (;;) {
         if (stopRequested())
-            return session.fail(ResultCancelled, "stopped after " + progress.howFar());
+            return session.fail(PXST_RESULT_CANCELLED, "stopped after " + progress.howFar());
         std::size_t n = 0;
         if (file) {
             n = std::fread(words.data(), 1, ChunkBytes, file);

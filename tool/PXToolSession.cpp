@@ -229,9 +229,10 @@ std::string Progress::howFar() const
     return formatSize(doneBytes) + " of " + formatSize(totalBytes);
 }
 
-void Progress::callback(unsigned long long done, unsigned long long total, void* userData)
+int Progress::callback(unsigned long long done, unsigned long long total, void* userData)
 {
     static_cast<Progress*>(userData)->update(done, total);
+    return stopRequested() ? 1 : 0;
 }
 
 void Progress::draw()

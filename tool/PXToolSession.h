@@ -26,8 +26,6 @@ enum ExitCode {
 // Block reads and writes are cut into pieces of this size so that progress can be shown, output
 // streamed and a stop request honoured; the library cuts them further into requests of 32 KiB.
 constexpr std::uint32_t ChunkBytes = 64 * 1024;
-// The library's result code of a transfer that its progress callback stopped.
-constexpr unsigned int ResultCancelled = 21;
 
 struct Session
 {
@@ -104,8 +102,9 @@ public:
     // "<done> of <total>", for a transfer that stopped early.
     std::string howFar() const;
 
-    // Adapter for the library's progress callbacks; userData is the Progress.
-    static void callback(unsigned long long done, unsigned long long total, void* userData);
+    // Adapter for the library's progress callbacks; userData is the Progress. Asks the library
+    // to stop after the piece in flight once a stop signal has arrived.
+    static int callback(unsigned long long done, unsigned long long total, void* userData);
 
 private:
     using Clock = std::chrono::steady_clock;

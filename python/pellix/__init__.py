@@ -13,6 +13,7 @@ A thin layer over the C interface of ``libpellix_library.so`` (loaded with ctype
 from .connection import BASE_PORT, FLOW_MODES, Connection, open
 from .errors import (
     BufferTooSmall,
+    Cancelled,
     ConnectionFailed,
     EventsNotEnabled,
     FileError,
@@ -31,6 +32,7 @@ __all__ = [
     "BASE_PORT",
     "FLOW_MODES",
     "BufferTooSmall",
+    "Cancelled",
     "Connection",
     "ConnectionFailed",
     "EventsNotEnabled",

@@ -15,7 +15,7 @@ c_uint_p = ctypes.POINTER(ctypes.c_uint)
 c_ubyte_p = ctypes.POINTER(ctypes.c_ubyte)
 
 #: void (*)(unsigned long long done, unsigned long long total, void* userData)
-PROGRESS = ctypes.CFUNCTYPE(None, ctypes.c_ulonglong, ctypes.c_ulonglong, ctypes.c_void_p)
+PROGRESS = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_ulonglong, ctypes.c_ulonglong, ctypes.c_void_p)
 
 # name: (result type, argument types). Every PXST_ call returns an unsigned result code
 # unless said otherwise.

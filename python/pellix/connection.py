@@ -19,7 +19,7 @@ BASE_PORT = 7700
 #: Flow control words and their values.
 FLOW_MODES = {"none": 0, "hardware": 1, "xonxoff": 2}
 
-ProgressCallback = Callable[[int, int], None]
+ProgressCallback = Callable[[int, int], Optional[bool]]
 EventCallback = Callable[[int], None]
 
 # The bypass buffer: the largest stored packet (65535 bytes of payload) and some room.
@@ -382,7 +382,7 @@ class Connection:
              progress: Optional[ProgressCallback] = None) -> None:
         """Writes every packet of the LOD file at ``path`` to the target, then (``verify``)
         reads it back. Blocks for the whole transfer; ``progress(done, total)`` (bytes) is
-        called on this thread as it goes. Raises ``VerifyMismatch`` (with ``address``) when
+        called on this thread as it goes and may return True to stop (``Cancelled``). Raises ``VerifyMismatch`` (with ``address``) when
         the target differs."""
         fail = ctypes.c_uint(0)
         name = os.fsencode(path)
@@ -428,6 +428,8 @@ class Connection:
 
 def _progress(callback: ProgressCallback) -> "_library.PROGRESS":
     """A C progress callback that calls ``callback(done, total)``. The library calls it on
-    the thread that runs the transfer; an exception in it is printed by ctypes and the
-    transfer goes on."""
-    return _library.PROGRESS(lambda done, total, _user: callback(int(done), int(total)))
+    the thread that runs the transfer. A true result stops the transfer after the chunk just
+    moved (the call then raises ``Cancelled``); an exception in it is printed by ctypes and
+    the transfer goes on."""
+    return _library.PROGRESS(
+        lambda done, total, _user: 1 if callback(int(done), int(total)) else 0)

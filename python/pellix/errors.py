@@ -64,6 +64,10 @@ class EventsNotEnabled(PellixError):
     """Code 20: events are not enabled on this connection."""
 
 
+class Cancelled(PellixError):
+    """Code 21: the progress callback asked the transfer to stop."""
+
+
 class NotSupported(PellixError):
     """Code 30: the operation is not supported."""
 
@@ -79,6 +83,7 @@ _BY_CODE: Dict[int, Type[PellixError]] = {
     16: FileError,
     17: VerifyMismatch,
     20: EventsNotEnabled,
+    21: Cancelled,
     30: NotSupported,
 }
 

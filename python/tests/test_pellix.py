@@ -119,6 +119,8 @@ def test_firmware_load_verify_dump(target, tmp_path):
     assert target.verify(lod) is None
     target.write32(0x00300008, 0)
     assert target.verify(lod, progress=lambda done, total: None) == 0x00300008
+    with pytest.raises(pellix.Cancelled):  # a true result stops the transfer
+        target.load(lod, verify=True, progress=lambda done, total: True)
 
     # The second packet overwrites a word of the first: the verification after the load
     # finds it changed.

@@ -6,11 +6,12 @@
 
 #include <stdio.h>
 
-static void progress(unsigned long long done, unsigned long long total, void* userData)
+static int progress(unsigned long long done, unsigned long long total, void* userData)
 {
     (void)done;
     (void)total;
     (void)userData;
+    return 0;
 }
 
 int main(void)

@@ -125,10 +125,10 @@ TEST(ApiNoServer, ResultTexts)
     const std::string unknown = PXST_ResultText(1);
     EXPECT_EQ(unknown, "unknown result code");
     std::set<std::string> texts;
-    for (unsigned int code : {0, 3, 5, 6, 8, 11, 12, 13, 15, 16, 17, 19, 20, 30})
+    for (unsigned int code : {0, 3, 5, 6, 8, 11, 12, 13, 15, 16, 17, 19, 20, 21, 30})
         EXPECT_TRUE(texts.insert(PXST_ResultText(code)).second && texts.count(unknown) == 0)
             << code << " has no text of its own";
-    for (unsigned int code : {2u, 4u, 14u, 18u, 21u, 31u, 0xFFFFFFFFu})
+    for (unsigned int code : {2u, 4u, 14u, 18u, 22u, 31u, 0xFFFFFFFFu})
         EXPECT_EQ(PXST_ResultText(code), unknown) << code;
 }
 
@@ -384,10 +384,18 @@ namespace {
 
 using Steps = std::vector<unsigned long long>;
 
-void logProgress(unsigned long long done, unsigned long long total, void* userData)
+int logProgress(unsigned long long done, unsigned long long total, void* userData)
 {
     static_cast<Steps*>(userData)->push_back(done);
     static_cast<Steps*>(userData)->push_back(total);
+    return 0;
+}
+
+// Asks to stop at the second call.
+int stopSecond(unsigned long long done, unsigned long long, void* userData)
+{
+    static_cast<Steps*>(userData)->push_back(done);
+    return static_cast<Steps*>(userData)->size() >= 2 ? 1 : 0;
 }
 
 } // namespace
@@ -421,6 +429,24 @@ TEST_F(Api, ProgressVariantsReportEveryChunk)
               PXST_RESULT_OK);
     EXPECT_EQ(log, Steps(verify.begin(), verify.end() - 2));
     EXPECT_EQ(readFile(dump).size(), 200000);
+
+    // A callback that asks to stop ends each transfer after the chunk just moved.
+    for (const auto& call : std::vector<std::function<unsigned int(Steps*)>>{
+             [&](Steps* steps) {
+                 return PXST_LoadLodProgress(handle, file, 1, &fail, stopSecond, steps);
+             },
+             [&](Steps* steps) {
+                 return PXST_VerifyLodProgress(handle, file, &fail, stopSecond, steps);
+             },
+             [&](Steps* steps) {
+                 return PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000, 50000, 0,
+                                             stopSecond, steps);
+             }}) {
+        Steps steps;
+        EXPECT_EQ(call(&steps), PXST_RESULT_CANCELLED);
+        EXPECT_EQ(steps, (Steps{65536, 131072}));
+    }
+    EXPECT_EQ(readFile(dump).size(), 0);
 }
 
 // A server that answers status requests with a chosen byte (none when negative) and every

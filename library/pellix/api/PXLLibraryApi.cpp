@@ -53,6 +53,7 @@ constexpr ResultText ResultTexts[] = {
     {PXST_RESULT_MISMATCH, "target memory differs from the LOD file"},
     {PXST_RESULT_NO_EVENT, "no event"},
     {PXST_RESULT_EVENTS_DISABLED, "events are not enabled"},
+    {PXST_RESULT_CANCELLED, "the transfer was cancelled"},
     {PXST_RESULT_UNSUPPORTED, "operation not supported"},
 };
 

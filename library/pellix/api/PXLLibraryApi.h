@@ -54,9 +54,10 @@
 /* Result codes: PXLResult (pellix/protocol/PXLTypes.h), the same in every layer. */
 
 /* Progress of a LOD transfer: `done` of `total` bytes moved so far. Called on the caller's
- * thread. */
-typedef void (*PXST_ProgressCallback)(unsigned long long done, unsigned long long total,
-                                      void* userData);
+ * thread. Returns 0 to go on; any other value asks the transfer to stop: it ends after the
+ * chunk just moved and the call returns PXST_RESULT_CANCELLED (21). */
+typedef int (*PXST_ProgressCallback)(unsigned long long done, unsigned long long total,
+                                     void* userData);
 
 #ifdef __cplusplus
 extern "C" {
@@ -301,7 +302,8 @@ PELLIX_EXPORT unsigned int PXST_DumpLod(int handle, const char* path, unsigned i
  * with `userData`: they move each packet in chunks of at most 64 KiB and call back after
  * every chunk, with done and total in bytes. The total of a load with verification counts
  * both passes; it is known before the first block call (the file is read once more to
- * count). Same results as the calls above. */
+ * count). Same results as the calls above, and 21 when the callback asked to stop: what was
+ * moved before stays moved (a load is not undone; a dump's file is left empty). */
 PELLIX_EXPORT unsigned int PXST_LoadLodProgress(int handle, const char* path, int verify,
                                                 unsigned int* failAddress,
                                                 PXST_ProgressCallback callback, void* userData);

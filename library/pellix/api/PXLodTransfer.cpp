@@ -5,6 +5,7 @@
 #include "pellix/api/PXLLibraryApi.h"
 
 #include "pellix/api/PXApiFrame_p.h"
+#include "pellix/lod/LODCount_p.h"
 #include "pellix/lod/LODFileLoader.h"
 #include "pellix/protocol/PXRanges_p.h"
 
@@ -64,11 +65,11 @@ struct Transfer
 
     bool reportsProgress() const { return chunk == ProgressChunk; }
 
-    void advance(unsigned int bytes)
+    // Counts the bytes just moved and tells the callback; false when it asks to stop.
+    bool advance(unsigned int bytes)
     {
         done += bytes;
-        if (callback != nullptr)
-            callback(done, total, userData);
+        return callback == nullptr || callback(done, total, userData) == 0;
     }
 };
 
@@ -84,35 +85,30 @@ unsigned int checkHandle(int handle)
 }
 
 // Bytes a load or verify of the file moves: the words of every packet that is not skipped, up
-// to the end or the first data line outside a packet.
+// to the end or the first data line outside a packet. The file is walked without holding its
+// words.
 unsigned long long countTransferBytes(const char* path)
 {
-    LodFilePtr file(LOD_Open(path));
-    unsigned long long bytes = 0;
-    while (file) {
-        LodPacket* next = nullptr;
-        if (LOD_NextLodPacket(file.get(), &next) != 0 || next == nullptr)
-            break;
-        LodPacketPtr packet(next);
-        if (packet->address != SkippedAddress)
-            bytes += packetBytes(*packet);
-    }
-    return bytes;
+    uint64_t words = 0;
+    pxlod::countWords(path, SkippedAddress, &words);
+    return words * 4u;
 }
 
 // Calls `block(offset, bytes)` for consecutive pieces of `bytes` of at most transfer.chunk
 // bytes, at least once (a packet without words costs one call of size 0), telling the
-// progress after each. Stops at the first non-zero result.
+// progress after each. Stops at the first non-zero result, or with PXST_RESULT_CANCELLED when
+// the progress callback asks to stop.
 template <typename Block>
 unsigned int forEachChunk(Transfer& transfer, unsigned long long bytes, Block&& block)
 {
-    return pxrange::forEachPiece(bytes, transfer.chunk,
-                                 [&](unsigned long long offset, unsigned int piece) {
-                                     const unsigned int result = block(offset, piece);
-                                     if (result == PXST_RESULT_OK)
-                                         transfer.advance(piece);
-                                     return result;
-                                 });
+    return pxrange::forEachPiece(
+        bytes, transfer.chunk, [&](unsigned long long offset, unsigned int piece) {
+            const unsigned int result = block(offset, piece);
+            if (result != PXST_RESULT_OK)
+                return result;
+            return transfer.advance(piece) ? unsigned(PXST_RESULT_OK)
+                                           : unsigned(PXST_RESULT_CANCELLED);
+        });
 }
 
 // `countTotal`: a verification of its own, which learns its progress total from the file; a

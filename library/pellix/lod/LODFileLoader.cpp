@@ -1,16 +1,22 @@
 #include "pellix/lod/LODFileLoader.h"
 
+#include "pellix/lod/LODCount_p.h"
+
 #include <sys/types.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+
+// The reader uses standard I/O only (POSIX's unlocked getc under the stream's lock, ungetc,
+// ftello/fseeko). Every rule of the text format lives once below: the line (readLine), the
+// number (parseHex32), the class of a line (classify) and the packet (readPacket).
 
 namespace {
 
 // Size of the line buffer of the reader: a line keeps at most kLineBufferSize - 1 characters.
 constexpr int kLineBufferSize = 1027;
-constexpr size_t kMaxLineLength = kLineBufferSize - 1;
 
 // Stream buffer given to every file opened by LOD_Open; larger than the stdio default so a
 // big file is read with few system calls.
@@ -50,7 +56,7 @@ inline bool isCSpace(char c)
 // The low 32 bits of strtoul(text, NULL, 16) with a 64-bit unsigned long, for the text in
 // [s, end): white space, optional sign, optional 0x prefix, digits up to the first non-digit;
 // a value beyond 64 bits gives ULONG_MAX, sign or not.
-inline uint32_t parseHex32(const char* s, const char* end)
+uint32_t parseHex32(const char* s, const char* end)
 {
     while (s < end && isCSpace(*s))
         ++s;
@@ -75,159 +81,186 @@ inline uint32_t parseHex32(const char* s, const char* end)
     return static_cast<uint32_t>(negative ? 0 - value : value);
 }
 
-// One line as fgetl() gives it: its characters up to the first zero byte, without line end.
-struct Line
+// Reads one line as fgets(buffer, size, stream) followed by fgetl's end-of-line rules does:
+// up to size - 1 characters or through the first LF; the text counts up to its first zero
+// byte; a kept LF, and a CR right before it, are dropped; a text that does not end in LF is
+// followed by one more character from the stream: an LF there ends the line (dropping a CR
+// kept last), the end of the file changes nothing, anything else is skipped through the next
+// LF. The first `taken` characters (none of them an LF, fewer than size - 1) were read by the
+// caller and stand in the buffer already. Returns the text's length, or -1 at the end of the
+// file. The caller holds the stream's lock.
+long readLine(FILE* stream, char* buffer, int size, long taken = 0)
 {
-    const char* text;
-    long length; // -1 at the end of the file
+    if (size <= 0)
+        return -1;
+    const long capacity = size - 1;
+    long n = taken;
+    while (n < capacity) {
+        const int c = getc_unlocked(stream);
+        if (c == EOF)
+            break;
+        buffer[n++] = static_cast<char>(c);
+        if (c == '\n')
+            break;
+    }
+    buffer[n] = '\0';
+    if (n == 0 && capacity > 0)
+        return -1;
+    long length = static_cast<long>(std::strlen(buffer));
+    if (length == 0)
+        return 0;
+    if (buffer[length - 1] == '\n') {
+        buffer[--length] = '\0';
+        if (length > 0 && buffer[length - 1] == '\r')
+            buffer[--length] = '\0';
+        return length;
+    }
+    int c = getc_unlocked(stream);
+    if (c == '\n') {
+        if (buffer[length - 1] == '\r')
+            buffer[--length] = '\0';
+    } else {
+        while (c != EOF && c != '\n')
+            c = getc_unlocked(stream);
+    }
+    return length;
+}
 
-    bool isBlank() const { return length == 0; }
-    char first() const { return text[0]; }
-    const char* end() const { return text + length; }
-};
+enum class LineClass { Blank, Comment, Address, Data };
 
-// Reads lines exactly as fgetl() with a kLineBufferSize buffer does (fgets, then the end-of-
-// line and over-long rules) and counts the bytes taken from the stream, so the caller can step
-// back over lines it only looked at. The caller holds the stream's lock.
-class LineReader
+inline LineClass classify(const char* text, long length)
 {
-public:
-    explicit LineReader(FILE* file) : m_file(file) {}
+    if (length == 0)
+        return LineClass::Blank;
+    if (text[0] == '#')
+        return LineClass::Comment;
+    return text[0] == '@' ? LineClass::Address : LineClass::Data;
+}
 
-    uint64_t consumed() const { return m_consumed; }
+// Can a line that starts with `c` be anything but a data line? A line starting with CR may
+// still be blank (CR LF) and one starting with a zero byte is blank; both are looked at
+// closely like comments, so that the packet can end before them.
+inline bool mayEndOrSkip(int c)
+{
+    return c == '#' || c == '\r' || c == '\0';
+}
 
-    // The next line; valid until the next call.
-    Line next()
-    {
-#ifdef __GLIBC__
-        // Usual case: the whole line, its LF among the first kMaxLineLength bytes and no zero
-        // byte before it, already sits in the stream's buffer. Take it from there, uncopied.
-        const char* begin = m_file->_IO_read_ptr;
-        const char* available = m_file->_IO_read_end;
-        const char* limit =
-            available - begin > long(kMaxLineLength) ? begin + kMaxLineLength : available;
-        const char* p = begin;
-        while (p < limit && *p != '\n' && *p != '\0')
-            ++p;
-        if (p < limit && *p == '\n') {
-            long length = p - begin;
-            if (length > 0 && begin[length - 1] == '\r')
-                --length;
-            m_file->_IO_read_ptr = const_cast<char*>(p + 1);
-            m_consumed += uint64_t(p + 1 - begin);
-            return {begin, length};
-        }
-#endif
-        return nextByCharacter();
-    }
-
-    // Takes the next line if it is a plain data line held whole in the stream's buffer: up to
-    // 16 hex digits (not "0x"), anything after them, LF among the first kMaxLineLength bytes,
-    // no zero byte. Its word is the digits' value, as parseHex32() would give. Returns false
-    // and takes nothing otherwise; next() then reads the line. This is the loop a big file
-    // spends its time in, so it scans the line once.
-    bool nextPlainWord(uint32_t& word)
-    {
-#ifdef __GLIBC__
-        const char* begin = m_file->_IO_read_ptr;
-        const char* available = m_file->_IO_read_end;
-        const char* limit =
-            available - begin > long(kMaxLineLength) ? begin + kMaxLineLength : available;
-        const char* p = begin;
-        uint64_t value = 0;
-        for (; p < limit && p - begin < 16; ++p) {
-            const unsigned digit = kHex.digit[static_cast<unsigned char>(*p)];
-            if (digit > 15)
-                break;
-            value = (value << 4) | digit;
-        }
-        if (p == begin || p >= limit || kHex.digit[static_cast<unsigned char>(*p)] <= 15)
-            return false;
-        if (begin[0] == '0' && (begin[1] == 'x' || begin[1] == 'X'))
-            return false;
-        while (p < limit && *p != '\n' && *p != '\0')
-            ++p;
-        if (p >= limit || *p != '\n')
-            return false;
-        word = static_cast<uint32_t>(value);
-        m_file->_IO_read_ptr = const_cast<char*>(p + 1);
-        m_consumed += uint64_t(p + 1 - begin);
-        return true;
-#else
-        (void)word;
-        return false;
-#endif
-    }
-
-    // Steps the stream back by the last count bytes taken from it.
-    void giveBack(uint64_t count)
-    {
-        if (count == 0)
-            return;
-        m_consumed -= count;
-#ifdef __GLIBC__
-        // Usually the bytes are still in the stream's buffer: step back there. fseeko() would
-        // do the same but adds a system call to resync the file offset, once per packet.
-        if (count <= uint64_t(m_file->_IO_read_ptr - m_file->_IO_read_base)) {
-            m_file->_IO_read_ptr -= count;
-            m_file->_flags &= ~_IO_EOF_SEEN;
-            return;
-        }
-#endif
-        fseeko(m_file, -static_cast<off_t>(count), SEEK_CUR);
-    }
-
-private:
-    // Any line: fgets() into m_line and fgetl()'s rules, one character at a time.
-    Line nextByCharacter()
-    {
-        size_t n = 0;
-        size_t length = kLineBufferSize; // up to the first zero byte
-        while (n < kMaxLineLength) {
-            const int c = get();
+// The line whose first character `first` was just taken, when it is a plain data line: at
+// most 16 hexadecimal digits (so no prefix, sign or space) and its LF or the end of the file.
+// Then the word is its value and true is returned. Otherwise false, with the characters taken
+// so far in `line` and their count in *taken, for readLine to go on with. This is the loop a
+// big file spends its time in, so it looks at each character once.
+inline bool plainWord(FILE* stream, int first, char* line, long* taken, uint32_t* word)
+{
+    unsigned digit = kHex.digit[static_cast<unsigned char>(first)];
+    line[0] = static_cast<char>(first);
+    long n = 1;
+    uint64_t value = digit;
+    int c = first;
+    if (digit <= 15) {
+        for (;;) {
+            c = getc_unlocked(stream);
             if (c == EOF)
                 break;
-            if (c == '\0' && length == kLineBufferSize)
-                length = n;
-            m_line[n++] = static_cast<char>(c);
-            if (c == '\n')
+            digit = kHex.digit[static_cast<unsigned char>(c)];
+            if (digit > 15 || n == 16)
                 break;
+            line[n++] = static_cast<char>(c);
+            value = (value << 4) | digit;
         }
-        if (n == 0)
-            return {m_line, -1};
-        if (length > n)
-            length = n;
-        if (length == 0)
-            return {m_line, 0};
-        if (m_line[length - 1] == '\n') {
-            --length;
-            if (length > 0 && m_line[length - 1] == '\r')
-                --length;
-            return {m_line, long(length)};
+        if (c == '\n' || c == EOF) {
+            *word = static_cast<uint32_t>(value);
+            return true;
         }
-        int c = get();
-        if (c == '\n') {
-            if (m_line[length - 1] == '\r')
-                --length;
-        } else {
-            while (c != EOF && c != '\n')
-                c = get();
-        }
-        return {m_line, long(length)};
+        line[n++] = static_cast<char>(c);
     }
+    *taken = n;
+    return false;
+}
 
-    int get()
-    {
-        const int c = getc_unlocked(m_file);
-        if (c != EOF)
-            ++m_consumed;
-        return c;
+// Finds the next packet's address line, skipping blank lines and comments. Returns 0 with
+// *found false at the end of the file, 1 at a data line outside a packet.
+int findAddress(FILE* stream, char* line, uint32_t* address, bool* found)
+{
+    *found = false;
+    for (;;) {
+        const int c = getc_unlocked(stream);
+        if (c == EOF)
+            return 0;
+        if (c == '\n')
+            continue;
+        long taken = 1;
+        line[0] = static_cast<char>(c);
+        if (c == '@') {
+            // Usually the address is plain digits right after the '@'.
+            const int next = getc_unlocked(stream);
+            if (next == '\n' || next == EOF) {
+                *address = 0;
+                *found = true;
+                return 0;
+            }
+            uint32_t word = 0;
+            if (plainWord(stream, next, line + 1, &taken, &word)) {
+                *address = word;
+                *found = true;
+                return 0;
+            }
+            taken += 1;
+        }
+        const long length = readLine(stream, line, kLineBufferSize, taken);
+        switch (classify(line, length)) {
+        case LineClass::Blank:
+        case LineClass::Comment:
+            continue;
+        case LineClass::Data:
+            return 1;
+        case LineClass::Address:
+            *address = parseHex32(line + 1, line + length);
+            *found = true;
+            return 0;
+        }
     }
+}
 
-    FILE* m_file;
-    uint64_t m_consumed = 0;
-    char m_line[kLineBufferSize];
-};
+// Reads the words of the packet whose lines start at the stream's position, handing each to
+// `take(word)` (which returns false to stop: memory is short or the count is full). The
+// packet ends before a blank line, an address line or the end of the file; comments in it
+// take no word. The stream is left at the start of the line after the last word: the line
+// that ended the packet is given back (one character, or by seeking back over comments and
+// a CR LF blank line that were looked at). The caller holds the stream's lock.
+template <typename Take>
+void readPacket(FILE* stream, char* line, Take&& take)
+{
+    off_t lookedAtFrom = -1; // start of the lines read since the last word, when any
+    for (;;) {
+        const int c = getc_unlocked(stream);
+        if (c == EOF)
+            break;
+        if (c == '@' || c == '\n') {
+            ungetc(c, stream);
+            break;
+        }
+        if (mayEndOrSkip(c) && lookedAtFrom < 0)
+            lookedAtFrom = ftello(stream) - 1;
+        uint32_t word = 0;
+        long taken = 0;
+        if (!plainWord(stream, c, line, &taken, &word)) {
+            const long length = readLine(stream, line, kLineBufferSize, taken);
+            const LineClass kind = classify(line, length);
+            if (kind == LineClass::Comment)
+                continue;
+            if (kind == LineClass::Blank)
+                break;
+            word = parseHex32(line, line + length);
+        }
+        const bool more = take(word);
+        lookedAtFrom = -1;
+        if (!more)
+            break;
+    }
+    if (lookedAtFrom >= 0)
+        fseeko(stream, lookedAtFrom, SEEK_SET);
+}
 
 // Word array that grows while a packet is read, so each line is read once.
 class WordBuffer
@@ -236,20 +269,16 @@ public:
     ~WordBuffer() { std::free(m_words); }
 
     int32_t count() const { return m_count; }
+    bool outOfMemory() const { return m_outOfMemory; }
 
+    // wordCount is 32-bit: a longer run ends the packet, and the next call reports the rest
+    // as a data line outside a packet.
     bool append(uint32_t word)
     {
-        if (m_count == m_capacity) {
-            const size_t capacity = m_capacity ? size_t(m_capacity) * 2 : 256;
-            auto* grown =
-                static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
-            if (!grown)
-                return false;
-            m_words = grown;
-            m_capacity = capacity > size_t(INT32_MAX) ? INT32_MAX : int32_t(capacity);
-        }
+        if (m_count == m_capacity && !grow())
+            return false;
         m_words[m_count++] = word;
-        return true;
+        return m_count < INT32_MAX;
     }
 
     // Hands the array over, cut to its exact size; null for no words.
@@ -270,58 +299,39 @@ public:
     }
 
 private:
+    bool grow()
+    {
+        const size_t capacity = m_capacity ? size_t(m_capacity) * 2 : 256;
+        auto* grown = static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
+        if (!grown) {
+            m_outOfMemory = true;
+            return false;
+        }
+        m_words = grown;
+        m_capacity = capacity > size_t(INT32_MAX) ? INT32_MAX : int32_t(capacity);
+        return true;
+    }
+
     uint32_t* m_words = nullptr;
     int32_t m_count = 0;
     int32_t m_capacity = 0;
+    bool m_outOfMemory = false;
 };
 
 // Reads the next packet; the caller holds the stream's lock.
-int nextPacketLocked(FILE* file, LodPacket** packet)
+int nextPacketLocked(FILE* stream, LodPacket** packet)
 {
-    LineReader reader(file);
-    Line line;
-    for (;;) {
-        line = reader.next();
-        if (line.length < 0)
-            return 0;
-        if (line.isBlank() || line.first() == '#')
-            continue;
-        if (line.first() != '@')
-            return 1;
-        break;
-    }
-    const uint32_t address = parseHex32(line.text + 1, line.end());
-
-    // The packet ends before a blank line, an address line or the end of the file. Lines
-    // looked at after the last word (comments, and the line that ends the packet) are given
-    // back, so the stream stands right after the last word as the next call expects.
-    WordBuffer words;
-    uint64_t afterLastWord = reader.consumed();
-    bool outOfMemory = false;
-    for (;;) {
-        // wordCount is 32-bit: a longer run ends the packet, and the next call reports the
-        // rest as a data line outside a packet.
-        if (words.count() == INT32_MAX)
-            break;
-        uint32_t word;
-        if (!reader.nextPlainWord(word)) {
-            line = reader.next();
-            if (line.length <= 0 || line.first() == '@')
-                break;
-            if (line.first() == '#')
-                continue;
-            word = parseHex32(line.text, line.end());
-        }
-        if (!words.append(word)) {
-            outOfMemory = true;
-            break;
-        }
-        afterLastWord = reader.consumed();
-    }
-    reader.giveBack(reader.consumed() - afterLastWord);
-    if (outOfMemory)
+    char line[kLineBufferSize];
+    uint32_t address = 0;
+    bool found = false;
+    if (findAddress(stream, line, &address, &found) != 0)
+        return 1;
+    if (!found)
         return 0;
-
+    WordBuffer words;
+    readPacket(stream, line, [&](uint32_t word) { return words.append(word); });
+    if (words.outOfMemory())
+        return 0;
     auto* made = static_cast<LodPacket*>(std::malloc(sizeof(LodPacket)));
     if (!made)
         return 0;
@@ -331,6 +341,18 @@ int nextPacketLocked(FILE* file, LodPacket** packet)
     *packet = made;
     return 0;
 }
+
+class StreamLock
+{
+public:
+    explicit StreamLock(FILE* stream) : m_stream(stream) { flockfile(stream); }
+    ~StreamLock() { funlockfile(m_stream); }
+    StreamLock(const StreamLock&) = delete;
+    StreamLock& operator=(const StreamLock&) = delete;
+
+private:
+    FILE* m_stream;
+};
 
 } // namespace
 
@@ -364,11 +386,8 @@ void LOD_Close(LodFile* lodFile)
 int LOD_NextLodPacket(LodFile* lodFile, LodPacket** packet)
 {
     *packet = nullptr;
-    FILE* file = lodFile->file;
-    flockfile(file);
-    const int result = nextPacketLocked(file, packet);
-    funlockfile(file);
-    return result;
+    StreamLock lock(lodFile->file);
+    return nextPacketLocked(lodFile->file, packet);
 }
 
 void LOD_FreeLodPacket(LodPacket* packet)
@@ -426,37 +445,47 @@ void LOD_DumpPacketBinaryFormat(FILE* stream, LodPacket* packet)
 
 char* fgetl(char* buffer, int size, FILE* stream)
 {
-    if (!std::fgets(buffer, size, stream))
-        return nullptr;
-    const size_t length = std::strlen(buffer);
-    if (length == 0)
-        return buffer;
-    if (buffer[length - 1] == '\n') {
-        buffer[length - 1] = '\0';
-        if (length > 1 && buffer[length - 2] == '\r')
-            buffer[length - 2] = '\0';
-        return buffer;
-    }
-    int c = std::getc(stream);
-    if (c == '\n') {
-        if (buffer[length - 1] == '\r')
-            buffer[length - 1] = '\0';
-    } else {
-        while (c != EOF && c != '\n')
-            c = std::getc(stream);
-    }
-    return buffer;
+    StreamLock lock(stream);
+    return readLine(stream, buffer, size) < 0 ? nullptr : buffer;
 }
 
 int countPacketWords(FILE* stream)
 {
+    StreamLock lock(stream);
     const off_t start = ftello(stream);
     char line[kLineBufferSize];
     int count = 0;
-    while (fgetl(line, kLineBufferSize, stream) && line[0] != '\0' && line[0] != '@') {
-        if (line[0] != '#')
+    for (;;) {
+        const long length = readLine(stream, line, kLineBufferSize);
+        if (length < 0)
+            break;
+        const LineClass kind = classify(line, length);
+        if (kind == LineClass::Blank || kind == LineClass::Address)
+            break;
+        if (kind == LineClass::Data)
             ++count;
     }
     fseeko(stream, start, SEEK_SET);
     return count;
+}
+
+bool pxlod::countWords(const char* path, uint32_t skippedAddress, uint64_t* words)
+{
+    *words = 0;
+    std::unique_ptr<LodFile, void (*)(LodFile*)> file(LOD_Open(path), LOD_Close);
+    if (!file)
+        return false;
+    FILE* stream = file->file;
+    StreamLock lock(stream);
+    char line[kLineBufferSize];
+    for (;;) {
+        uint32_t address = 0;
+        bool found = false;
+        if (findAddress(stream, line, &address, &found) != 0 || !found)
+            return true;
+        uint64_t count = 0;
+        readPacket(stream, line, [&](uint32_t) { return ++count < uint64_t(INT32_MAX); });
+        if (address != skippedAddress)
+            *words += count;
+    }
 }

@@ -38,6 +38,7 @@ typedef enum PXLResult {
     PXST_RESULT_MISMATCH = 17,        /* target memory differs from the LOD file */
     PXST_RESULT_NO_EVENT = 19,        /* no event */
     PXST_RESULT_EVENTS_DISABLED = 20, /* events are not enabled */
+    PXST_RESULT_CANCELLED = 21,       /* a progress callback asked a LOD transfer to stop */
     PXST_RESULT_UNSUPPORTED = 30      /* the operation is not supported */
 } PXLResult;
 
