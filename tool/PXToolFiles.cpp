@@ -28,6 +28,7 @@ int OutputFile::failed(const char* verb, int error)
 int OutputFile::open()
 {
     if (toStdout()) {
+        session.dataOnStdout = true;
         file = stdout;
         return ExitOk;
     }

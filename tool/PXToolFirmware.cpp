@@ -87,8 +87,9 @@ int transferSummary(const Session& session, const std::string& path, const char*
     std::snprintf(text, sizeof text, "%s: %s: %s %s in %.2f s (%s)\n", session.command.c_str(),
                   path.c_str(), formatSize(bytes).c_str(), what, progress.seconds(),
                   formatRate(bytes, progress.seconds()).c_str());
-    return session.summary(session.record()
-                               .flag("ok", true)
+    return session.summary(session
+                               .record()
+
                                .text("file", path)
                                .number("bytes", bytes)
                                .real("seconds", progress.seconds()),
@@ -178,9 +179,10 @@ int verifyImage(Session& session, const Firmware& firmware)
     }
     progress.finish();
     if (differing)
-        return session.fail(PXST_RESULT_MISMATCH, std::to_string(differing) +
-                                                      (differing == 1 ? " word differs" : " words differ") +
-                                "; first " + first);
+        return session.fail(PXST_RESULT_MISMATCH,
+                            std::to_string(differing) +
+                                (differing == 1 ? " word differs" : " words differ") + "; first " +
+                                first);
     return transferSummary(session, firmware.path, "match", progress);
 }
 

@@ -61,8 +61,12 @@ const std::vector<OptionDef>& globalOptions()
         {"tcp-port", "PORT", "TCP port of the server (on 127.0.0.1 without --host)"},
         {"no-start", nullptr, "never start a server"},
         {"quiet", nullptr, "no progress bars, notes or summaries (-q)"},
+        {"json", nullptr,
+         "print each result, and each failure, as one JSON object per line\n"
+         "on stdout"},
         {"progress", nullptr, "draw progress bars even when stderr is not a terminal"},
         {"help", nullptr, "show help, for the tool or for a command (-h)"},
+        {"version", nullptr, "print the version and exit"},
     };
     return options;
 }

@@ -85,8 +85,9 @@ int transferSummary(const Session& session, const char* verb, const Progress& pr
     char text[128];
     std::snprintf(text, sizeof text, "%s: %s in %.2f s (%s)\n", verb, formatSize(bytes).c_str(),
                   progress.seconds(), formatRate(bytes, progress.seconds()).c_str());
-    return session.summary(session.record()
-                               .flag("ok", true)
+    return session.summary(session
+                               .record()
+
                                .number("bytes", bytes)
                                .real("seconds", progress.seconds()),
                            text);

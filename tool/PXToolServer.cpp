@@ -28,7 +28,7 @@ int cmdPing(Session& session)
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     char text[48];
     std::snprintf(text, sizeof text, "reply in %.2f ms\n", ms);
-    return session.emit(session.record().flag("ok", true).real("ms", ms), text);
+    return session.emit(session.record().real("ms", ms), text);
 }
 
 int cmdStatus(Session& session)
@@ -38,8 +38,7 @@ int cmdStatus(Session& session)
     unsigned int status = 0;
     if (const unsigned int result = PXST_PellixStatus(session.handle, &status))
         return session.fail(result);
-    return session.emit(session.record().flag("ok", true).number("status", status),
-                        std::to_string(status) + "\n");
+    return session.emit(session.record().number("status", status), std::to_string(status) + "\n");
 }
 
 int cmdReconnect(Session& session)

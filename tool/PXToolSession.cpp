@@ -45,7 +45,7 @@ int Session::open()
 Record Session::record() const
 {
     Record r;
-    r.text("command", command);
+    r.text("command", command).flag("ok", true);
     return r;
 }
 
@@ -55,8 +55,12 @@ int Session::fail(unsigned int code, const std::string& detail) const
                  PXST_ResultText(code), detail.empty() ? "" : " (", detail.c_str(),
                  detail.empty() ? "" : ")");
     if (json) {
-        Record r = record();
-        r.flag("ok", false).number("code", code).text("error", PXST_ResultText(code));
+        Record r;
+        r.text("command", command)
+            .flag("ok", false)
+            .number("exit", ExitFailed)
+            .number("code", code)
+            .text("error", PXST_ResultText(code));
         if (!detail.empty())
             r.text("detail", detail);
         std::fprintf(out, "%s\n", r.json().c_str());
@@ -69,7 +73,7 @@ int Session::check(unsigned int code, const std::string& detail) const
 {
     if (code)
         return fail(code, detail);
-    return json ? emit(record().flag("ok", true), {}) : int(ExitOk);
+    return json ? emit(record(), {}) : int(ExitOk);
 }
 
 namespace {
@@ -79,8 +83,11 @@ void jsonFailure(const Session& session, int exitCode, const std::string& messag
 {
     if (!session.json)
         return;
-    Record r = session.record();
-    r.flag("ok", false).number("exit", unsigned(exitCode)).text("error", message);
+    Record r;
+    r.text("command", session.command)
+        .flag("ok", false)
+        .number("exit", unsigned(exitCode))
+        .text("error", message);
     std::fprintf(session.out, "%s\n", r.json().c_str());
     std::fflush(session.out);
 }
@@ -147,8 +154,12 @@ int Session::emit(const Record& record, const std::string& text) const
 
 int Session::summary(const Record& record, const std::string& text) const
 {
-    if (json)
+    if (json && !dataOnStdout)
         return emit(record, {});
+    if (json) {
+        std::fprintf(err, "%s\n", record.json().c_str());
+        return ExitOk;
+    }
     if (!quiet) {
         std::fputs(text.c_str(), err);
         std::fflush(err);

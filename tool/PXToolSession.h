@@ -35,6 +35,8 @@ struct Session
     bool quiet = false;
     bool json = false;     // results as JSON objects on stdout
     bool progress = false; // draw progress bars on stderr
+    // Raw data goes to stdout ("-" as an output file): JSON summaries go to stderr instead.
+    mutable bool dataOnStdout = false;
     std::FILE* out = stdout;
     std::FILE* err = stderr;
     // Opens the connection; set by the tool for commands that need one. Commands check their
@@ -63,9 +65,10 @@ struct Session
     // One result. Text mode writes `text` to stdout; --json writes the record as one line.
     // Returns ExitOk, or ExitFile when stdout cannot be written (a closed pipe, a full disk).
     int emit(const Record& record, const std::string& text) const;
-    // A summary: `text` on stderr unless quiet; with --json the record on stdout.
+    // A summary: `text` on stderr unless quiet; with --json the record on stdout (on stderr
+    // when stdout carries raw data).
     int summary(const Record& record, const std::string& text) const;
-    // A record that starts with the command's name.
+    // A record that starts with the command's name and "ok":true.
     Record record() const;
 
     // Parses an argument or option value as an unsigned number up to `max`; on failure
