@@ -147,8 +147,10 @@ int Session::emit(const Record& record, const std::string& text) const
     // The reader has gone or the disk is full: nothing more can be said on stdout.
     const int error = errno ? errno : EIO;
     std::clearerr(out);
-    std::fprintf(err, "pxtool: %s: cannot write to standard output: %s\n", command.c_str(),
-                 std::strerror(error));
+    // A reader that has gone (`| head`) needs no message; a full disk does.
+    if (error != EPIPE)
+        std::fprintf(err, "pxtool: %s: cannot write to standard output: %s\n", command.c_str(),
+                     std::strerror(error));
     return ExitFile;
 }
 

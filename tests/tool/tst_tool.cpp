@@ -94,6 +94,7 @@ TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
         {p + QStringList{"write8", "0x10", "0x100"}, "bad value '0x100'"},
         {p + QStringList{"--out", "f", "read", "0", "4"}, "command options go after the command"},
         {{"ping"}, "give the target's port with --port N"},
+        {{"--port", "65536", "ping"}, "bad port number '65536'"},
         // clang-format on
     };
     for (const auto& [arguments, message] : cases)
@@ -121,6 +122,25 @@ TEST(PXToolUsage, KillWithoutAServerStartsNoneAndExitsWithOne)
               "error 11: " + QString(PXST_ResultText(11)) + " (no server for COM248 at");
 }
 
+TEST(PXToolUsage, VersionsAndNoServerToStart)
+{
+    expectRun({"--version"}, 0, "pxtool " PELLIX_VERSION "\n");
+    QProcess pellix;
+    pellix.start(SimulatorProcess::binaryFolder() + "/pellix", {"--version"});
+    ASSERT_TRUE(pellix.waitForFinished(10000));
+    EXPECT_EQ(pellix.readAllStandardOutput(), "pellix " PELLIX_VERSION "\n");
+    // A pxtool without a pellix beside it says so at once instead of probing for 10 s.
+    QTemporaryDir alone;
+    const QString copy = alone.filePath("pxtool");
+    ASSERT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/pxtool", copy));
+    QProcess tool;
+    tool.start(copy, {"--port", "247", "ping"});
+    ASSERT_TRUE(tool.waitForFinished(5000));
+    EXPECT_EQ(tool.exitCode(), 1);
+    EXPECT_TRUE(tool.readAllStandardError().contains("and no " + copy.toUtf8().chopped(6) +
+                                                     "pellix to start"));
+}
+
 // ---- against a simulator ------------------------------------------------------------------
 
 // No simulator is started here: pxtool's PXST_Open starts "pellix COM201 ..." beside itself.
@@ -131,7 +151,9 @@ TEST(PXToolServer, OpenStartsTheServerBesideTheToolAndKillStopsIt)
         return runTool(port + QStringList{"--no-start", "ping"}).exitCode == 0;
     };
     ASSERT_FALSE(answers()) << "a server already runs on port 201";
-    expectRun(port + QStringList{"--baud", "115200", "ping"}, 0, nullptr);
+    expectRun(port + QStringList{"--baud", "115200", "ping"}, 0, nullptr,
+              "started pellix COM201 115200 none (127.0.0.1:7901); stop it with 'pxtool --port "
+              "201 kill'");
     EXPECT_TRUE(expectRun(port + QStringList{"kill"}, 0).err.isEmpty());
     // The server exits after reading the request: wait until nothing answers any more.
     EXPECT_TRUE(waitUntil([&] { return !answers(); }, 10000)) << "it still answers after kill";
@@ -252,6 +274,62 @@ TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
     EXPECT_EQ(dump.exitCode(), 1);
     EXPECT_TRUE(dump.readAllStandardError().contains("error 21: "));
     EXPECT_EQ(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden).join(' '), "x.lod");
+}
+
+// Scripts: one JSON object per result and per failure, "-" for standard input and output, a
+// closed pipe ends a command at once.
+TEST_F(ToolTest, ScriptableOutput)
+{
+    writeFile("in.bin", "\x08");
+    const std::pair<QStringList, const char*> cases[] = {
+        // clang-format off
+        {{"write32", "0x10", "7"}, R"({"command":"write32","ok":true})"},
+        {{"read32", "0x10"}, R"({"command":"read32","ok":true,"address":16,"value":7})"},
+        {{"read", "0x10", "2"}, R"({"command":"read","ok":true,"address":16,"data":"07 00"})"},
+        {{"read32", "x"}, R"({"command":"read32","ok":false,"exit":2,"error":"bad address 'x')"},
+        {{"verify", file("in.bin"), "--format", "binary", "--address", "0x10"},
+         R"({"command":"verify","ok":false,"exit":1,"code":17,"error":)"},
+        // clang-format on
+    };
+    for (const auto& [arguments, line] : cases)
+        EXPECT_TRUE(expect(QStringList{"--json"} + arguments,
+                           arguments[0] == "verify" ? 1
+                           : arguments[1] == "x"    ? 2
+                                                    : 0,
+                           nullptr)
+                        .out.startsWith(line))
+            << line;
+    // Standard input in, standard output out.
+    QProcess write;
+    write.start(SimulatorProcess::binaryFolder() + "/pxtool",
+                {"--tcp-port", QString::number(simulator.port()), "write", "0x20", "-"});
+    write.write("\x01\x02\x03\x04");
+    write.closeWriteChannel();
+    ASSERT_TRUE(write.waitForFinished(10000));
+    expect({"dump", "0x20", "1", "-"}, 0, "@00000020\n04030201\n");
+    // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
+    QProcess pipe;
+    pipe.start("bash", {"-c", "'" + SimulatorProcess::binaryFolder() + "/pxtool' --tcp-port " +
+                                  QString::number(simulator.port()) +
+                                  " read 0 0x10000000 | head -c 1 >/dev/null; "
+                                  "echo ${PIPESTATUS[0]}"});
+    ASSERT_TRUE(pipe.waitForFinished(10000));
+    EXPECT_EQ(pipe.readAllStandardOutput(), "3\n");
+}
+
+// Followers: --count 0 ends after enabling; a server that goes away ends them with an error.
+TEST_F(ToolTest, FollowersEndWhenTheServerGoes)
+{
+    expect({"events", "--count", "0"}, 0, "");
+    QProcess listen;
+    listen.start(SimulatorProcess::binaryFolder() + "/pxtool",
+                 {"--tcp-port", QString::number(simulator.port()), "bypass-listen", "0x21"});
+    listen.setReadChannel(QProcess::StandardError);
+    ASSERT_TRUE(listen.waitForReadyRead(10000)); // "listening on 1 flow(s)"
+    expect({"kill"}, 0);
+    ASSERT_TRUE(listen.waitForFinished(15000));
+    EXPECT_EQ(listen.exitCode(), 1);
+    EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
 }
 
 } // namespace
