@@ -5,6 +5,7 @@
 #include <pellix/api/PXLLibraryApi.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -139,6 +140,13 @@ int runTool(const std::vector<std::string>& argv, const std::string& programFold
     const Arguments& args = session.args;
 
     session.json = args.has("json");
+    if (args.has("trace")) {
+        // The library reads the rules when it first logs: before any call into it.
+        const char* rules = std::getenv("QT_LOGGING_RULES");
+        const std::string all = std::string(rules && *rules ? std::string(rules) + ";" : "") +
+                                "pellix.frames.debug=true";
+        setenv("QT_LOGGING_RULES", all.c_str(), 1);
+    }
     if (args.command.empty()) {
         if (args.has("version")) {
             std::printf("pxtool " PELLIX_VERSION "\n");

@@ -65,6 +65,9 @@ const std::vector<OptionDef>& globalOptions()
          "print each result, and each failure, as one JSON object per line\n"
          "on stdout"},
         {"progress", nullptr, "draw progress bars even when stderr is not a terminal"},
+        {"trace", nullptr,
+         "log every frame sent and received, in hexadecimal, on stderr\n"
+         "(QT_LOGGING_RULES=pellix.frames.debug=true does the same)"},
         {"help", nullptr, "show help, for the tool or for a command (-h)"},
         {"version", nullptr, "print the version and exit"},
     };

@@ -317,6 +317,15 @@ TEST_F(ToolTest, ScriptableOutput)
     EXPECT_EQ(pipe.readAllStandardOutput(), "3\n");
 }
 
+// --trace: each frame in hexadecimal with its direction and handle, on stderr.
+TEST_F(ToolTest, TraceLogsEveryFrame)
+{
+    const ToolRun run = expect({"--trace", "read8", "0x10"}, 0, "0x00\n");
+    EXPECT_TRUE(run.err.contains("pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n") &&
+                run.err.contains("pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"))
+        << run.err.toStdString();
+}
+
 // Followers: --count 0 ends after enabling; a server that goes away ends them with an error.
 TEST_F(ToolTest, FollowersEndWhenTheServerGoes)
 {
