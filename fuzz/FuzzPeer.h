@@ -7,8 +7,8 @@
 #ifndef PELLIX_FUZZ_FUZZPEER_H
 #define PELLIX_FUZZ_FUZZPEER_H
 
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 
 #include <QByteArray>
 #include <QCoreApplication>

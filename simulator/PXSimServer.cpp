@@ -1,6 +1,6 @@
 #include "PXSimServer.h"
 
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QTcpSocket>
 #include <QTimer>

@@ -5,8 +5,8 @@
 // Arguments: frame size in bytes, piece size in bytes, and how the pieces come: 1 as
 // QByteArrays (what a socket's readAll() hands over), 0 as pointer and size.
 
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 
 #include <benchmark/benchmark.h>
 

@@ -6,7 +6,7 @@
 // latency timer that records per-call samples.
 
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <benchmark/benchmark.h>
 

@@ -7,8 +7,8 @@
 //
 // Usage: pellix_bench_fast_server   prints "fast server: listening on 127.0.0.1:<port>"
 
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 
 #include <QByteArray>
 

@@ -11,7 +11,7 @@
 
 #include "pellix/api/PXLLibraryApi.h"
 #include "pellix/connection/PXConnection.h"
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QFile>
 #include <QRegularExpression>

@@ -8,7 +8,7 @@
 
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXConnection.h"
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QElapsedTimer>
 

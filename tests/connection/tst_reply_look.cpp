@@ -1,6 +1,6 @@
 // The policy that decides whether a waiting request looks for its reply before it sleeps.
 
-#include "pellix/connection/PXReplyLook.h"
+#include "pellix/connection/PXReplyLook_p.h"
 
 #include <gtest/gtest.h>
 

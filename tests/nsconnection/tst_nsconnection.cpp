@@ -6,7 +6,7 @@
 #include "RefusedPort.h"
 
 #include "pellix/nsconnection/PXNSConnection.h"
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>

@@ -2,8 +2,8 @@
 // builder, the checksum and the debug packet encoders with their XON/XOFF escaping; PXParser
 // in its three types; the log line formatters; how ranges are cut into requests.
 
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 #include "pellix/protocol/PXRanges_p.h"
 
 #include <gtest/gtest.h>

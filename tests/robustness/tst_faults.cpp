@@ -7,7 +7,7 @@
 
 #include "pellix/connection/PXConnection.h"
 #include "pellix/nsconnection/PXNSConnection.h"
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QElapsedTimer>
 #include <QTest>

@@ -3,8 +3,8 @@
 
 #include "SimulatorProcess.h"
 
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>

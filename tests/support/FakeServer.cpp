@@ -1,7 +1,7 @@
 #include "FakeServer.h"
 
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 
 #include <QAbstractSocket>
 #include <QCoreApplication>

@@ -7,7 +7,7 @@
 #include "pellix/api/PXApiFrame_p.h"
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXConnection.h"
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXRanges_p.h"
 
 #include <QCoreApplication>

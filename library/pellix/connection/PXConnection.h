@@ -2,7 +2,6 @@
 #define PELLIX_PXCONNECTION_H
 
 #include "pellix/connection/PXCallback.h"
-#include "pellix/connection/PXReplyLook.h"
 #include "pellix/pellix_export.h"
 #include "pellix/protocol/PXLTypes.h"
 
@@ -14,10 +13,12 @@
 #include <QWaitCondition>
 
 #include <atomic>
+#include <memory>
 
 class PXClientManager;
 class PXDelayCallback;
 class PXParser;
+class PXReplyLook;
 
 // One client's link with the host server: a socket connected by the network thread
 // (PXClientManager), a stream parser, the one request that may be in flight, the queues of
@@ -239,7 +240,7 @@ private:
     unsigned char* readBuffer = nullptr;
     quint8 statusByte = 0;
     // How long a waiting request looks for its reply before it sleeps; requestMutex guards it.
-    PXReplyLook replyLook;
+    std::unique_ptr<PXReplyLook> replyLook;
     // The socket's state, under dataMutex: a request's caller is reading it; it is in the
     // network thread's watch; the server has closed it (nothing more to read); bytes of a
     // frame that the socket did not take yet; the arrival buffer.

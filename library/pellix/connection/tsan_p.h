@@ -17,6 +17,10 @@
 #endif
 #endif
 
+#include <QDeadlineTimer>
+#include <QMutex>
+#include <QWaitCondition>
+
 #if defined(PELLIX_TSAN)
 #include <QMutexLocker>
 #include <sanitizer/tsan_interface.h>
@@ -62,6 +66,16 @@ inline void acquire(const void*) {}
 inline void beforeWait(const void*) {}
 inline void afterWait(const void*) {}
 #endif
+
+// Waits on `condition`, which releases and retakes `mutex` inside QtCore, with the hints
+// around it; true when woken before `timeout` ms.
+inline bool waitOn(QWaitCondition& condition, QMutex& mutex, unsigned long timeout)
+{
+    beforeWait(&mutex);
+    const bool woken = condition.wait(&mutex, QDeadlineTimer(qint64(timeout)));
+    afterWait(&mutex);
+    return woken;
+}
 
 } // namespace pxtsan
 

@@ -2,8 +2,8 @@
 
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/log/PXFrameTrace_p.h"
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
-#include "pellix/protocol/PXProtocol.h"
 #include "pellix/protocol/PXRanges_p.h"
 
 #include <QCoreApplication>
@@ -245,9 +245,7 @@ unsigned int PXNSConnection::read32(unsigned int address, unsigned int* value)
 
 unsigned int PXNSConnection::readBlock(unsigned int address, unsigned char* data, int size)
 {
-    return pxrange::forEachRead(address, size, [&](quint32 at, int offset, int chunk) {
-        return genericRead(at, false, data + offset, chunk);
-    });
+    return pxrange::readBlock(*this, address, data, size);
 }
 
 unsigned int PXNSConnection::genericWrite(unsigned int address, bool internal, void* data, int size)
@@ -282,10 +280,7 @@ unsigned int PXNSConnection::write32(unsigned int address, unsigned int value)
 
 unsigned int PXNSConnection::writeBlock(unsigned int address, unsigned int* data, int size)
 {
-    auto* bytes = reinterpret_cast<unsigned char*>(data);
-    return pxrange::forEachWrite(address, size, [&](quint32 at, int offset, int chunk) {
-        return genericWrite(at, false, bytes + offset, chunk);
-    });
+    return pxrange::writeBlock(*this, address, data, size);
 }
 
 // ---- commands -----------------------------------------------------------------------------

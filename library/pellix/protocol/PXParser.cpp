@@ -1,7 +1,7 @@
 #include "pellix/protocol/PXParser.h"
 
 #include "pellix/log/PXFrameTrace_p.h"
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QDateTime>
 

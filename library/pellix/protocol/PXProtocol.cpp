@@ -1,5 +1,7 @@
 #include "pellix/protocol/PXProtocol.h"
 
+#include "pellix/protocol/PXFrames_p.h"
+
 unsigned char CalcHostCrc(const void* data, unsigned long size)
 {
     const auto* p = static_cast<const unsigned char*>(data);
@@ -11,22 +13,19 @@ unsigned char CalcHostCrc(const void* data, unsigned long size)
 
 namespace {
 
-// A debug command packet: 0xAD, length, 0xFF, command, address, argument bytes, checksum.
+// A debug command packet on flow 0xFF: command, address, argument bytes.
 QByteArray debugCommand(unsigned char command, unsigned int address, const void* argument,
                         int argumentSize)
 {
-    const int total = 10 + argumentSize;
-    QByteArray out(total, Qt::Uninitialized);
+    const int dataSize = 5 + argumentSize;
+    QByteArray out(dataSize + 5, Qt::Uninitialized);
     auto* p = pxproto::writableBytes(out);
+    pxproto::putDebugHeader(p, 0xFF, dataSize);
     p[4] = command;
     pxproto::putLe32(p + 5, address);
     if (argumentSize > 0)
         std::memcpy(p + 9, argument, size_t(argumentSize));
-    p[0] = pxproto::DebugStart;
-    p[1] = static_cast<unsigned char>((total - 4) >> 8);
-    p[2] = static_cast<unsigned char>(total - 4);
-    p[3] = 0xFF;
-    p[total - 1] = CalcHostCrc(p + 3, static_cast<unsigned long>(total - 4));
+    pxproto::putDebugChecksum(p, dataSize);
     return out;
 }
 

@@ -7,7 +7,7 @@
 // for every request in order, where `offset` is the position in the caller's buffer, and
 // stops at the first call that returns non-zero, returning that; 0 when all succeeded.
 
-#include "pellix/protocol/PXProtocol.h"
+#include "pellix/protocol/PXFrames_p.h"
 
 #include <QtGlobal>
 
@@ -58,6 +58,25 @@ unsigned int forEachWrite(quint32 address, int size, Request&& request)
             return result;
     }
     return 0;
+}
+
+// A block read and a block write through a connection's one-request calls (genericRead and
+// genericWrite of either connection class).
+template <typename Connection>
+unsigned int readBlock(Connection& connection, quint32 address, unsigned char* data, int size)
+{
+    return forEachRead(address, size, [&](quint32 at, int offset, int chunk) {
+        return connection.genericRead(at, false, data + offset, chunk);
+    });
+}
+
+template <typename Connection>
+unsigned int writeBlock(Connection& connection, quint32 address, unsigned int* data, int size)
+{
+    auto* bytes = reinterpret_cast<unsigned char*>(data);
+    return forEachWrite(address, size, [&](quint32 at, int offset, int chunk) {
+        return connection.genericWrite(at, false, bytes + offset, chunk);
+    });
 }
 
 // A masked read's next width at `address`, where `mask[0]` selects the byte and `remaining`

@@ -1,5 +1,5 @@
-#ifndef PELLIX_PXREPLYLOOK_H
-#define PELLIX_PXREPLYLOOK_H
+#ifndef PELLIX_PXREPLYLOOK_P_H
+#define PELLIX_PXREPLYLOOK_P_H
 
 #include <QtGlobal>
 
