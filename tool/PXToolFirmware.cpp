@@ -1,7 +1,7 @@
 // Firmware files: load, verify and dump.
 
 #include "PXToolCommands.h"
-#include "PXToolImage.h"
+#include "PXToolFormats.h"
 
 #include <pellix/api/PXLLibraryApi.h>
 
@@ -11,24 +11,19 @@ namespace pxtool {
 
 namespace {
 
-// Which reader or writer a command uses.
-enum class Format { Lod, Binary };
-
-bool parseFormat(const Session& session, Format* format)
+// --format NAME (or --binary for dump); `fallback` when neither is given.
+bool parseFormat(const Session& session, Format fallback, Format* format)
 {
-    const std::string name = session.args.value("format", "lod");
-    if (name == "lod")
-        *format = Format::Lod;
-    else if (name == "binary" || name == "bin")
-        *format = Format::Binary;
-    else {
-        session.usage("bad --format '" + name + "': expected lod or binary");
+    *format = fallback;
+    const std::string name = session.args.value("format");
+    if (session.args.has("format") && !parseFormatName(name, format)) {
+        session.usage("bad --format '" + name + "': expected lod, hex, srec, elf or binary");
         return false;
     }
     return true;
 }
 
-// The firmware file of load and verify, read and checked before anything is sent.
+// The firmware file of load, verify and convert, read and checked before anything is sent.
 struct Firmware
 {
     std::string path;
@@ -37,40 +32,50 @@ struct Firmware
     Image image;
 };
 
-int readFirmware(Session& session, Firmware* firmware)
+int readFirmware(Session& session, const std::string& path, const char* formatOption,
+                 Firmware* firmware)
 {
-    firmware->path = session.arg(0);
+    firmware->path = path;
     firmware->lenient = session.args.has("lenient");
-    if (!parseFormat(session, &firmware->format))
-        return ExitUsage;
-    std::uint32_t address = 0;
+    const bool named = session.args.has(formatOption);
+    if (named && !parseFormatName(session.args.value(formatOption), &firmware->format))
+        return session.usage("bad --" + std::string(formatOption) + " '" +
+                             session.args.value(formatOption) +
+                             "': expected lod, hex, srec, elf or binary");
+    if (firmware->lenient)
+        return (named && firmware->format != Format::Lod) || path == "-"
+                   ? session.usage("--lenient applies to LOD files that the library reads")
+                   : int(ExitOk);
+    std::vector<std::uint8_t> content;
+    if (const int status = readInput(session, path, &content))
+        return status;
+    if (!named)
+        firmware->format = detectFormat(content);
     const bool binary = firmware->format == Format::Binary;
     if (binary != session.args.has("address"))
-        return session.usage("--address goes with --format binary, and only there");
-    if (binary && !session.u32(session.args.value("address"), "address", &address))
-        return ExitUsage;
-    if (firmware->lenient && (binary || firmware->path == "-"))
-        return session.usage("--lenient applies to LOD files read by the library");
-    if (firmware->lenient)
-        return ExitOk;
-    std::vector<std::uint8_t> content;
-    if (const int status = readInput(session, firmware->path, &content))
-        return status;
+        return named || !binary
+                   ? session.usage("--address goes with --format binary, and only there")
+                   : session.badFile(path, formatHint(content));
     if (binary) {
+        std::uint32_t address = 0;
+        if (!session.u32(session.args.value("address"), "address", &address))
+            return ExitUsage;
         if (content.size() > 0x100000000ull - address)
             return session.usage("the file does not fit between the address and 4 GiB");
         firmware->image.segments.push_back(Segment{address, std::move(content)});
         return ExitOk;
     }
     FileProblem problem;
-    if (!readLodStrict(content, &firmware->image, &problem)) {
-        const std::string hint = formatHint(content);
+    if (!readFormat(firmware->format, content, &firmware->image, &problem)) {
+        const std::string hint = named ? formatHint(content) : std::string();
         return session.badFile(
-            firmware->path + (problem.line ? ":" + std::to_string(problem.line) : std::string()),
-            problem.what + (hint.empty() ? "" : " (" + hint + ")"));
+            path + (problem.line ? ":" + std::to_string(problem.line) : std::string()),
+            (firmware->format == Format::Lod ? ""
+                                             : formatName(firmware->format) + std::string(": ")) +
+                problem.what + (hint.empty() ? "" : " (" + hint + ")"));
     }
     for (const std::string& skipped : firmware->image.skipped)
-        session.note("%s: %s", firmware->path.c_str(), skipped.c_str());
+        session.note("%s: %s", path.c_str(), skipped.c_str());
     return ExitOk;
 }
 
@@ -213,13 +218,13 @@ int verify(Session& session, const Firmware& firmware)
 int cmdLoad(Session& session)
 {
     Firmware firmware;
-    if (const int status = readFirmware(session, &firmware))
+    if (const int status = readFirmware(session, session.arg(0), "format", &firmware))
         return status;
     if (const int status = session.open())
         return status;
     catchStopSignals();
     int status = ExitOk;
-    if (firmware.format == Format::Lod && firmware.path != "-") {
+    if (firmware.lenient || (firmware.format == Format::Lod && firmware.path != "-")) {
         // The library reads the LOD file itself; its progress callback carries the stop request.
         Progress progress(session, "load");
         const unsigned int result = PXST_LoadLodProgress(session.handle, firmware.path.c_str(), 0,
@@ -238,7 +243,7 @@ int cmdLoad(Session& session)
 int cmdVerify(Session& session)
 {
     Firmware firmware;
-    if (const int status = readFirmware(session, &firmware))
+    if (const int status = readFirmware(session, session.arg(0), "format", &firmware))
         return status;
     if (const int status = session.open())
         return status;
@@ -253,10 +258,10 @@ int cmdDump(Session& session)
     Format format = Format::Lod;
     if (!session.u32(session.arg(0), "address", &address) ||
         !session.number(session.arg(1), "word count", 0x40000000, &words) ||
-        !parseFormat(session, &format))
+        !parseFormat(session, session.args.has("binary") ? Format::Binary : Format::Lod, &format))
         return ExitUsage;
-    if (session.args.has("binary"))
-        format = Format::Binary;
+    if (format == Format::Elf)
+        return session.usage("dump writes lod, hex, srec or binary");
     const std::uint64_t size = words * 4;
     if (size > 0x100000000ull - address)
         return session.usage("the range runs past the end of the 32-bit address space");
@@ -266,8 +271,7 @@ int cmdDump(Session& session)
     if (const int status = output.open())
         return status;
     catchStopSignals();
-    const std::unique_ptr<ImageWriter> writer =
-        format == Format::Lod ? lodWriter(output) : binaryWriter(output);
+    const std::unique_ptr<ImageWriter> writer = formatWriter(format, output);
     Progress progress(session, "dump");
     if (const int status = writer->segment(address))
         return status;
@@ -292,9 +296,57 @@ int cmdDump(Session& session)
     return transferSummary(session, output.name(), "read", progress);
 }
 
+int cmdConvert(Session& session)
+{
+    Firmware firmware;
+    Format to = Format::Lod;
+    const std::string& target = session.arg(1);
+    if (session.args.has("to") ? !parseFormatName(session.args.value("to"), &to)
+                               : !formatFromExtension(target, &to))
+        return session.usage("give the output format with --to lod, hex, srec or binary");
+    if (to == Format::Elf)
+        return session.usage("convert writes lod, hex, srec or binary");
+    if (session.args.has("lenient"))
+        return session.usage("convert reads every file strictly");
+    if (const int status = readFirmware(session, session.arg(0), "from", &firmware))
+        return status;
+    std::vector<Segment>& segments = firmware.image.segments;
+    std::stable_sort(segments.begin(), segments.end(),
+                     [](const Segment& a, const Segment& b) { return a.address < b.address; });
+    for (std::size_t i = 1; i < segments.size(); ++i) {
+        const Segment& before = segments[i - 1];
+        if (before.address + std::uint64_t(before.bytes.size()) > segments[i].address)
+            return session.badFile(firmware.path,
+                                   "data overlaps " + atAddress(segments[i].address));
+    }
+    OutputFile output(session, target);
+    if (const int status = output.open())
+        return status;
+    const std::unique_ptr<ImageWriter> writer = formatWriter(to, output);
+    for (const Segment& segment : segments) {
+        if (const int status = writer->segment(segment.address))
+            return status;
+        if (const int status = writer->bytes(segment.bytes.data(), segment.bytes.size()))
+            return status;
+    }
+    if (const int status = writer->finish())
+        return status;
+    if (const int status = output.commit())
+        return status;
+    char text[256];
+    std::snprintf(text, sizeof text, "convert: %s (%s) -> %s (%s): %s in %zu segment(s)\n",
+                  firmware.path.c_str(), formatName(firmware.format), target.c_str(),
+                  formatName(to), formatSize(firmware.image.size()).c_str(), segments.size());
+    return session.summary(session.record()
+                               .text("file", target)
+                               .number("bytes", firmware.image.size())
+                               .number("segments", segments.size()),
+                           text);
+}
+
 const OptionDef FormatOption{"format", "NAME",
-                             "lod (default) or binary (with --address) instead of\n"
-                             "choosing by content"};
+                             "the file's format: lod, hex, srec, elf or binary (with\n"
+                             "--address); chosen by content when not given"};
 const OptionDef AddressOption{"address", "ADDRESS", "where a binary file starts in the target"};
 const OptionDef LenientOption{"lenient", nullptr,
                               "let the library read the LOD file by its own lenient rules\n"
@@ -310,9 +362,11 @@ std::vector<Command> firmwareCommands()
         {"load",
          "FILE",
          "load a firmware file into the target",
-         "Checks FILE ('-': stdin) strictly, then writes every packet to the target (LOD\n"
-         "packets at 0xF0000000 are skipped, and said so), then with --verify reads them back\n"
-         "and compares. Ctrl-C stops after the piece in flight and says how far it got.",
+         "Checks FILE ('-': stdin) strictly, then writes it to the target: LOD, Intel HEX,\n"
+         "S-records, ELF (loadable segments at their physical addresses) or raw binary\n"
+         "(--format binary --address A). LOD packets at 0xF0000000 are skipped, and said so.\n"
+         "--verify reads everything back and compares. Ctrl-C stops after the piece in\n"
+         "flight and says how far it got.",
          cmdLoad,
          {{"verify", nullptr, "verify the target against the file after loading"},
           FormatOption,
@@ -322,19 +376,31 @@ std::vector<Command> firmwareCommands()
         {"verify",
          "FILE",
          "compare the target with a firmware file",
-         "Reads back every packet of FILE and compares; differences fail with result 17,\n"
-         "naming the first (address, expected and actual word) and how many words differ.",
+         "Reads back every byte that FILE (any format of load) holds and compares; differences\n"
+         "fail with result 17, naming the first (address, expected and actual word) and how\n"
+         "many words differ.",
          cmdVerify,
          {FormatOption, AddressOption, LenientOption, MaxReportOption}},
         {"dump",
          "ADDRESS WORDS FILE",
-         "dump target memory to a LOD or binary file",
+         "dump target memory to a firmware file",
          "Reads WORDS 32-bit words from ADDRESS upwards into FILE ('-': stdout), streaming:\n"
-         "one LOD packet, or the raw words (little-endian) with --binary. The file appears\n"
-         "only when complete.",
+         "one LOD packet by default, or --format hex, srec or binary. The file appears only\n"
+         "when complete.",
          cmdDump,
-         {{"binary", nullptr, "write raw words instead of LOD text (--format binary)"},
-          FormatOption}},
+         {{"binary", nullptr, "write the raw words (little-endian): --format binary"},
+          {"format", "NAME", "lod (default), hex, srec or binary"}}},
+        {"convert",
+         "IN OUT",
+         "convert a firmware file to another format",
+         "Reads IN ('-': stdin) strictly, in any format of load, and writes OUT ('-': stdout)\n"
+         "in the format --to names or OUT's extension says (.lod, .hex, .srec, .s19, .bin).\n"
+         "Binary output fills gaps between segments with 0xFF.",
+         cmdConvert,
+         {{"from", "NAME", "IN's format: lod, hex, srec, elf or binary (by content if not given)"},
+          {"to", "NAME", "OUT's format: lod, hex, srec or binary"},
+          AddressOption},
+         Connect::None},
     };
 }
 

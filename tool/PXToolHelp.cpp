@@ -96,8 +96,9 @@ void printToolHelp(std::FILE* stream)
 {
     std::fprintf(stream, "Usage: pxtool [options] <command> [arguments] [command options]\n"
                          "\n"
-                         "Reads and writes target memory, loads, verifies and dumps LOD firmware,\n"
-                         "follows events and bypass packets, and controls the pellix server.\n"
+                         "Reads and writes target memory, loads, verifies, dumps and converts\n"
+                         "firmware (LOD, Intel HEX, S-records, ELF, binary), follows events and\n"
+                         "bypass packets, and controls the pellix server.\n"
                          "\n"
                          "Options:\n");
     printOptions(stream, globalOptions());
@@ -113,8 +114,11 @@ void printToolHelp(std::FILE* stream)
                  "  0  success\n"
                  "  1  the library returned a result code; it is printed with its text\n"
                  "  2  bad command line: unknown command or option, unparsable number\n"
-                 "  3  a file that pxtool itself reads or writes cannot be opened, read or\n"
-                 "     written (files of load, verify and dump are opened by the library: 1)\n"
+                 "  3  a file cannot be opened, read or written, or its content is not valid\n"
+                 "     ('-' is stdin or stdout; outputs appear only when complete)\n"
+                 "\n"
+                 "Results are data on stdout; notes, summaries and progress go to stderr.\n"
+                 "With --json each result and each failure is one JSON object per line.\n"
                  "\n"
                  "Example: pxtool --port 3 load firmware.lod --verify\n");
 }
