@@ -101,10 +101,11 @@ int transferSummary(const Session& session, const std::string& path, const char*
                            text);
 }
 
-// Writes the image piece by piece, stopping between pieces on a stop signal.
-int writeImage(Session& session, const Firmware& firmware)
+// Calls `piece(at, bytes, n)` for the image in pieces of at most 64 KiB, in order, with the
+// progress drawn and a stop signal honoured between pieces; returns the first failure.
+template <typename Piece>
+int eachPiece(const Session& session, const Firmware& firmware, Progress& progress, Piece piece)
 {
-    Progress progress(session, "load");
     const std::uint64_t total = firmware.image.size();
     std::uint64_t done = 0;
     for (const Segment& segment : firmware.image.segments) {
@@ -112,19 +113,31 @@ int writeImage(Session& session, const Firmware& firmware)
             if (stopRequested())
                 return stopped(session, progress);
             const std::size_t n = std::min<std::size_t>(ChunkBytes, segment.bytes.size() - offset);
-            const std::uint32_t at = segment.address + std::uint32_t(offset);
-            // PXST_WriteBlock takes words but copies bytes: the cast carries no alignment need.
-            const void* data = segment.bytes.data() + offset;
-            if (const unsigned int result = PXST_WriteBlock(
-                    session.handle, at, static_cast<unsigned int*>(const_cast<void*>(data)),
-                    unsigned(n)))
-                return session.fail(result, atAddress(at));
+            if (const int status =
+                    piece(segment.address + std::uint32_t(offset), &segment.bytes[offset], n))
+                return status;
             done += n;
             progress.update(done, total);
         }
     }
     progress.finish();
-    return transferSummary(session, firmware.path, "written", progress);
+    return ExitOk;
+}
+
+int writeImage(Session& session, const Firmware& firmware)
+{
+    Progress progress(session, "load");
+    const int status = eachPiece(
+        session, firmware, progress,
+        [&](std::uint32_t at, const std::uint8_t* bytes, std::size_t n) {
+            // The block call takes words but copies bytes: the cast
+            // needs no alignment.
+            void* data = const_cast<std::uint8_t*>(bytes);
+            return session.check(
+                PXST_WriteBlock(session.handle, at, static_cast<unsigned int*>(data), unsigned(n)),
+                atAddress(at), false);
+        });
+    return status ? status : transferSummary(session, firmware.path, "written", progress);
 }
 
 std::uint32_t wordAt(const std::uint8_t* bytes, std::size_t size)
@@ -144,45 +157,37 @@ int verifyImage(Session& session, const Firmware& firmware)
         !session.number(session.args.value("max-report"), "report count", 0xFFFFFFFFu, &maxReport))
         return ExitUsage;
     Progress progress(session, "verify");
-    const std::uint64_t total = firmware.image.size();
-    std::uint64_t done = 0, differing = 0;
+    std::uint64_t differing = 0;
     std::string first;
     std::vector<std::uint8_t> back(ChunkBytes);
-    for (const Segment& segment : firmware.image.segments) {
-        for (std::size_t offset = 0; offset < segment.bytes.size(); offset += ChunkBytes) {
-            if (stopRequested())
-                return stopped(session, progress);
-            const std::size_t n = std::min<std::size_t>(ChunkBytes, segment.bytes.size() - offset);
-            const std::uint32_t at = segment.address + std::uint32_t(offset);
-            if (const unsigned int result =
-                    PXST_ReadBlock(session.handle, at, back.data(), unsigned(n)))
-                return session.fail(result, atAddress(at));
-            const std::uint8_t* expected = segment.bytes.data() + offset;
-            for (std::size_t i = 0; i < n; i += 4) {
-                const std::size_t width = std::min<std::size_t>(4, n - i);
-                const std::uint32_t want = wordAt(expected + i, width);
-                const std::uint32_t got = wordAt(back.data() + i, width);
-                if (want == got)
-                    continue;
-                char text[96];
-                std::snprintf(text, sizeof text, "0x%08X: expected 0x%08X, read 0x%08X",
-                              unsigned(at + i), unsigned(want), unsigned(got));
-                if (differing++ == 0)
-                    first = text;
-                if (differing <= maxReport) {
-                    const Record r = session.record()
-                                         .number("address", at + i)
-                                         .number("expected", want)
-                                         .number("actual", got);
-                    if (const int status = session.emit(r, std::string(text) + "\n"))
-                        return status;
-                }
-            }
-            done += n;
-            progress.update(done, total);
+    const auto compare = [&](std::uint32_t at, const std::uint8_t* expected, std::size_t n) {
+        if (const unsigned int result =
+                PXST_ReadBlock(session.handle, at, back.data(), unsigned(n)))
+            return session.fail(result, atAddress(at));
+        for (std::size_t i = 0; i < n; i += 4) {
+            const std::size_t width = std::min<std::size_t>(4, n - i);
+            const std::uint32_t want = wordAt(expected + i, width);
+            const std::uint32_t got = wordAt(back.data() + i, width);
+            if (want == got)
+                continue;
+            char text[96];
+            std::snprintf(text, sizeof text, "0x%08X: expected 0x%08X, read 0x%08X",
+                          unsigned(at + i), unsigned(want), unsigned(got));
+            if (differing++ == 0)
+                first = text;
+            if (differing > maxReport)
+                continue;
+            const Record r = session.record()
+                                 .number("address", at + i)
+                                 .number("expected", want)
+                                 .number("actual", got);
+            if (const int status = session.emit(r, std::string(text) + "\n"))
+                return status;
         }
-    }
-    progress.finish();
+        return int(ExitOk);
+    };
+    if (const int status = eachPiece(session, firmware, progress, compare))
+        return status;
     if (differing)
         return session.fail(PXST_RESULT_MISMATCH,
                             std::to_string(differing) +
@@ -215,15 +220,22 @@ int verify(Session& session, const Firmware& firmware)
     return transferSummary(session, firmware.path, "match", progress);
 }
 
+// Reads and checks the file of load or verify, then connects: nothing is sent before the
+// file is known to be good.
+int prepare(Session& session, Firmware* firmware)
+{
+    if (const int status = readFirmware(session, session.arg(0), "format", firmware))
+        return status;
+    catchStopSignals();
+    return session.open();
+}
+
 int cmdLoad(Session& session)
 {
     Firmware firmware;
-    if (const int status = readFirmware(session, session.arg(0), "format", &firmware))
+    int status = prepare(session, &firmware);
+    if (status)
         return status;
-    if (const int status = session.open())
-        return status;
-    catchStopSignals();
-    int status = ExitOk;
     if (firmware.lenient || (firmware.format == Format::Lod && firmware.path != "-")) {
         // The library reads the LOD file itself; its progress callback carries the stop request.
         Progress progress(session, "load");
@@ -243,12 +255,8 @@ int cmdLoad(Session& session)
 int cmdVerify(Session& session)
 {
     Firmware firmware;
-    if (const int status = readFirmware(session, session.arg(0), "format", &firmware))
-        return status;
-    if (const int status = session.open())
-        return status;
-    catchStopSignals();
-    return verify(session, firmware);
+    const int status = prepare(session, &firmware);
+    return status ? status : verify(session, firmware);
 }
 
 int cmdDump(Session& session)

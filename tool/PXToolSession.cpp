@@ -69,11 +69,11 @@ int Session::fail(unsigned int code, const std::string& detail) const
     return ExitFailed;
 }
 
-int Session::check(unsigned int code, const std::string& detail) const
+int Session::check(unsigned int code, const std::string& detail, bool report) const
 {
     if (code)
         return fail(code, detail);
-    return json ? emit(record(), {}) : int(ExitOk);
+    return json && report ? emit(record(), {}) : int(ExitOk);
 }
 
 namespace {

@@ -51,8 +51,9 @@ struct Session
     // "pxtool: <command>: error <code>: <text>[ (<detail>)]" on stderr (and, with --json, the
     // same as an object on stdout); returns ExitFailed.
     int fail(unsigned int code, const std::string& detail = {}) const;
-    // fail() for a non-zero result, ExitOk (and an empty result object with --json) for 0.
-    int check(unsigned int code, const std::string& detail = {}) const;
+    // fail() for a non-zero result; for 0 ExitOk, and with --json an object saying so unless
+    // `report` is false (a step of a longer command).
+    int check(unsigned int code, const std::string& detail = {}, bool report = true) const;
     // "pxtool: <command>: <message>" and a hint to the help on stderr; returns ExitUsage.
     int usage(const std::string& message) const;
     // "pxtool: <command>: cannot <verb> '<path>': <errno text>" on stderr; returns ExitFile.
