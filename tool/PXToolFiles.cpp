@@ -27,6 +27,9 @@ int OutputFile::failed(const char* verb, int error)
 
 int OutputFile::open()
 {
+    // From here a stop signal must end the command through the destructor, which removes the
+    // temporary file, never kill it on the spot.
+    catchStopSignals();
     if (toStdout()) {
         session.dataOnStdout = true;
         file = stdout;
