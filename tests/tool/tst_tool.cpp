@@ -10,7 +10,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -267,8 +266,10 @@ TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
     dump.start(SimulatorProcess::binaryFolder() + "/pxtool",
                {"--tcp-port", QString::number(simulator.port()), "dump", "0", "0x40000000",
                 file("big.bin"), "--binary"});
-    ASSERT_TRUE(dump.waitForStarted());
-    QThread::msleep(500);
+    // Once its temporary file is there, the dump is under way.
+    ASSERT_TRUE(waitUntil(
+        [&] { return QDir(folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 2; },
+        20000));
     dump.terminate();
     ASSERT_TRUE(dump.waitForFinished(20000));
     EXPECT_EQ(dump.exitCode(), 1);
