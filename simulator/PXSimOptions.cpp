@@ -72,8 +72,8 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
         return PXSimParseResult::Error;
     }
     if (parser.isSet(help) || parser.isSet(version)) {
-        *message = parser.isSet(help) ? parser.helpText()
-                                      : QStringLiteral("pellix " PELLIX_VERSION "\n");
+        *message =
+            parser.isSet(help) ? parser.helpText() : QStringLiteral("pellix " PELLIX_VERSION "\n");
         return PXSimParseResult::Help;
     }
 
