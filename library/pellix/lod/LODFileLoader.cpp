@@ -95,6 +95,7 @@ long readLine(FILE* stream, char* buffer, int size, long taken = 0)
         return -1;
     const long capacity = size - 1;
     long n = taken;
+    bool zero = std::memchr(buffer, '\0', size_t(taken)) != nullptr;
     while (n < capacity) {
         const int c = getc_unlocked(stream);
         if (c == EOF)
@@ -102,11 +103,12 @@ long readLine(FILE* stream, char* buffer, int size, long taken = 0)
         buffer[n++] = static_cast<char>(c);
         if (c == '\n')
             break;
+        zero |= c == '\0';
     }
     buffer[n] = '\0';
     if (n == 0 && capacity > 0)
         return -1;
-    long length = static_cast<long>(std::strlen(buffer));
+    long length = zero ? static_cast<long>(std::strlen(buffer)) : n;
     if (length == 0)
         return 0;
     if (buffer[length - 1] == '\n') {
@@ -148,33 +150,39 @@ inline bool mayEndOrSkip(int c)
 // The line whose first character `first` was just taken, when it is a plain data line: at
 // most 16 hexadecimal digits (so no prefix, sign or space) and its LF or the end of the file.
 // Then the word is its value and true is returned. Otherwise false, with the characters taken
-// so far in `line` and their count in *taken, for readLine to go on with. This is the loop a
-// big file spends its time in, so it looks at each character once.
+// so far in `line` and their count in *taken, for readLine to go on with (digits come back in
+// upper case, which reads the same). This is the loop a big file spends its time in: it looks
+// at each character once and stores nothing but the value.
 inline bool plainWord(FILE* stream, int first, char* line, long* taken, uint32_t* word)
 {
     unsigned digit = kHex.digit[static_cast<unsigned char>(first)];
-    line[0] = static_cast<char>(first);
+    if (digit > 15) {
+        line[0] = static_cast<char>(first);
+        *taken = 1;
+        return false;
+    }
     long n = 1;
     uint64_t value = digit;
-    int c = first;
-    if (digit <= 15) {
-        for (;;) {
-            c = getc_unlocked(stream);
-            if (c == EOF)
-                break;
-            digit = kHex.digit[static_cast<unsigned char>(c)];
-            if (digit > 15 || n == 16)
-                break;
-            line[n++] = static_cast<char>(c);
-            value = (value << 4) | digit;
-        }
-        if (c == '\n' || c == EOF) {
-            *word = static_cast<uint32_t>(value);
-            return true;
-        }
-        line[n++] = static_cast<char>(c);
+    int c;
+    for (;;) {
+        c = getc_unlocked(stream);
+        if (c == EOF)
+            break;
+        digit = kHex.digit[static_cast<unsigned char>(c)];
+        if (digit > 15 || n == 16)
+            break;
+        ++n;
+        value = (value << 4) | digit;
     }
-    *taken = n;
+    if (c == '\n' || c == EOF) {
+        *word = static_cast<uint32_t>(value);
+        return true;
+    }
+    static const char upper[] = "0123456789ABCDEF";
+    for (long i = 0; i < n; ++i)
+        line[i] = upper[(value >> (4 * (n - 1 - i))) & 0xF];
+    line[n] = static_cast<char>(c);
+    *taken = n + 1;
     return false;
 }
 
@@ -262,59 +270,83 @@ void readPacket(FILE* stream, char* line, Take&& take)
         fseeko(stream, lookedAtFrom, SEEK_SET);
 }
 
-// Word array that grows while a packet is read, so each line is read once.
+// Word array that grows while a packet is read, so each line is read once. The first words
+// stand in the buffer itself, so a small packet costs one allocation of its exact size.
 class WordBuffer
 {
 public:
-    ~WordBuffer() { std::free(m_words); }
+    WordBuffer() = default;
+    WordBuffer(const WordBuffer&) = delete;
+    WordBuffer& operator=(const WordBuffer&) = delete;
+    ~WordBuffer()
+    {
+        if (m_words != m_inline)
+            std::free(m_words);
+    }
 
-    int32_t count() const { return m_count; }
-    bool outOfMemory() const { return m_outOfMemory; }
+    int32_t count() const { return int32_t(m_count); }
 
     // wordCount is 32-bit: a longer run ends the packet, and the next call reports the rest
-    // as a data line outside a packet.
+    // as a data line outside a packet. False also when memory is short (the word is lost).
     bool append(uint32_t word)
     {
         if (m_count == m_capacity && !grow())
             return false;
         m_words[m_count++] = word;
-        return m_count < INT32_MAX;
+        return m_count < size_t(INT32_MAX);
     }
 
-    // Hands the array over, cut to its exact size; null for no words.
-    uint32_t* release()
+    // Hands the words over in an array of their exact size: null for no words, and null with
+    // *failed set when memory is short.
+    uint32_t* release(bool* failed)
     {
-        uint32_t* words = m_words;
-        m_words = nullptr;
-        if (!words || m_count == 0) {
-            std::free(words);
+        *failed = m_outOfMemory;
+        if (m_outOfMemory || m_count == 0)
             return nullptr;
+        const size_t bytes = m_count * sizeof(uint32_t);
+        uint32_t* words = nullptr;
+        if (m_words == m_inline) {
+            words = static_cast<uint32_t*>(std::malloc(bytes));
+            if (words)
+                std::memcpy(words, m_inline, bytes);
+        } else {
+            words = static_cast<uint32_t*>(std::realloc(m_words, bytes));
+            if (words)
+                m_words = m_inline;
         }
-        if (m_count < m_capacity) {
-            auto* exact = static_cast<uint32_t*>(std::realloc(words, size_t(m_count) * 4));
-            if (exact)
-                words = exact;
-        }
+        *failed = words == nullptr;
         return words;
     }
 
 private:
+    static constexpr size_t InlineWords = 256;
+
     bool grow()
     {
-        const size_t capacity = m_capacity ? size_t(m_capacity) * 2 : 256;
-        auto* grown = static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
+        const size_t capacity = m_capacity * 2;
+        uint32_t* grown = nullptr;
+        if (m_words == m_inline) {
+            grown = static_cast<uint32_t*>(std::malloc(capacity * sizeof(uint32_t)));
+            if (grown)
+                std::memcpy(grown, m_inline, sizeof m_inline);
+        } else {
+            grown = static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
+        }
         if (!grown) {
             m_outOfMemory = true;
             return false;
         }
         m_words = grown;
-        m_capacity = capacity > size_t(INT32_MAX) ? INT32_MAX : int32_t(capacity);
+        m_capacity = capacity;
         return true;
     }
 
-    uint32_t* m_words = nullptr;
-    int32_t m_count = 0;
-    int32_t m_capacity = 0;
+    uint32_t m_inline[InlineWords];
+    uint32_t* m_words = m_inline;
+    // size_t, not a 32-bit type, so that the compiler need not reload them after each word
+    // stored.
+    size_t m_count = 0;
+    size_t m_capacity = InlineWords;
     bool m_outOfMemory = false;
 };
 
@@ -330,14 +362,18 @@ int nextPacketLocked(FILE* stream, LodPacket** packet)
         return 0;
     WordBuffer words;
     readPacket(stream, line, [&](uint32_t word) { return words.append(word); });
-    if (words.outOfMemory())
+    bool failed = false;
+    uint32_t* array = words.release(&failed);
+    if (failed)
         return 0;
     auto* made = static_cast<LodPacket*>(std::malloc(sizeof(LodPacket)));
-    if (!made)
+    if (!made) {
+        std::free(array);
         return 0;
+    }
     made->address = address;
     made->wordCount = words.count();
-    made->words = words.release();
+    made->words = array;
     *packet = made;
     return 0;
 }
