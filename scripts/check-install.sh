@@ -12,7 +12,7 @@ preset=${1:-release}
 build="build/${preset}"
 echo "=== build (${preset})"
 cmake --preset "$preset" >/dev/null
-cmake --build --preset "$preset" -j "$(nproc)" --target pellix_library pellix pxtool
+cmake --build --preset "$preset" -j "$(nproc)" --target pellix_library pellix pxtool pellix_man_pages
 
 work=$(mktemp -d)
 simulator_pid=""
@@ -69,12 +69,27 @@ done
 echo "=== example c: built with pkg-config"
 # The .pc file finds its prefix relative to itself, wherever the install put it.
 pkg_flags=$(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --cflags --libs pellix)
+# Qt stays private: a C program links the library alone. (pkg-config still passes the
+# include folders of private requirements with --cflags, by design; they are harmless to C.)
+pkg_libs=$(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --libs pellix)
+if [[ "$pkg_libs" == *Qt* || "$pkg_libs" != *-lpellix_library* ]]; then
+    echo "FAILED: pkg-config --libs gives a C program more than the library: ${pkg_libs}" >&2
+    status=1
+fi
 cc "$root/examples/c/main.c" -o "$work/pellix-example-c-pkgconfig" $pkg_flags
 run_example "pellix-example-c (pkg-config)" "$work/pellix-example-c-pkgconfig"
 
-if [[ -x "$prefix/bin/pxtool" ]]; then
-    echo "=== installed pxtool"
-    "$prefix/bin/pxtool" --host 127.0.0.1 --tcp-port "$port" ping || status=1
+echo "=== installed pxtool, its man pages and bash completion"
+"$prefix/bin/pxtool" --version || status=1
+"$prefix/bin/pxtool" --host 127.0.0.1 --tcp-port "$port" ping || status=1
+for program in pxtool pellix; do
+    for file in "share/man/man1/${program}.1" "share/bash-completion/completions/${program}"; do
+        [[ -s "$prefix/$file" ]] || { echo "FAILED: ${file} not installed" >&2; status=1; }
+    done
+done
+if ! man -l "$prefix/share/man/man1/pxtool.1" 2>/dev/null | grep -q "bypass-listen"; then
+    echo "FAILED: the man page of pxtool lacks its commands" >&2
+    status=1
 fi
 
 if ((status == 0)); then

@@ -19,7 +19,7 @@ seconds=${1:-60}
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-    targets=(parser connection nsconnection lod simulator)
+    targets=(parser connection nsconnection lod firmware simulator)
 fi
 
 cmake --preset fuzz >/dev/null

@@ -60,7 +60,10 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
     const QCommandLineOption verbose(QStringLiteral("verbose"),
                                      QStringLiteral("One line per request on stderr."));
     const QCommandLineOption help(QStringLiteral("help"), QStringLiteral("Show this help."));
-    parser.addOptions({listen, port, image, frameSize, latency, eventRegister, verbose, help});
+    const QCommandLineOption version(QStringLiteral("version"),
+                                     QStringLiteral("Show the version and exit."));
+    parser.addOptions(
+        {listen, port, image, frameSize, latency, eventRegister, verbose, help, version});
 
     QStringList withProgram = arguments;
     withProgram.prepend(QStringLiteral("pellix"));
@@ -68,8 +71,9 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
         *message = parser.errorText();
         return PXSimParseResult::Error;
     }
-    if (parser.isSet(help)) {
-        *message = parser.helpText();
+    if (parser.isSet(help) || parser.isSet(version)) {
+        *message =
+            parser.isSet(help) ? parser.helpText() : QStringLiteral("pellix " PELLIX_VERSION "\n");
         return PXSimParseResult::Help;
     }
 

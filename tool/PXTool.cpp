@@ -5,6 +5,7 @@
 #include <pellix/api/PXLLibraryApi.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -99,7 +100,7 @@ int openConnection(Session& session, const Command& command, const std::string& 
                              "HOST --tcp-port PORT");
     std::uint64_t port = 0;
     std::uint64_t baud = 0;
-    if (!session.number(args.value("port"), "port number", 0x7FFFFFFF, &port) ||
+    if (!session.number(args.value("port"), "port number", 0xFFFF, &port) ||
         (args.has("baud") && !session.number(args.value("baud"), "baud rate", 0x7FFFFFFF, &baud)))
         return ExitUsage;
     const int flowMode = args.has("flow") ? parseFlowMode(args.value("flow")) : 0;
@@ -107,18 +108,25 @@ int openConnection(Session& session, const Command& command, const std::string& 
         return session.usage("bad --flow '" + args.value("flow") +
                              "': expected none, hardware or xonxoff");
     const unsigned int tcpPort = unsigned((port + 7700) % 65536);
-    unsigned int result = 0;
-    if (command.connect == Connect::StartServer && !args.has("no-start")) {
-        result = openStartingServer(programFolder, int(port), args.has("baud") ? int(baud) : -1,
-                                    flowMode, &session.handle);
-        std::snprintf(where, sizeof where, "no server for COM%llu at 127.0.0.1:%u, none started",
-                      static_cast<unsigned long long>(port), tcpPort);
-    } else {
-        result = PXST_OpenSocket("127.0.0.1", int(tcpPort), &session.handle);
-        std::snprintf(where, sizeof where, "no server for COM%llu at 127.0.0.1:%u",
-                      static_cast<unsigned long long>(port), tcpPort);
-    }
-    return result ? session.fail(result, where) : int(ExitOk);
+    const unsigned long long com = port;
+    std::snprintf(where, sizeof where, "no server for COM%llu at 127.0.0.1:%u", com, tcpPort);
+    unsigned int result = PXST_OpenSocket("127.0.0.1", int(tcpPort), &session.handle);
+    if (result == 0 || command.connect == Connect::NoStart || args.has("no-start"))
+        return result ? session.fail(result, where) : int(ExitOk);
+    // PXST_Open would probe for 10 s for a server that it cannot start: say so at once.
+    const std::string server = programFolder + "/pellix";
+    if (access(server.c_str(), X_OK) != 0)
+        return session.fail(PXST_RESULT_NO_CONNECTION,
+                            std::string(where) + ", and no " + server + " to start");
+    const int startBaud = args.has("baud") ? int(baud) : 921600;
+    result = openStartingServer(programFolder, int(port), startBaud, flowMode, &session.handle);
+    if (result)
+        return session.fail(result, std::string(where) + ", none came up after starting " + server);
+    static const char* const flowWords[] = {"none", "hardware", "xonxoff"};
+    session.note("started pellix COM%llu %d %s (127.0.0.1:%u); stop it with 'pxtool --port %llu "
+                 "kill'",
+                 com, startBaud, flowWords[flowMode], tcpPort, com);
+    return ExitOk;
 }
 
 } // namespace
@@ -131,7 +139,19 @@ int runTool(const std::vector<std::string>& argv, const std::string& programFold
         return session.usage(error);
     const Arguments& args = session.args;
 
+    session.json = args.has("json");
+    if (args.has("trace")) {
+        // The library reads the rules when it first logs: before any call into it.
+        const char* rules = std::getenv("QT_LOGGING_RULES");
+        const std::string all = std::string(rules && *rules ? std::string(rules) + ";" : "") +
+                                "pellix.frames.debug=true";
+        setenv("QT_LOGGING_RULES", all.c_str(), 1);
+    }
     if (args.command.empty()) {
+        if (args.has("version")) {
+            std::printf("pxtool " PELLIX_VERSION "\n");
+            return ExitOk;
+        }
         if (args.has("help")) {
             printToolHelp(stdout);
             return ExitOk;
@@ -157,12 +177,12 @@ int runTool(const std::vector<std::string>& argv, const std::string& programFold
         printCommandHelp(stdout, *command);
         return ExitOk;
     }
-    if (args.positional.size() < command->minArguments ||
-        args.positional.size() > command->maxArguments) {
+    if (args.positional.size() < command->minArguments() ||
+        args.positional.size() > command->maxArguments()) {
         const std::string expected =
             std::string("expected '") + command->name +
             (*command->synopsis ? std::string(" ") + command->synopsis : std::string()) + "'";
-        return session.usage(args.positional.size() < command->minArguments
+        return session.usage(args.positional.size() < command->minArguments()
                                  ? "missing argument: " + expected
                                  : "too many arguments: " + expected);
     }

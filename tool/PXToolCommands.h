@@ -1,7 +1,9 @@
 #ifndef PELLIX_PXTOOLCOMMANDS_H
 #define PELLIX_PXTOOLCOMMANDS_H
 
-// The command table of pxtool and its entry point.
+// The command table of pxtool and its entry point. Each family of commands keeps its rows
+// beside its code (PXToolMemory, PXToolFirmware, PXToolFollow, PXToolServer); PXToolHelp
+// joins them and prints the help.
 
 #include "PXToolArgs.h"
 #include "PXToolSession.h"
@@ -16,20 +18,30 @@ namespace pxtool {
 enum class Connect {
     StartServer, // by port number: start the pellix server beside pxtool when none answers
     NoStart,     // never start a server (kill: stopping a server must not start one)
+    None,        // works on files only
 };
 
+// One row: what differs between commands. The number of arguments follows from the synopsis:
+// a word is one argument, "[WORD]" an optional one, "WORD..." one or more.
 struct Command
 {
     const char* name;
     const char* synopsis;    // the arguments, e.g. "ADDRESS SIZE"
     const char* summary;     // one line for the command list
     const char* description; // the text of "pxtool help <command>"
-    std::vector<OptionDef> options;
-    std::size_t minArguments;
-    std::size_t maxArguments; // SIZE_MAX for "any number"
-    Connect connect;
     int (*run)(Session& session);
+    std::vector<OptionDef> options = {};
+    Connect connect = Connect::StartServer;
+
+    std::size_t minArguments() const;
+    std::size_t maxArguments() const; // SIZE_MAX for "any number"
 };
+
+// The families' rows.
+std::vector<Command> memoryCommands();
+std::vector<Command> firmwareCommands();
+std::vector<Command> followCommands();
+std::vector<Command> serverCommands();
 
 const std::vector<Command>& commands();
 const Command* findCommand(const std::string& name);

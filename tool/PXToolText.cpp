@@ -1,5 +1,7 @@
 #include "PXToolText.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -49,6 +51,18 @@ bool parseUnsigned(const std::string& text, std::uint64_t max, std::uint64_t* va
     }
     *value = result;
     return true;
+}
+
+std::vector<std::string> splitWords(const std::string& text)
+{
+    std::vector<std::string> words;
+    std::size_t start = 0;
+    while ((start = text.find_first_not_of(' ', start)) != std::string::npos) {
+        const std::size_t end = std::min(text.find(' ', start), text.size());
+        words.push_back(text.substr(start, end - start));
+        start = end;
+    }
+    return words;
 }
 
 bool parseHexBytes(const std::string& text, std::vector<std::uint8_t>* bytes)
@@ -189,6 +203,63 @@ std::string isoTime(std::int64_t msecsSinceEpoch)
                   parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
                   int(msecsSinceEpoch % 1000));
     return text;
+}
+
+} // namespace pxtool
+
+namespace pxtool {
+
+std::string jsonString(const std::string& text)
+{
+    std::string out = "\"";
+    for (const char c : text) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (u < 0x20 || u >= 0x7F) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", unsigned(u));
+            out += escape;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+Record& Record::raw(const char* key, const std::string& value)
+{
+    if (!body.empty())
+        body += ',';
+    body += jsonString(key) + ":" + value;
+    return *this;
+}
+
+Record& Record::text(const char* key, const std::string& value)
+{
+    return raw(key, jsonString(value));
+}
+
+Record& Record::number(const char* key, std::uint64_t value)
+{
+    return raw(key, std::to_string(value));
+}
+
+Record& Record::real(const char* key, double value)
+{
+    if (!std::isfinite(value))
+        return raw(key, "null");
+    char text[32];
+    std::snprintf(text, sizeof text, "%.6g", value);
+    return raw(key, text);
+}
+
+Record& Record::flag(const char* key, bool value)
+{
+    return raw(key, value ? "true" : "false");
 }
 
 } // namespace pxtool

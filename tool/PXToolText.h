@@ -20,6 +20,9 @@ bool parseUnsigned(const std::string& text, std::uint64_t max, std::uint64_t* va
 // "de:ad:be:ef"). An empty string gives no bytes. Returns false on anything else.
 bool parseHexBytes(const std::string& text, std::vector<std::uint8_t>* bytes);
 
+// The words of `text`, split at spaces.
+std::vector<std::string> splitWords(const std::string& text);
+
 // Parses a flow control word: "none", "hardware", "xonxoff" (or 0, 1, 2). -1 when unknown.
 int parseFlowMode(const std::string& text);
 
@@ -42,6 +45,25 @@ std::string formatRate(std::uint64_t bytes, double seconds);
 // "label [=========>          ]  45%  1.12 MiB / 2.50 MiB  3.40 MiB/s".
 std::string progressLine(const std::string& label, std::uint64_t done, std::uint64_t total,
                          double seconds, int width);
+
+// A JSON string literal for `text`, quotes included; bytes that are not printable ASCII are
+// written as \u00XX escapes, so the output is valid JSON whatever the input.
+std::string jsonString(const std::string& text);
+
+// One JSON object, built field by field in order: {"command":"read32","address":4096,...}.
+class Record
+{
+public:
+    Record& text(const char* key, const std::string& value);
+    Record& number(const char* key, std::uint64_t value);
+    Record& real(const char* key, double value);
+    Record& flag(const char* key, bool value);
+    std::string json() const { return "{" + body + "}"; }
+
+private:
+    Record& raw(const char* key, const std::string& value);
+    std::string body;
+};
 
 // A wall-clock time stamp in milliseconds since 1970 as "YYYY-MM-DDTHH:MM:SS.mmmZ".
 std::string isoTime(std::int64_t msecsSinceEpoch);

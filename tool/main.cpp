@@ -3,6 +3,7 @@
 #include "PXToolCommands.h"
 
 #include <climits>
+#include <csignal>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -25,6 +26,9 @@ std::string programFolder()
 
 int main(int argc, char** argv)
 {
+    // A closed pipe is a write error like any other, the same whether or not the Qt in use
+    // ignores SIGPIPE for its sockets: the command ends at once with status 3.
+    std::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> arguments(argv + 1, argv + argc);
     return pxtool::runTool(arguments, programFolder());
 }

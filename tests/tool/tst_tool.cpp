@@ -5,6 +5,7 @@
 #include "SimulatorProcess.h"
 #include "WaitUntil.h"
 
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -92,6 +93,7 @@ TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
         {p + QStringList{"write8", "0x10", "0x100"}, "bad value '0x100'"},
         {p + QStringList{"--out", "f", "read", "0", "4"}, "command options go after the command"},
         {{"ping"}, "give the target's port with --port N"},
+        {{"--port", "65536", "ping"}, "bad port number '65536'"},
         // clang-format on
     };
     for (const auto& [arguments, message] : cases)
@@ -119,6 +121,25 @@ TEST(PXToolUsage, KillWithoutAServerStartsNoneAndExitsWithOne)
               "error 11: " + QString(PXST_ResultText(11)) + " (no server for COM248 at");
 }
 
+TEST(PXToolUsage, VersionsAndNoServerToStart)
+{
+    expectRun({"--version"}, 0, "pxtool " PELLIX_VERSION "\n");
+    QProcess pellix;
+    pellix.start(SimulatorProcess::binaryFolder() + "/pellix", {"--version"});
+    ASSERT_TRUE(pellix.waitForFinished(10000));
+    EXPECT_EQ(pellix.readAllStandardOutput(), "pellix " PELLIX_VERSION "\n");
+    // A pxtool without a pellix beside it says so at once instead of probing for 10 s.
+    QTemporaryDir alone;
+    const QString copy = alone.filePath("pxtool");
+    ASSERT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/pxtool", copy));
+    QProcess tool;
+    tool.start(copy, {"--port", "247", "ping"});
+    ASSERT_TRUE(tool.waitForFinished(5000));
+    EXPECT_EQ(tool.exitCode(), 1);
+    EXPECT_TRUE(tool.readAllStandardError().contains("and no " + copy.toUtf8().chopped(6) +
+                                                     "pellix to start"));
+}
+
 // ---- against a simulator ------------------------------------------------------------------
 
 // No simulator is started here: pxtool's PXST_Open starts "pellix COM201 ..." beside itself.
@@ -129,7 +150,9 @@ TEST(PXToolServer, OpenStartsTheServerBesideTheToolAndKillStopsIt)
         return runTool(port + QStringList{"--no-start", "ping"}).exitCode == 0;
     };
     ASSERT_FALSE(answers()) << "a server already runs on port 201";
-    expectRun(port + QStringList{"--baud", "115200", "ping"}, 0, nullptr);
+    expectRun(port + QStringList{"--baud", "115200", "ping"}, 0, nullptr,
+              "started pellix COM201 115200 none (127.0.0.1:7901); stop it with 'pxtool --port "
+              "201 kill'");
     EXPECT_TRUE(expectRun(port + QStringList{"kill"}, 0).err.isEmpty());
     // The server exits after reading the request: wait until nothing answers any more.
     EXPECT_TRUE(waitUntil([&] { return !answers(); }, 10000)) << "it still answers after kill";
@@ -172,8 +195,9 @@ TEST_F(ToolTest, BlocksFromAndToFiles)
     QByteArray data;
     for (int i = 0; i < 100 * 1024 + 3; ++i)
         data += char(i * 7 + i / 256);
-    EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, nullptr)
-                    .out.startsWith("write: 100.00 KiB in "));
+    // Summaries go to stderr: stdout carries data only.
+    EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, "")
+                    .err.startsWith("write: 100.00 KiB in "));
     expect({"read", "0x40001", "102403", "--out", file("out.bin")}, 0, nullptr);
     EXPECT_TRUE(readFile("out.bin") == data);
     // A file the tool reads or writes itself: exit 3 with the system's reason.
@@ -186,8 +210,8 @@ TEST_F(ToolTest, LoadVerifyDumpAndAMismatch)
     const QString good =
         writeFile("good.lod", "# two packets\n@00001000\n11111111\n22222222\n33333333\n\n"
                               "@00002000\nABCDEF01\n@F0000000\n99999999\n");
-    ToolRun run = expect({"load", good, "--verify"}, 0, nullptr);
-    EXPECT_TRUE(run.out.contains(": 16 B written in ") && run.out.contains(": 16 B match in "));
+    ToolRun run = expect({"load", good, "--verify"}, 0, "");
+    EXPECT_TRUE(run.err.contains(": 16 B written in ") && run.err.contains(": 16 B match in "));
     expect({"dump", "0x1000", "3", file("dump.lod")}, 0, nullptr);
     EXPECT_EQ(readFile("dump.lod"), QByteArray("@00001000\n11111111\n22222222\n33333333\n"));
     // --progress draws the bar even into a pipe, ending at 100%.
@@ -195,8 +219,171 @@ TEST_F(ToolTest, LoadVerifyDumpAndAMismatch)
     EXPECT_TRUE(run.err.contains("load [") && run.err.contains("100%")) << run.err.toStdString();
 
     expect({"write32", "0x1008", "0"}, 0);
-    expect({"verify", good}, 1, nullptr,
-           "error 17: " + QString(PXST_ResultText(17)) + " (first difference at 0x00001008)");
+    expect({"write32", "0x2000", "0"}, 0);
+    expect({"verify", good, "--max-report", "1"}, 1,
+           "0x00001008: expected 0x33333333, read 0x00000000\n",
+           "error 17: " + QString(PXST_ResultText(17)) +
+               " (2 words differ; first 0x00001008: expected 0x33333333, read 0x00000000)");
+}
+
+// Files that the library would read leniently are refused before anything is sent, naming
+// the file, the line and the problem; --lenient lets the library have its way.
+TEST_F(ToolTest, BadFirmwareIsRefusedBeforeLoading)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        // clang-format off
+        {"@1000\nGARBAGE\n", ":2: 'GARBAGE' is not a hexadecimal number"},
+        {"@XYZ\n1\n", ":1: bad address: 'XYZ'"},
+        {"@1000\n1122334455\n", ":2: '1122334455' does not fit in 32 bits"},
+        {"@1FFFFFFFF\n1\n", ":1: bad address: '1FFFFFFFF' does not fit"},
+        {"@FFFFFFFC\n1\n2\n", ":3: the packet runs past the end"},
+        {"", ": no data"}, {"@1000\n\n1\n", ":3: data line outside a packet"},
+        {"@1000\n\x01\n", ":2: control character"},
+        // clang-format on
+    };
+    for (const auto& [content, problem] : cases) {
+        const QString path = writeFile("bad.lod", content);
+        expect({"load", path}, 3, "", path + problem);
+    }
+    expect({"read32", "0x1000"}, 0, "0x00000000\n"); // nothing was written
+    expect({"load", writeFile("g.lod", "@1000\n12\nGARBAGE\n"), "--lenient"}, 0, "");
+    expect({"read32", "0x1004"}, 0, "0x00000000\n");
+    expect({"read32", "0x1000"}, 0, "0x00000012\n");
+    // A skipped packet is said, not silent.
+    expect({"load", writeFile("s.lod", "@1000\n1\n\n@F0000000\n1\n2\n")}, 0, "",
+           "line 4: packet at 0xF0000000 (2 words) skipped");
+}
+
+// Outputs: every write error fails, nothing half-written is left, a closed pipe ends at once.
+TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
+{
+    expect({"dump", "0", "64", "/dev/full"}, 3, "", "cannot write '/dev/full': No space left");
+    expect({"dump", "0", "1", file("x.lod")}, 0, "");
+    expect({"dump", "0xFFFFFFFC", "2", file("x.lod")}, 2, "", "runs past the end");
+    EXPECT_EQ(readFile("x.lod"), QByteArray("@00000000\n00000000\n"));
+    // A stop signal in the middle of a long dump: error 21, and no file at all.
+    QProcess dump;
+    dump.start(SimulatorProcess::binaryFolder() + "/pxtool",
+               {"--tcp-port", QString::number(simulator.port()), "dump", "0", "0x40000000",
+                file("big.bin"), "--binary"});
+    // Once its temporary file is there, the dump is under way.
+    ASSERT_TRUE(waitUntil(
+        [&] { return QDir(folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 2; },
+        20000));
+    dump.terminate();
+    ASSERT_TRUE(dump.waitForFinished(20000));
+    EXPECT_EQ(dump.exitCode(), 1);
+    EXPECT_TRUE(dump.readAllStandardError().contains("error 21: "));
+    EXPECT_EQ(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden).join(' '), "x.lod");
+}
+
+// Scripts: one JSON object per result and per failure, "-" for standard input and output, a
+// closed pipe ends a command at once.
+TEST_F(ToolTest, ScriptableOutput)
+{
+    writeFile("in.bin", "\x08");
+    const std::pair<QStringList, const char*> cases[] = {
+        // clang-format off
+        {{"write32", "0x10", "7"}, R"({"command":"write32","ok":true})"},
+        {{"read32", "0x10"}, R"({"command":"read32","ok":true,"address":16,"value":7})"},
+        {{"read", "0x10", "2"}, R"({"command":"read","ok":true,"address":16,"data":"07 00"})"},
+        {{"read32", "x"}, R"({"command":"read32","ok":false,"exit":2,"error":"bad address 'x')"},
+        {{"verify", file("in.bin"), "--format", "binary", "--address", "0x10"},
+         R"({"command":"verify","ok":false,"exit":1,"code":17,"error":)"},
+        // clang-format on
+    };
+    for (const auto& [arguments, line] : cases)
+        EXPECT_TRUE(expect(QStringList{"--json"} + arguments,
+                           arguments[0] == "verify" ? 1
+                           : arguments[1] == "x"    ? 2
+                                                    : 0,
+                           nullptr)
+                        .out.startsWith(line))
+            << line;
+    // Standard input in, standard output out.
+    QProcess write;
+    write.start(SimulatorProcess::binaryFolder() + "/pxtool",
+                {"--tcp-port", QString::number(simulator.port()), "write", "0x20", "-"});
+    write.write("\x01\x02\x03\x04");
+    write.closeWriteChannel();
+    ASSERT_TRUE(write.waitForFinished(10000));
+    expect({"dump", "0x20", "1", "-"}, 0, "@00000020\n04030201\n");
+    // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
+    QProcess pipe;
+    pipe.start("bash", {"-c", "'" + SimulatorProcess::binaryFolder() + "/pxtool' --tcp-port " +
+                                  QString::number(simulator.port()) +
+                                  " read 0 0x10000000 | head -c 1 >/dev/null; "
+                                  "echo ${PIPESTATUS[0]}"});
+    ASSERT_TRUE(pipe.waitForFinished(10000));
+    EXPECT_EQ(pipe.readAllStandardOutput(), "3\n");
+}
+
+// Every format, made by the standard tools: each loads and verifies at its own address, a
+// dump in each reads back through objcopy to the same bytes, convert goes between them.
+TEST_F(ToolTest, FirmwareFormatsOfTheStandardTools)
+{
+    QByteArray blob;
+    for (int i = 0; i < 1001; ++i)
+        blob += char(i * 13 + 5);
+    writeFile("blob.bin", blob);
+    writeFile("s.ld", "SECTIONS { .data 0x2000 : AT(0x13000) { *(.data) } }\n");
+    const auto run = [&](const QString& program, const QStringList& arguments) {
+        QProcess process;
+        process.setWorkingDirectory(folder.path());
+        process.start(program, arguments);
+        return process.waitForFinished(20000) && process.exitCode() == 0;
+    };
+    ASSERT_TRUE(
+        run("objcopy", {"-I", "binary", "-O", "ihex", "--change-addresses", "0x11000", "blob.bin",
+                        "blob.hex"}) &&
+        run("objcopy", {"-I", "binary", "-O", "srec", "--change-addresses", "0x12000", "blob.bin",
+                        "blob.srec"}) &&
+        run("objcopy", {"-I", "binary", "-O", "elf32-i386", "-B", "i386", "blob.bin", "blob.o"}) &&
+        run("ld", {"-m", "elf_i386", "-T", "s.ld", "blob.o", "-o", "blob.elf"}));
+    for (const char* name : {"blob.hex", "blob.srec", "blob.elf"})
+        expect({"load", file(name), "--verify"}, 0, "");
+    expect({"load", file("blob.bin"), "--format", "binary", "--address", "0x14000"}, 0, "");
+    for (const char* address : {"0x11000", "0x12000", "0x13000", "0x14000"})
+        expect({"dump", address, "251", file("d.lod")}, 0, "");
+    expect({"dump", "0x13000", "250", file("d.hex"), "--format", "hex"}, 0, "");
+    expect({"dump", "0x13000", "250", file("d.srec"), "--format", "srec"}, 0, "");
+    for (const char* name : {"d.hex", "d.srec"}) {
+        ASSERT_TRUE(run("objcopy", {"-I", QString(name).endsWith("hex") ? "ihex" : "srec", "-O",
+                                    "binary", name, "back.bin"}));
+        EXPECT_EQ(readFile("back.bin"), blob.left(1000)) << name;
+    }
+    expect({"convert", file("blob.elf"), file("c.srec")}, 0, "");
+    expect({"convert", file("c.srec"), file("c.bin")}, 0, "");
+    EXPECT_EQ(readFile("c.bin"), blob);
+    // The wrong format named: a hint. A cut file: its own problem, nothing loaded.
+    expect({"verify", file("blob.hex"), "--format", "lod"}, 3, "", "(this looks like Intel HEX)");
+    const QByteArray hex = readFile("blob.hex");
+    writeFile("cut.hex", hex.left(hex.lastIndexOf(":00000001FF")));
+    expect({"load", file("cut.hex")}, 3, "", "Intel HEX: no end-of-file record");
+}
+
+// --trace: each frame in hexadecimal with its direction and handle, on stderr.
+TEST_F(ToolTest, TraceLogsEveryFrame)
+{
+    const ToolRun run = expect({"--trace", "read8", "0x10"}, 0, "0x00\n");
+    EXPECT_TRUE(run.err.contains("pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n") &&
+                run.err.contains("pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"))
+        << run.err.toStdString();
+}
+
+// Followers: --count 0 ends after enabling; a server that goes away ends them with an error.
+TEST_F(ToolTest, FollowersEndWhenTheServerGoes)
+{
+    expect({"events", "--count", "0"}, 0, "");
+    QProcess listen;
+    listen.start(SimulatorProcess::binaryFolder() + "/pxtool",
+                 {"--tcp-port", QString::number(simulator.port()), "bypass-listen", "0x21"});
+    listen.setReadChannel(QProcess::StandardError);
+    ASSERT_TRUE(listen.waitForReadyRead(10000)); // "listening on 1 flow(s)"
+    expect({"kill"}, 0);
+    ASSERT_TRUE(listen.waitForFinished(15000));
+    EXPECT_EQ(listen.exitCode(), 1);
+    EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXReplyLook_p.h"
 #include "pellix/connection/tsan_p.h"
+#include "pellix/log/PXFrameTrace_p.h"
 #include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXRanges_p.h"
@@ -162,8 +163,10 @@ void PXConnection::readAvailable(bool onNetworkThread)
         inbox.resize(int(n));
         parser->feedData(inbox);
         int size = 0;
-        while (const unsigned char* frame = parser->nextPacket(&size))
+        while (const unsigned char* frame = parser->nextPacket(&size)) {
+            PX_TRACE_FRAME(id, false, frame, size);
             dispatchFrame(frame, size, onNetworkThread);
+        }
         if (n < InboxSize)
             return;
     }
@@ -171,6 +174,7 @@ void PXConnection::readAvailable(bool onNetworkThread)
 
 bool PXConnection::sendFrame(const QByteArray& frame, unsigned long timeout)
 {
+    PX_TRACE_FRAME(id, true, frame.constData(), frame.size());
     const QDeadlineTimer deadline{qint64(timeout)};
     const char* bytes = frame.constData();
     qsizetype left = frame.size();

@@ -1,6 +1,7 @@
 #include "pellix/nsconnection/PXNSConnection.h"
 
 #include "pellix/connection/PXClientManager.h"
+#include "pellix/log/PXFrameTrace_p.h"
 #include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
 #include "pellix/protocol/PXRanges_p.h"
@@ -184,6 +185,7 @@ int PXNSConnection::blockSendPacket(const QByteArray& packet, int tag, int timeo
 
 void PXNSConnection::writeFrame(const QByteArray& frame)
 {
+    PX_TRACE_FRAME(0, true, frame.constData(), frame.size()); // no handle: 0
     socket->write(frame);
     socket->flush();
 }
@@ -401,6 +403,7 @@ void PXNSConnection::readSocketData()
         const QByteArray frame = parser->getPacket(false);
         if (frame.isEmpty())
             break;
+        PX_TRACE_FRAME(0, false, frame.constData(), frame.size());
         dispatch(frame);
     }
 }

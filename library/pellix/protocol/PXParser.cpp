@@ -1,5 +1,6 @@
 #include "pellix/protocol/PXParser.h"
 
+#include "pellix/log/PXFrameTrace_p.h"
 #include "pellix/protocol/PXFrames_p.h"
 
 #include <QDateTime>
@@ -7,6 +8,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+
+// A dropped-byte line: into the parser's own list, and into the frame trace when it is on.
+static void logDropped(QList<QString>& lines, QString line)
+{
+    PX_TRACE_LINE(line);
+    lines.append(std::move(line));
+}
 
 PXParser::PXParser(Type type)
 {
@@ -59,7 +67,7 @@ void PXParser::dropStale()
     const unsigned char* p = live();
     const int n = bufferedSize();
     for (int i = 0; i < n; ++i)
-        logLines.append(PXLogString("Check data interval drop bytes: %02x", p[i]));
+        logDropped(logLines, PXLogString("Check data interval drop bytes: %02x", p[i]));
     buffer.clear();
     head = 0;
 }
@@ -88,7 +96,7 @@ int PXParser::skipToStart(const unsigned char* data, int size)
     const void* found = std::memchr(data, startByte, size_t(size));
     const int from = found ? int(static_cast<const unsigned char*>(found) - data) : size;
     for (int i = 0; i < from; ++i)
-        logLines.append(PXLogString("Drop Byte: %02x", data[i]));
+        logDropped(logLines, PXLogString("Drop Byte: %02x", data[i]));
     return from;
 }
 
@@ -109,7 +117,7 @@ void PXParser::appendUnescaped(const unsigned char* data, int size)
         b ^= escapeMask;
         escapeMask = 0;
         if (hunting && b != startByte) {
-            logLines.append(PXLogString("Drop Byte: %02x", b));
+            logDropped(logLines, PXLogString("Drop Byte: %02x", b));
             continue;
         }
         hunting = false;
@@ -262,7 +270,7 @@ void PXParser::outputPacket(int length)
 void PXParser::skipToNextStart()
 {
     while (bufferedSize() > 0 && live()[0] != startByte) {
-        logLines.append(PXLogString("Resync drop bytes: %02x", live()[0]));
+        logDropped(logLines, PXLogString("Resync drop bytes: %02x", live()[0]));
         ++head;
     }
 }
