@@ -9,7 +9,7 @@ packages=(
     qt6-base-dev qtbase5-dev libgl-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     binutils python3 pkg-config python3-venv python3-pytest
-    libsrecord-dev libelf-dev help2man bash-completion
+    libelf-dev help2man bash-completion
 )
 if [[ "${PELLIX_WITH_PLOTS:-0}" == 1 ]]; then
     packages+=(python3-matplotlib)
