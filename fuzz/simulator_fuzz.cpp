@@ -7,7 +7,8 @@
 
 #include "FuzzPeer.h"
 
-#include "PXSimServer.h"
+#include "front/PXServer.h"
+#include "target/PXSimTarget.h"
 
 #include <QElapsedTimer>
 
@@ -19,7 +20,7 @@
 
 namespace {
 
-constexpr int FrameSizes[] = {PXSimOptions::DefaultFrameSize, 1, 7, 65531};
+constexpr int FrameSizes[] = {PXServerOptions::DefaultFrameSize, 1, 7, 65531};
 constexpr qint64 ReplyLimit = 1 << 20;
 constexpr unsigned char ReplyFlows[] = {pxproto::reply::Ping,       pxproto::reply::Status,
                                         pxproto::reply::Completion, pxproto::reply::Event,
@@ -34,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     using fuzzpeer::fail;
     fuzzpeer::ensureApplication();
-    PXSimOptions options;
+    PXServerOptions options;
     options.frameSize = FrameSizes[data[0] % 4];
     const QByteArray input(reinterpret_cast<const char*>(data + 1), int(size - 1));
     const QByteArray stream = input + fuzzpeer::completion(input) + pxproto::ping();
@@ -47,7 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     });
     int pingReplies = 0;
 
-    auto* server = new PXSimServer(options);
+    auto* target = new PXSimTarget(options.eventRegister);
+    auto* server = new PXServer(options, *target);
     QString error;
     if (!server->listen(&error))
         fail("listen");
@@ -111,6 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     for (int i = 0; i < 3; ++i)
         QCoreApplication::processEvents();
     delete server;
+    delete target;
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     return 0;
 }

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
     cmake ninja-build g++ clang lld libclang-rt-14-dev ccache clang-format
-    qt6-base-dev qtbase5-dev libgl-dev
+    qt6-base-dev qtbase5-dev libgl-dev qt6-serialport-dev libqt5serialport5-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     binutils python3 pkg-config python3-venv python3-pytest
     libelf-dev help2man bash-completion

@@ -1,4 +1,4 @@
-#include "PXSimOptions.h"
+#include "PXServerOptions.h"
 
 #include <QCommandLineParser>
 #include <QRegularExpression>
@@ -22,13 +22,15 @@ bool parseNumber(const QString& text, quint64 max, quint64* value)
 
 } // namespace
 
-PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* options,
-                                 QString* message)
+PXServerParseResult parseServerOptions(const QStringList& arguments, PXServerOptions* options,
+                                       QString* message)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(
-        QStringLiteral("Simulated target server for the pellix library.\n"
-                       "Listens on 127.0.0.1, TCP port 7700 + N (modulo 65536) for COM<N>."));
+        QStringLiteral("Host server for the pellix library.\n"
+                       "Listens on 127.0.0.1, TCP port 7700 + N (modulo 65536) for COM<N>, and\n"
+                       "serves the target on the serial device of --device or of the\n"
+                       "environment variable PELLIX_DEVICE_COM<N>, else a simulated target."));
     parser.addPositionalArgument(QStringLiteral("COM<N>"), QStringLiteral("Serial port number."),
                                  QStringLiteral("COM<N> <baud> <none|hardware|xonxoff>"));
     parser.addPositionalArgument(QStringLiteral("baud"), QStringLiteral("Baud rate."),
@@ -43,6 +45,10 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
         QStringLiteral("port"),
         QStringLiteral("TCP port, overriding 7700 + N; 0 picks a free port."),
         QStringLiteral("PORT"));
+    const QCommandLineOption device(
+        QStringLiteral("device"),
+        QStringLiteral("Serial device of the target (a path, or usb:VENDOR:PRODUCT in hex)."),
+        QStringLiteral("PATH"));
     const QCommandLineOption image(QStringLiteral("image"),
                                    QStringLiteral("Preload memory from a LOD text file."),
                                    QStringLiteral("FILE.lod"));
@@ -63,18 +69,18 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
     const QCommandLineOption version(QStringLiteral("version"),
                                      QStringLiteral("Show the version and exit."));
     parser.addOptions(
-        {listen, port, image, frameSize, latency, eventRegister, verbose, help, version});
+        {listen, port, device, image, frameSize, latency, eventRegister, verbose, help, version});
 
     QStringList withProgram = arguments;
     withProgram.prepend(QStringLiteral("pellix"));
     if (!parser.parse(withProgram)) {
         *message = parser.errorText();
-        return PXSimParseResult::Error;
+        return PXServerParseResult::Error;
     }
     if (parser.isSet(help) || parser.isSet(version)) {
         *message =
             parser.isSet(help) ? parser.helpText() : QStringLiteral("pellix " PELLIX_VERSION "\n");
-        return PXSimParseResult::Help;
+        return PXServerParseResult::Help;
     }
 
     const QStringList positional = parser.positionalArguments();
@@ -82,11 +88,11 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
         *message = QStringLiteral("expected COM<N> <baud> <none|hardware|xonxoff>, got %1 "
                                   "argument(s)")
                        .arg(positional.size());
-        return PXSimParseResult::Error;
+        return PXServerParseResult::Error;
     }
     if (positional.isEmpty() && !parser.isSet(port)) {
         *message = QStringLiteral("give COM<N> <baud> <flow> or --port PORT");
-        return PXSimParseResult::Error;
+        return PXServerParseResult::Error;
     }
     quint64 value = 0;
     if (positional.size() == 3) {
@@ -95,13 +101,13 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
         if (!match.hasMatch()) {
             *message =
                 QStringLiteral("bad serial port \"%1\": expected COM<N>").arg(positional.at(0));
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->comPort = match.captured(1).toLongLong();
-        options->port = quint16((PXSimOptions::BasePort + options->comPort) % 65536);
+        options->port = quint16((PXServerOptions::BasePort + options->comPort) % 65536);
         if (!parseNumber(positional.at(1), 0x7FFFFFFF, &value) || value == 0) {
             *message = QStringLiteral("bad baud rate \"%1\"").arg(positional.at(1));
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->baudRate = qint64(value);
         const QString flow = positional.at(2);
@@ -110,7 +116,7 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
             *message = QStringLiteral("bad flow control \"%1\": expected none, hardware or "
                                       "xonxoff")
                            .arg(flow);
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->flowWord = flow;
     }
@@ -121,24 +127,31 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
             address = QHostAddress(QHostAddress::LocalHost);
         else if (!address.setAddress(text)) {
             *message = QStringLiteral("bad listen address \"%1\"").arg(text);
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->listenAddress = address;
     }
     if (parser.isSet(port)) {
         if (!parseNumber(parser.value(port), 65535, &value)) {
             *message = QStringLiteral("bad port \"%1\": expected 0..65535").arg(parser.value(port));
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->port = quint16(value);
     }
     if (parser.isSet(image))
         options->imagePath = parser.value(image);
+    // The device: --device, else the mapping of COM<N> in the environment (so that a server
+    // started by the library with the three positional arguments finds it too).
+    if (parser.isSet(device))
+        options->devicePath = parser.value(device);
+    else if (options->comPort >= 0)
+        options->devicePath = qEnvironmentVariable(
+            qPrintable(QStringLiteral("PELLIX_DEVICE_COM%1").arg(options->comPort)));
     if (parser.isSet(frameSize)) {
         if (!parseNumber(parser.value(frameSize), 65531, &value) || value == 0) {
             *message = QStringLiteral("bad frame size \"%1\": expected 1..65531")
                            .arg(parser.value(frameSize));
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->frameSize = int(value);
     }
@@ -146,17 +159,17 @@ PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* opt
         if (!parseNumber(parser.value(latency), 60000000, &value)) {
             *message = QStringLiteral("bad latency \"%1\": expected 0..60000000 microseconds")
                            .arg(parser.value(latency));
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->latencyMicroseconds = qint64(value);
     }
     if (parser.isSet(eventRegister)) {
         if (!parseNumber(parser.value(eventRegister), 0xFFFFFFFFu, &value)) {
             *message = QStringLiteral("bad event register \"%1\"").arg(parser.value(eventRegister));
-            return PXSimParseResult::Error;
+            return PXServerParseResult::Error;
         }
         options->eventRegister = quint32(value);
     }
     options->verbose = parser.isSet(verbose);
-    return PXSimParseResult::Run;
+    return PXServerParseResult::Run;
 }

@@ -1,12 +1,12 @@
-#ifndef PELLIX_PXSIMOPTIONS_H
-#define PELLIX_PXSIMOPTIONS_H
+#ifndef PELLIX_PXSERVEROPTIONS_H
+#define PELLIX_PXSERVEROPTIONS_H
 
 #include <QHostAddress>
 #include <QString>
 #include <QStringList>
 
-// Settings of one simulator run, taken from its command line.
-struct PXSimOptions
+// Settings of one server run, taken from its command line.
+struct PXServerOptions
 {
     static constexpr int BasePort = 7700;
     static constexpr int DefaultFrameSize = 4096;
@@ -20,6 +20,8 @@ struct PXSimOptions
     qint64 baudRate = 0;
     QString flowWord = QStringLiteral("none");
     QString imagePath;
+    // Serial device of the target (--device), empty when none was given.
+    QString devicePath;
     // Largest data part of one read-data frame.
     int frameSize = DefaultFrameSize;
     // Delay before each reply, in microseconds.
@@ -28,12 +30,12 @@ struct PXSimOptions
     bool verbose = false;
 };
 
-enum class PXSimParseResult { Run, Help, Error };
+enum class PXServerParseResult { Run, Help, Error };
 
 // Reads the arguments (without the program name) into `options`. Returns Help with the usage
 // text in `message` for --help, Error with a one-line reason in `message` for anything it
 // cannot accept.
-PXSimParseResult parseSimOptions(const QStringList& arguments, PXSimOptions* options,
-                                 QString* message);
+PXServerParseResult parseServerOptions(const QStringList& arguments, PXServerOptions* options,
+                                       QString* message);
 
 #endif

@@ -1,7 +1,10 @@
-#include "PXSimServer.h"
+#include "PXServer.h"
+
+#include "../target/PXTarget.h"
 
 #include "pellix/protocol/PXFrames_p.h"
 
+#include <QPointer>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -26,18 +29,9 @@ int payloadSize(const QByteArray& frame)
     return int(frame.size()) - pxproto::HeaderSize;
 }
 
-quint32 flowModeOf(const QString& word)
-{
-    if (word == QLatin1String("hardware"))
-        return PXL_FLOW_HARDWARE;
-    if (word == QLatin1String("xonxoff"))
-        return PXL_FLOW_XONXOFF;
-    return 0;
-}
-
 } // namespace
 
-PXSimClient::PXSimClient(quint64 clientId, QTcpSocket* clientSocket, QObject* parent)
+PXServerClient::PXServerClient(quint64 clientId, QTcpSocket* clientSocket, QObject* parent)
     : QObject(parent), id(clientId), socket(clientSocket), latencyTimer(new QTimer(this))
 {
     socket->setParent(this);
@@ -45,20 +39,24 @@ PXSimClient::PXSimClient(quint64 clientId, QTcpSocket* clientSocket, QObject* pa
     latencyTimer->setTimerType(Qt::PreciseTimer);
 }
 
-PXSimServer::PXSimServer(const PXSimOptions& options, QObject* parent)
-    : QObject(parent), settings(options), scratch(options.frameSize, Qt::Uninitialized),
-      baudRate(options.baudRate), flowMode(flowModeOf(options.flowWord))
+PXServer::PXServer(const PXServerOptions& options, PXTarget& linkTarget, QObject* parent)
+    : QObject(parent), settings(options), target(linkTarget)
 {
-    connect(&tcpServer, &QTcpServer::newConnection, this, &PXSimServer::onNewConnection);
+    connect(&tcpServer, &QTcpServer::newConnection, this, &PXServer::onNewConnection);
+    connect(&target, &PXTarget::eventRaised, this, &PXServer::raiseEvent);
+    connect(&target, &PXTarget::bypassArrived, this, &PXServer::onBypassArrived);
+    connect(&target, &PXTarget::requestsDropped, this, &PXServer::onRequestsDropped);
+    connect(&target, &PXTarget::note, this,
+            [this](const QString& text) { log(nullptr, "%s", qPrintable(text)); });
 }
 
-PXSimServer::~PXSimServer()
+PXServer::~PXServer()
 {
-    for (PXSimClient* client : clients)
+    for (PXServerClient* client : clients)
         delete client;
 }
 
-bool PXSimServer::listen(QString* error)
+bool PXServer::listen(QString* error)
 {
     if (tcpServer.listen(settings.listenAddress, settings.port))
         return true;
@@ -69,7 +67,7 @@ bool PXSimServer::listen(QString* error)
     return false;
 }
 
-void PXSimServer::log(const PXSimClient* client, const char* format, ...) const
+void PXServer::log(const PXServerClient* client, const char* format, ...) const
 {
     if (!settings.verbose)
         return;
@@ -85,7 +83,7 @@ void PXSimServer::log(const PXSimClient* client, const char* format, ...) const
         std::fprintf(stderr, "pellix: %s\n", text);
 }
 
-void PXSimServer::onNewConnection()
+void PXServer::onNewConnection()
 {
     while (QTcpSocket* socket = tcpServer.nextPendingConnection()) {
         if (stopping) {
@@ -95,7 +93,7 @@ void PXSimServer::onNewConnection()
         }
         socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         socket->setReadBufferSize(ReadBufferLimit);
-        auto* client = new PXSimClient(nextClientId++, socket, this);
+        auto* client = new PXServerClient(nextClientId++, socket, this);
         clients.push_back(client);
         log(client, "connected from %s:%u", qPrintable(socket->peerAddress().toString()),
             unsigned(socket->peerPort()));
@@ -113,7 +111,7 @@ void PXSimServer::onNewConnection()
     }
 }
 
-void PXSimServer::removeClient(PXSimClient* client)
+void PXServer::removeClient(PXServerClient* client)
 {
     if (client->gone)
         return;
@@ -129,7 +127,7 @@ void PXSimServer::removeClient(PXSimClient* client)
 // Runs on every arrival and every drained write: answers as many buffered requests as the
 // client's output allows. Reading stops while the output is above the high-water mark, so a
 // client that never reads is pushed back by TCP instead of growing our buffers.
-void PXSimServer::pump(PXSimClient* client)
+void PXServer::pump(PXServerClient* client)
 {
     if (client->gone || client->pumping || stopping)
         return;
@@ -141,7 +139,8 @@ void PXSimServer::pump(PXSimClient* client)
             if (client->readRemaining > 0)
                 break;
         }
-        if (client->socket->bytesToWrite() >= OutputHighWater || client->latencyTimer->isActive())
+        if (client->waiting || client->socket->bytesToWrite() >= OutputHighWater ||
+            client->latencyTimer->isActive())
             break;
         const QByteArray request = client->parser.getPacket(false);
         if (!request.isEmpty()) {
@@ -168,17 +167,19 @@ void PXSimServer::pump(PXSimClient* client)
     }
 }
 
-void PXSimServer::fireDelayed(PXSimClient* client)
+void PXServer::fireDelayed(PXServerClient* client)
 {
     if (client->gone || stopping)
         return;
     const QByteArray request = client->delayedRequest;
     client->delayedRequest.clear();
+    client->pumping = true;
     handleRequest(client, request);
+    client->pumping = false;
     pump(client);
 }
 
-bool PXSimServer::repliesTo(const QByteArray& request) const
+bool PXServer::repliesTo(const QByteArray& request) const
 {
     switch (pxproto::flowId(request)) {
     case pxproto::request::Read: // and write: both are answered
@@ -193,12 +194,26 @@ bool PXSimServer::repliesTo(const QByteArray& request) const
     }
 }
 
-void PXSimServer::sendReply(PXSimClient* client, const QByteArray& frame)
+void PXServer::sendReply(PXServerClient* client, const QByteArray& frame)
 {
     client->socket->write(frame);
 }
 
-void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
+std::function<void(const QByteArray&)>
+PXServer::answer(PXServerClient* client, std::function<QByteArray(const QByteArray&)> reply)
+{
+    client->waiting = true;
+    return [this, guard = QPointer<PXServerClient>(client), reply](const QByteArray& data) {
+        PXServerClient* waiter = guard.data();
+        if (!waiter || waiter->gone)
+            return;
+        waiter->waiting = false;
+        sendReply(waiter, reply(data));
+        pump(waiter);
+    };
+}
+
+void PXServer::handleRequest(PXServerClient* client, const QByteArray& request)
 {
     const unsigned char flow = pxproto::flowId(request);
     const int size = payloadSize(request);
@@ -231,8 +246,8 @@ void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
     case pxproto::request::Status:
         if (size != 0)
             break;
-        log(client, "status -> %u", unsigned(StatusLinkUp));
-        sendReply(client, pxproto::statusReply(StatusLinkUp));
+        log(client, "status -> %u", unsigned(target.status()));
+        sendReply(client, pxproto::statusReply(target.status()));
         return;
     case pxproto::request::ForceReconnect:
         if (size != 0)
@@ -240,14 +255,18 @@ void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
         ++reconnects;
         log(client, "force reconnection (%llu so far)",
             static_cast<unsigned long long>(reconnects));
-        sendReply(client, pxproto::completion());
+        target.reconnect([done = answer(client, [](const QByteArray&) {
+                              return pxproto::completion();
+                          })] { done(QByteArray()); });
         return;
     case pxproto::request::Break:
         if (size != 0)
             break;
         ++breaks;
         log(client, "send break (%llu so far)", static_cast<unsigned long long>(breaks));
-        sendReply(client, pxproto::completion());
+        target.sendBreak([done = answer(client, [](const QByteArray&) {
+                              return pxproto::completion();
+                          })] { done(QByteArray()); });
         return;
     case pxproto::request::Kill:
         if (size != 0)
@@ -261,7 +280,7 @@ void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
         {
             // Cleaning empties the queues of every client; flushing only the caller's.
             quint64 dropped = 0;
-            for (PXSimClient* other : clients)
+            for (PXServerClient* other : clients)
                 dropped += clearQueue(other);
             log(client, "clean: %llu queued frame(s) dropped",
                 static_cast<unsigned long long>(dropped));
@@ -272,31 +291,35 @@ void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
             break;
         log(client, "flush FIFOs: %llu queued frame(s) dropped",
             static_cast<unsigned long long>(clearQueue(client)));
+        target.flush();
         return;
     case pxproto::request::SetBaudRate:
         if (size != 4)
             break;
-        baudRate = qint32(pxproto::getLe32(payload));
-        log(client, "baud rate %lld", static_cast<long long>(baudRate));
+        log(client, "baud rate %d", int(qint32(pxproto::getLe32(payload))));
+        target.setBaudRate(qint32(pxproto::getLe32(payload)));
         return;
     case pxproto::request::SetFlowMode:
         if (size != 4)
             break;
-        flowMode = pxproto::getLe32(payload);
-        log(client, "flow mode %u (%s)", flowMode, pxproto::flowModeWord(flowMode));
+        log(client, "flow mode %u (%s)", pxproto::getLe32(payload),
+            pxproto::flowModeWord(pxproto::getLe32(payload)));
+        target.setFlowMode(pxproto::getLe32(payload));
         return;
     case pxproto::request::SetUsbId:
         if (size != 8)
             break;
-        usbFirst = pxproto::getLe32(payload);
-        usbSecond = pxproto::getLe32(payload + 4);
-        log(client, "USB identifiers 0x%04X 0x%04X", usbFirst, usbSecond);
+        log(client, "USB identifiers 0x%04X 0x%04X", pxproto::getLe32(payload),
+            pxproto::getLe32(payload + 4));
+        target.setUsbIds(quint16(pxproto::getLe32(payload)),
+                         quint16(pxproto::getLe32(payload + 4)));
         return;
     case pxproto::request::AutoBauding:
         if (size != 0)
             break;
         ++autoBaudings;
         log(client, "auto-bauding (%llu so far)", static_cast<unsigned long long>(autoBaudings));
+        target.autoBaud();
         return;
     case pxproto::request::SetClientType:
         if (size != 1)
@@ -317,7 +340,7 @@ void PXSimServer::handleRequest(PXSimClient* client, const QByteArray& request)
     log(client, "flow 0x%02X with bad length %d skipped", unsigned(flow), size);
 }
 
-void PXSimServer::handleReadOrWrite(PXSimClient* client, const QByteArray& request)
+void PXServer::handleReadOrWrite(PXServerClient* client, const QByteArray& request)
 {
     const int size = payloadSize(request);
     const unsigned char* payload = payloadOf(request);
@@ -335,10 +358,10 @@ void PXSimServer::handleReadOrWrite(PXSimClient* client, const QByteArray& reque
         log(client, "read with bad length %d skipped", size);
         return;
     }
-    unsigned char data[4];
     int count = 0;
     switch (code) {
     case pxproto::access::Read8:
+    case pxproto::access::ReadInternal:
         count = 1;
         break;
     case pxproto::access::Read16:
@@ -347,22 +370,22 @@ void PXSimServer::handleReadOrWrite(PXSimClient* client, const QByteArray& reque
     case pxproto::access::Read32:
         count = 4;
         break;
-    case pxproto::access::ReadInternal:
-        internalMemory.read(address, data, 1);
-        log(client, "read internal 0x%08X -> 0x%02X", address, unsigned(data[0]));
-        sendReply(client, pxproto::readData(address, data, 1));
-        return;
     default:
         log(client, "read with unknown access code 0x%02X skipped", unsigned(code));
         return;
     }
-    mainMemory.read(address, data, quint32(count));
-    log(client, "read%d 0x%08X", count * 8, address);
-    sendReply(client, pxproto::readData(address, data, count));
+    const bool internal = code == pxproto::access::ReadInternal;
+    if (internal)
+        log(client, "read internal 0x%08X", address);
+    else
+        log(client, "read%d 0x%08X", count * 8, address);
+    target.read(internal, address, count, answer(client, [address](const QByteArray& data) {
+                    return pxproto::readData(address, data.constData(), int(data.size()));
+                }));
 }
 
-void PXSimServer::handleWrite(PXSimClient* client, unsigned char code, quint32 address,
-                              const unsigned char* data, int size)
+void PXServer::handleWrite(PXServerClient* client, unsigned char code, quint32 address,
+                           const unsigned char* data, int size)
 {
     int expected = -1;
     switch (code) {
@@ -386,22 +409,17 @@ void PXSimServer::handleWrite(PXSimClient* client, unsigned char code, quint32 a
         log(client, "write code 0x%02X with %d data bytes skipped", unsigned(code), size);
         return;
     }
-    if (code == pxproto::access::WriteInternal) {
-        internalMemory.write(address, data, quint32(size));
-        log(client, "write internal 0x%08X, %d byte(s)", address, size);
-        sendReply(client, pxproto::writeAck());
-        return;
-    }
-    mainMemory.write(address, data, quint32(size));
-    log(client, "write 0x%08X, %d byte(s)", address, size);
-    sendReply(client, pxproto::writeAck());
-    // A write that covers all four bytes of the event register raises the event it holds.
-    const quint32 offset = settings.eventRegister - address;
-    if (size >= 4 && offset <= quint32(size - 4))
-        raiseEvent(pxproto::getLe32(data + offset));
+    const bool internal = code == pxproto::access::WriteInternal;
+    log(client, internal ? "write internal 0x%08X, %d byte(s)" : "write 0x%08X, %d byte(s)",
+        address, size);
+    target.write(internal, expected > 0 ? expected : 0, address,
+                 QByteArray(reinterpret_cast<const char*>(data), size),
+                 [done = answer(client, [](const QByteArray&) { return pxproto::writeAck(); })] {
+                     done(QByteArray());
+                 });
 }
 
-void PXSimServer::handleBlockRead(PXSimClient* client, const QByteArray& request)
+void PXServer::handleBlockRead(PXServerClient* client, const QByteArray& request)
 {
     const int size = payloadSize(request);
     const unsigned char* payload = payloadOf(request);
@@ -419,30 +437,43 @@ void PXSimServer::handleBlockRead(PXSimClient* client, const QByteArray& request
     continueBlockRead(client);
 }
 
-// Produces the read-data frames of the client's block read while its output has room.
-void PXSimServer::continueBlockRead(PXSimClient* client)
+// Asks the target for the client's block read piece by piece while its output has room, and
+// writes each piece as read-data frames of at most the frame size.
+void PXServer::continueBlockRead(PXServerClient* client)
 {
     if (client->socket->state() != QAbstractSocket::ConnectedState) {
         client->readRemaining = 0;
         return;
     }
-    auto* data = reinterpret_cast<unsigned char*>(scratch.data());
-    while (client->readRemaining > 0 && client->socket->bytesToWrite() < OutputHighWater) {
-        QByteArray batch;
-        batch.reserve(BlockBatch + settings.frameSize + pxproto::HeaderSize + 4);
-        while (client->readRemaining > 0 && batch.size() < BlockBatch) {
-            const int n =
-                int(std::min<quint64>(client->readRemaining, quint64(settings.frameSize)));
-            mainMemory.read(client->readAddress, data, quint32(n));
-            batch.append(pxproto::readData(client->readAddress, data, n));
-            client->readAddress += quint32(n);
-            client->readRemaining -= quint64(n);
-        }
-        client->socket->write(batch);
+    while (client->readRemaining > 0 && !client->piecePending &&
+           client->socket->bytesToWrite() < OutputHighWater) {
+        const int size = int(std::min<quint64>(client->readRemaining, quint64(BlockBatch)));
+        const quint32 address = client->readAddress;
+        client->piecePending = true;
+        target.readBlock(
+            address, size,
+            [this, guard = QPointer<PXServerClient>(client), address](const QByteArray& data) {
+                PXServerClient* reader = guard.data();
+                if (!reader || reader->gone)
+                    return;
+                QByteArray batch;
+                batch.reserve(int(data.size()) + (int(data.size()) / settings.frameSize + 1) * 8);
+                for (int offset = 0; offset < data.size(); offset += settings.frameSize) {
+                    const int n = std::min(settings.frameSize, int(data.size()) - offset);
+                    batch.append(
+                        pxproto::readData(address + quint32(offset), data.constData() + offset, n));
+                }
+                reader->socket->write(batch);
+                reader->readAddress = address + quint32(data.size());
+                reader->readRemaining -= quint64(data.size());
+                reader->piecePending = false;
+                if (!reader->pumping)
+                    pump(reader);
+            });
     }
 }
 
-void PXSimServer::handleBypassFlows(PXSimClient* client, const QByteArray& request)
+void PXServer::handleBypassFlows(PXServerClient* client, const QByteArray& request)
 {
     const int size = payloadSize(request);
     const unsigned char* payload = payloadOf(request);
@@ -458,7 +489,7 @@ void PXSimServer::handleBypassFlows(PXSimClient* client, const QByteArray& reque
 
 // The simulated target echoes every bypass packet on its own flow; the server forwards the
 // echo to every client that has chosen that flow id.
-void PXSimServer::handleBypassSend(PXSimClient* client, const QByteArray& request)
+void PXServer::handleBypassSend(PXServerClient* client, const QByteArray& request)
 {
     const int size = payloadSize(request);
     const unsigned char* nested = payloadOf(request);
@@ -470,21 +501,43 @@ void PXSimServer::handleBypassSend(PXSimClient* client, const QByteArray& reques
     const int dataSize = size - 5;
     if (settings.verbose &&
         CalcHostCrc(nested + 3, static_cast<unsigned long>(dataSize + 1)) != nested[size - 1])
-        log(client, "bypass send on flow 0x%02X has a bad checksum; echoed with a good one",
-            unsigned(flow));
+        log(client, "bypass send on flow 0x%02X has a bad checksum", unsigned(flow));
     log(client, "bypass send on flow 0x%02X, %d byte(s)", unsigned(flow), dataSize);
-    const QByteArray echo = pxproto::bypassFrame(pxproto::debugPacket(flow, nested + 4, dataSize));
-    for (PXSimClient* other : clients) {
+    target.sendBypass(QByteArray(reinterpret_cast<const char*>(nested), size));
+}
+
+// The target forgot what it was asked: the clients that waited for it go on with their next
+// requests (the forgotten ones get no reply, as from a silent server).
+void PXServer::onRequestsDropped()
+{
+    const std::vector<PXServerClient*> waiters = clients;
+    for (PXServerClient* client : waiters) {
+        client->waiting = false;
+        client->piecePending = false;
+        client->readRemaining = 0;
+    }
+    for (PXServerClient* client : waiters)
+        QTimer::singleShot(0, client, [this, client] { pump(client); });
+}
+
+// A packet from the target on a bypass flow goes to every client that has chosen that flow.
+void PXServer::onBypassArrived(const QByteArray& packet)
+{
+    if (packet.size() < 5)
+        return;
+    const auto flow = static_cast<unsigned char>(packet[3]);
+    const QByteArray frame = pxproto::bypassFrame(packet);
+    for (PXServerClient* other : clients) {
         if (other->bypassFlows.test(flow))
-            deliverAsync(other, echo);
+            deliverAsync(other, frame);
     }
 }
 
-void PXSimServer::raiseEvent(quint32 id)
+void PXServer::raiseEvent(quint32 id)
 {
     const QByteArray frame = pxproto::event(id);
     int delivered = 0;
-    for (PXSimClient* other : clients) {
+    for (PXServerClient* other : clients) {
         if (other->eventsEnabled) {
             deliverAsync(other, frame);
             ++delivered;
@@ -493,7 +546,7 @@ void PXSimServer::raiseEvent(quint32 id)
     log(nullptr, "event 0x%08X raised for %d client(s)", id, delivered);
 }
 
-void PXSimServer::deliverAsync(PXSimClient* client, const QByteArray& frame)
+void PXServer::deliverAsync(PXServerClient* client, const QByteArray& frame)
 {
     if (client->gone)
         return;
@@ -511,7 +564,7 @@ void PXSimServer::deliverAsync(PXSimClient* client, const QByteArray& frame)
     ++client->queuedFrames;
 }
 
-quint64 PXSimServer::clearQueue(PXSimClient* client)
+quint64 PXServer::clearQueue(PXServerClient* client)
 {
     const quint64 dropped = client->queuedFrames;
     client->asyncQueue.clear();
@@ -519,7 +572,7 @@ quint64 PXSimServer::clearQueue(PXSimClient* client)
     return dropped;
 }
 
-void PXSimServer::drainAsync(PXSimClient* client)
+void PXServer::drainAsync(PXServerClient* client)
 {
     if (client->asyncQueue.isEmpty() || client->socket->bytesToWrite() >= OutputHighWater)
         return;
@@ -528,11 +581,11 @@ void PXSimServer::drainAsync(PXSimClient* client)
     client->queuedFrames = 0;
 }
 
-void PXSimServer::kill()
+void PXServer::kill()
 {
     stopping = true;
     tcpServer.close();
-    for (PXSimClient* client : clients) {
+    for (PXServerClient* client : clients) {
         client->gone = true;
         client->socket->disconnect(client);
         client->socket->flush();

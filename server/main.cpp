@@ -1,9 +1,13 @@
-// pellix: the simulated host server. Listens for library clients and answers them from a
-// simulated target; see README.md in this folder.
+// pellix: the host server. Listens for library clients and answers them through a target: a
+// chip on a serial debug link, or the simulated chip; see README.md in this folder.
 
-#include "PXSimImage.h"
-#include "PXSimOptions.h"
-#include "PXSimServer.h"
+#include "PXServerOptions.h"
+#include "chip/PXSimImage.h"
+#include "front/PXServer.h"
+#include "target/PXSerialTarget.h"
+#include "target/PXSimTarget.h"
+
+#include "pellix/protocol/PXLTypes.h"
 
 #include <QCoreApplication>
 #include <QSocketNotifier>
@@ -11,11 +15,21 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 
 namespace {
 
 constexpr int ExitBadArguments = 2;
+
+quint32 flowModeOf(const QString& word)
+{
+    if (word == QLatin1String("hardware"))
+        return PXL_FLOW_HARDWARE;
+    if (word == QLatin1String("xonxoff"))
+        return PXL_FLOW_XONXOFF;
+    return PXL_FLOW_NONE;
+}
 int signalPipe[2] = {-1, -1};
 
 extern "C" void onTerminationSignal(int)
@@ -49,34 +63,57 @@ int main(int argc, char** argv)
     // A client that goes away while we write must not kill the server.
     std::signal(SIGPIPE, SIG_IGN);
 
-    PXSimOptions options;
+    PXServerOptions options;
     QString message;
     QStringList arguments = app.arguments();
     arguments.removeFirst();
-    switch (parseSimOptions(arguments, &options, &message)) {
-    case PXSimParseResult::Help:
+    switch (parseServerOptions(arguments, &options, &message)) {
+    case PXServerParseResult::Help:
         std::fprintf(stdout, "%s", qPrintable(message));
         return 0;
-    case PXSimParseResult::Error:
+    case PXServerParseResult::Error:
         std::fprintf(stderr, "pellix: %s\nTry 'pellix --help'.\n", qPrintable(message));
         return ExitBadArguments;
-    case PXSimParseResult::Run:
+    case PXServerParseResult::Run:
         break;
     }
 
-    PXSimServer server(options);
-    if (!options.imagePath.isEmpty() &&
-        !loadLodImage(options.imagePath, server.memory(), &message)) {
-        std::fprintf(stderr, "pellix: %s\n", qPrintable(message));
-        return ExitBadArguments;
+    // A configured device is served or reported as down, never replaced by the simulation:
+    // whoever flashes hardware must not be answered by a simulated chip.
+    std::unique_ptr<PXTarget> target;
+    if (!options.devicePath.isEmpty()) {
+        if (!options.imagePath.isEmpty()) {
+            std::fprintf(stderr, "pellix: --image is for the simulated target only\n");
+            return ExitBadArguments;
+        }
+        auto* serial =
+            new PXSerialTarget(options.devicePath, options.baudRate, flowModeOf(options.flowWord));
+        target.reset(serial);
+        serial->start();
+    } else {
+        auto* simulated = new PXSimTarget(options.eventRegister);
+        target.reset(simulated);
+        std::fprintf(stderr,
+                     "pellix: no serial device configured%s: serving a simulated "
+                     "target\n",
+                     options.comPort >= 0
+                         ? qPrintable(QStringLiteral(" for COM%1 (--device, PELLIX_DEVICE_COM%1)")
+                                          .arg(options.comPort))
+                         : "");
+        if (!options.imagePath.isEmpty() &&
+            !loadLodImage(options.imagePath, simulated->chip().memory(), &message)) {
+            std::fprintf(stderr, "pellix: %s\n", qPrintable(message));
+            return ExitBadArguments;
+        }
     }
+    PXServer server(options, *target);
     if (!installSignalHandlers()) {
         std::fprintf(stderr, "pellix: cannot install signal handlers\n");
         return 1;
     }
     QSocketNotifier signalNotifier(signalPipe[0], QSocketNotifier::Read);
     QObject::connect(&signalNotifier, &QSocketNotifier::activated, &app, &QCoreApplication::quit);
-    QObject::connect(&server, &PXSimServer::killRequested, &app, &QCoreApplication::quit,
+    QObject::connect(&server, &PXServer::killRequested, &app, &QCoreApplication::quit,
                      Qt::QueuedConnection);
 
     if (!server.listen(&message)) {
