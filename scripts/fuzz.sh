@@ -4,7 +4,8 @@
 #
 #   scripts/fuzz.sh [seconds-per-target] [target...]
 #
-# Default: 60 seconds for every target (parser connection nsconnection lod simulator).
+# Default: 60 seconds for every target (parser connection nsconnection lod firmware simulator
+# link).
 # New inputs that widen coverage are written to build/fuzz/corpus/<target>/, not into the
 # checked-in corpus; a crash leaves its input in build/fuzz/findings/<target>/ and makes the
 # script exit non-zero after the remaining targets have run. Copy a crash input into
@@ -19,7 +20,7 @@ seconds=${1:-60}
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-    targets=(parser connection nsconnection lod firmware simulator)
+    targets=(parser connection nsconnection lod firmware simulator link)
 fi
 
 cmake --preset fuzz >/dev/null

@@ -57,6 +57,8 @@ public:
     void setEscaped(bool escaped);
     // The link's speed, for the reply time-outs.
     void setBytesPerSecond(qint64 rate);
+    // How long the link must be quiet after a lost match (QuietMs unless changed).
+    void setQuietMs(int ms) { quietTimer.setInterval(ms); }
 
     void read(bool internal, quint32 address, int size, PXTarget::Data data);
     void readBlock(quint32 address, int size, PXTarget::Data data);
