@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
-# The main job, from a fresh machine to a verified firmware round trip:
-#   1. installs what is missing and builds the library, the pellix simulator and pxtool
-#      (release preset, only those three targets),
+# The main job, from a fresh machine to a verified firmware round trip over a serial link, the
+# way a user with hardware works:
+#   1. installs what is missing and builds the library, the pellix server, pellix-target and
+#      pxtool (release preset, only those targets),
 #   2. generates a 1 MiB sample firmware image (LOD text and the same words as binary),
-#   3. with pxtool on serial port 57 (TCP 7757): loads it with verification, which starts the
-#      simulator beside pxtool, dumps the range back as binary and as LOD text, compares the
-#      dump with the image word for word, and stops the simulator.
+#   3. starts pellix-target, a simulated chip on a pseudo-terminal moving at most 921600/10
+#      bytes per second each way like a real link, and maps serial port 57 to it
+#      (PELLIX_DEVICE_COM57),
+#   4. with pxtool on serial port 57 (TCP 7757): loads the image with verification, which
+#      starts the server beside pxtool on that device, dumps the range back as binary and as
+#      LOD text, compares the dump with the image word for word, and stops the server.
 # Prints the throughput of each transfer; exits non-zero on any failure or mismatch.
 # Usage: scripts/main-job.sh   (PELLIX_PRESET=<preset> builds another preset instead)
 set -euo pipefail
@@ -18,9 +22,9 @@ size=$((1024 * 1024))
 words=$((size / 4))
 
 scripts/install-deps.sh
-echo "=== build (${preset}): pellix_library pellix pxtool"
+echo "=== build (${preset}): pellix_library pellix pellix-target pxtool"
 cmake --preset "$preset" >/dev/null
-cmake --build --preset "$preset" -j "$(nproc)" --target pellix_library pellix pxtool
+cmake --build --preset "$preset" -j "$(nproc)" --target pellix_library pellix pellix-target pxtool
 
 bin="build/${preset}/bin"
 work="build/${preset}/main-job"
@@ -28,7 +32,7 @@ mkdir -p "$work"
 rm -f "$work"/dump.*
 pxtool=("$bin/pxtool" --port "$port")
 
-# Stops the simulator of port 57 and waits until nothing answers there any more, so that a
+# Stops the server of port 57 and waits until nothing answers there any more, so that a
 # later start does not find a server on its way out.
 stop_server() {
     "${pxtool[@]}" kill --quiet 2>/dev/null || return 0
@@ -39,9 +43,24 @@ stop_server() {
     echo "main job: the server on port ${port} did not stop" >&2
     return 1
 }
-# A simulator left over from an interrupted run would hold old memory: start from a fresh one.
+# A server left over from an interrupted run would serve another device: start afresh.
 stop_server
-trap 'stop_server || true' EXIT
+
+echo "=== the target: pellix-target on a pseudo-terminal, ${work}/link, 921600 baud"
+"$bin/pellix-target" --pty "$work/link" --baud 921600 >"$work/target.out" &
+target_pid=$!
+stop_all() {
+    stop_server || true
+    kill "$target_pid" 2>/dev/null || true
+    wait "$target_pid" 2>/dev/null || true
+}
+trap stop_all EXIT
+for _ in $(seq 100); do
+    grep -q '^pellix-target: serial device ' "$work/target.out" && break
+    sleep 0.05
+done
+cat "$work/target.out"
+export PELLIX_DEVICE_COM${port}="$PWD/$work/link"
 
 echo "=== firmware: ${size} bytes at ${address}"
 python3 examples/make-firmware.py --lod "$work/firmware.lod" --bin "$work/firmware.bin" \
@@ -68,6 +87,6 @@ if [[ "$(head -n 1 "$work/dump.lod")" != "@$(printf '%08X' "$address")" ]]; then
     exit 1
 fi
 
-stop_server
+stop_all
 trap - EXIT
 echo "main job: OK: ${size} bytes loaded, verified and dumped back identically"
