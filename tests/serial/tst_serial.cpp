@@ -74,7 +74,8 @@ protected:
 
 // Every width, the internal space and 1 MiB each way, read back across the link; a second
 // client on the same link meanwhile gets its own answers; events; bypass packets with the
-// bytes that XON/XOFF escapes, and the start byte; a baud change and a break leave it working.
+// bytes that XON/XOFF escapes, and the start byte; a baud change, a break, a reconnection,
+// auto-bauding and a flush leave it working.
 TEST_P(Serial, MemoryEventsAndBypassCrossTheLink)
 {
     EXPECT_EQ(connection.write32(0x1001, 0x11135CAD), 0u);
@@ -138,9 +139,12 @@ TEST_P(Serial, MemoryEventsAndBypassCrossTheLink)
 
     EXPECT_EQ(connection.setBaudRate(115200), 0u);
     EXPECT_EQ(connection.comBreak(), 0u);
+    EXPECT_EQ(connection.forcePellixReconnect(), 0u);
+    EXPECT_EQ(connection.autoBauding(), 0u);
+    EXPECT_EQ(connection.flushPellixFifos(), 0u);
+    EXPECT_TRUE(waitUntil([this] { return status() == 1; }));
     EXPECT_EQ(connection.read32(0x100002, &word), 0u);
     EXPECT_EQ(word, image[0]);
-    EXPECT_EQ(status(), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Flow, Serial, ::testing::Values("none", "xonxoff"));
