@@ -7,6 +7,7 @@
 
 #include "FuzzPeer.h"
 
+#include "chip/PXLinkPacket.h"
 #include "pellix/protocol/PXFrames_p.h"
 #include "target/PXLinkSession.h"
 
@@ -62,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     bool done = false;
     session.read(false, 0x5000, 4, [&done](const QByteArray& got) { done = got.size() == 4; });
     const unsigned char reply[] = {0, 1, 2, 3, 4};
-    const QByteArray stream = pxproto::debugPacket(PXLinkSession::ReplyFlow, reply, 5);
+    const QByteArray stream = pxproto::debugPacket(pxlink::CommandFlow, reply, 5);
     session.feed(escaped ? EscapeXonXoff(stream) : stream);
     if (!done)
         fail("a well-formed reply after a resynchronisation did not complete the read");

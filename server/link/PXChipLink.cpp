@@ -1,12 +1,11 @@
 #include "PXChipLink.h"
 
+#include "PXLinkPacket.h"
+
 #include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXProtocol.h"
 
 namespace {
-
-constexpr unsigned char CommandFlow = 0xFF;
-constexpr unsigned char EventFlow = 0xFE;
 
 // The reply to a command: command byte 0 and four data bytes (a read's value, zero-filled).
 QByteArray reply(const unsigned char* value, int size)
@@ -14,7 +13,7 @@ QByteArray reply(const unsigned char* value, int size)
     unsigned char data[5] = {0, 0, 0, 0, 0};
     for (int i = 0; i < size; ++i)
         data[1 + i] = value[i];
-    return pxproto::debugPacket(CommandFlow, data, 5);
+    return pxproto::debugPacket(pxlink::CommandFlow, data, 5);
 }
 
 } // namespace
@@ -28,15 +27,9 @@ QByteArray PXChipLink::feed(const QByteArray& bytes)
 {
     parser.feedData(bytes);
     QByteArray out;
-    for (;;) {
-        QByteArray packet = parser.getPacket(false);
-        // The host nests nothing: a packet waiting for more bytes behind it is complete.
-        if (packet.isEmpty() && parser.isNestedWaiting())
-            packet = parser.getPacket(true);
-        if (packet.isEmpty())
-            break;
+    for (QByteArray packet = pxlink::nextPacket(parser); !packet.isEmpty();
+         packet = pxlink::nextPacket(parser))
         out.append(answer(packet));
-    }
     return escape ? EscapeXonXoff(out) : out;
 }
 
@@ -46,7 +39,7 @@ QByteArray PXChipLink::answer(const QByteArray& packet)
     const int size = int(packet.size());
     if (size < 5)
         return QByteArray();
-    if (p[3] != CommandFlow)
+    if (p[3] != pxlink::CommandFlow)
         return PXSimChip::echo(p[3], p + 4, size - 5);
     if (size < 10 || CalcHostCrc(p + 3, static_cast<unsigned long>(size - 4)) != p[size - 1]) {
         ++ignoredCount;
@@ -87,7 +80,7 @@ QByteArray PXChipLink::command(const unsigned char* p, int size)
         if (raised) {
             unsigned char id[4];
             pxproto::putLe32(id, event);
-            out.append(pxproto::debugPacket(EventFlow, id, 4));
+            out.append(pxproto::debugPacket(pxlink::EventFlow, id, 4));
         }
         return out;
     }

@@ -1,5 +1,7 @@
 #include "PXLinkSession.h"
 
+#include "PXLinkPacket.h"
+
 #include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXProtocol.h"
 
@@ -149,7 +151,7 @@ void PXLinkSession::armTimer()
 {
     if (replyTimer.isActive() || inFlight.empty())
         return;
-    const qint64 bytes = inFlightBytes + qint64(inFlight.size()) * ReplySize;
+    const qint64 bytes = inFlightBytes + qint64(inFlight.size()) * pxlink::ReplySize;
     replyTimer.start(int(ReplySlackMs + 2 * bytes * 1000 / bytesPerSecond));
 }
 
@@ -160,13 +162,8 @@ void PXLinkSession::feed(const QByteArray& bytes)
         return;
     }
     parser.feedData(bytes);
-    for (;;) {
-        QByteArray packet = parser.getPacket(false);
-        // Nothing of ours nests packets: what waits for more behind it is complete.
-        if (packet.isEmpty() && parser.isNestedWaiting())
-            packet = parser.getPacket(true);
-        if (packet.isEmpty())
-            break;
+    for (QByteArray packet = pxlink::nextPacket(parser); !packet.isEmpty();
+         packet = pxlink::nextPacket(parser)) {
         handle(packet);
         if (quietTimer.isActive())
             break;
@@ -180,15 +177,15 @@ void PXLinkSession::handle(const QByteArray& packet)
     if (size < 5)
         return;
     const bool checked = CalcHostCrc(p + 3, static_cast<unsigned long>(size - 4)) == p[size - 1];
-    if (p[3] == ReplyFlow) {
-        if (size != ReplySize || p[4] != 0 || !checked) {
+    if (p[3] == pxlink::CommandFlow) {
+        if (size != pxlink::ReplySize || p[4] != 0 || !checked) {
             drop("a malformed reply");
             return;
         }
         handleReply(packet);
         return;
     }
-    if (p[3] == EventFlow) {
+    if (p[3] == pxlink::EventFlow) {
         if (size == 9 && checked)
             emit eventRaised(pxproto::getLe32(p + 4));
         else

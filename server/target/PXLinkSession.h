@@ -38,9 +38,6 @@ class PXLinkSession : public QObject
 {
     Q_OBJECT
 public:
-    static constexpr unsigned char ReplyFlow = 0xFF;
-    static constexpr unsigned char EventFlow = 0xFE;
-    static constexpr int ReplySize = 10;
     // Requests in flight at once, and bytes of them not yet answered.
     static constexpr int MaxInFlight = 32;
     static constexpr int MaxInFlightBytes = 2 * 65540;
