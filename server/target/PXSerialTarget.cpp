@@ -140,12 +140,16 @@ void PXSerialTarget::read(bool internal, quint32 address, int size, Data data)
 {
     if (port.isOpen())
         session.read(internal, address, size, std::move(data));
+    else
+        refuse();
 }
 
 void PXSerialTarget::readBlock(quint32 address, int size, Data data)
 {
     if (port.isOpen())
         session.readBlock(address, size, std::move(data));
+    else
+        refuse();
 }
 
 void PXSerialTarget::write(bool internal, int width, quint32 address, const QByteArray& bytes,
@@ -153,6 +157,15 @@ void PXSerialTarget::write(bool internal, int width, quint32 address, const QByt
 {
     if (port.isOpen())
         session.write(internal, width, address, bytes, std::move(done));
+    else
+        refuse();
+}
+
+// Without a device a request is never answered; its client goes on with its next requests
+// once this event-loop round is over, as after requests dropped from the link.
+void PXSerialTarget::refuse()
+{
+    QTimer::singleShot(0, this, [this] { emit requestsDropped(); });
 }
 
 void PXSerialTarget::sendBypass(const QByteArray& packet)

@@ -51,6 +51,7 @@ private:
     QString systemLocation() const;
     void applySettings();
     void tryNextRate();
+    void refuse();
 
     QSerialPort port;
     PXLinkSession session;

@@ -168,11 +168,12 @@ TEST_P(SerialLoss, TargetKilledMidTransferComesBack)
     EXPECT_EQ(connection.readBlock(0, buffer.data(), int(buffer.size())), 13u);
     killer.join();
     EXPECT_EQ(status(), 0);
+    unsigned int word = 0;
+    EXPECT_EQ(connection.read32(0x40, &word), 13u) << "no device: no answer, and no wedge";
 
     target = std::make_unique<LinkTarget>(link(), QStringList{"--flow", flow()});
     ASSERT_TRUE(target->started);
     EXPECT_TRUE(waitUntil([this] { return status() == 1; }, 10000));
-    unsigned int word = 0;
     EXPECT_EQ(connection.write32(0x40, 0xA5A5A5A5), 0u);
     EXPECT_EQ(connection.read32(0x40, &word), 0u);
     EXPECT_EQ(word, 0xA5A5A5A5u);
