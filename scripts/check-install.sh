@@ -12,7 +12,7 @@ preset=${1:-release}
 build="build/${preset}"
 echo "=== build (${preset})"
 cmake --preset "$preset" >/dev/null
-cmake --build --preset "$preset" -j "$(nproc)" --target pellix_library pellix pxtool pellix_man_pages
+cmake --build --preset "$preset" -j "$(nproc)" --target pellix_library pellix pellix-target pxtool pellix_man_pages
 
 work=$(mktemp -d)
 simulator_pid=""
@@ -36,6 +36,7 @@ pkgconfig_dir=$(dirname "$(find "$prefix" -name pellix.pc | head -n 1)")
 # The installed server, as an installed program would start it.
 simulator="$prefix/bin/pellix"
 [[ -x "$simulator" ]] || { echo "pellix was not installed" >&2; exit 1; }
+[[ -x "$prefix/bin/pellix-target" ]] || { echo "pellix-target was not installed" >&2; exit 1; }
 "$simulator" COM0 921600 none --port 0 >"$work/simulator.out" 2>"$work/simulator.err" &
 simulator_pid=$!
 port=""
