@@ -207,4 +207,30 @@ TEST_P(Serial, PxtoolLoadsVerifiesAndDumpsFirmware)
     EXPECT_EQ(dump.readAll(), lod.readAll());
 }
 
+// A server started with the three positional arguments only (as PXST_Open starts one) finds
+// the device of its port in PELLIX_DEVICE_COM<N>; with none configured it serves the simulated
+// chip and says so.
+TEST(SerialDevice, PortNumberMapsToTheDeviceOrToTheSimulation)
+{
+    QTemporaryDir dir;
+    LinkTarget target(dir.filePath("link"), {});
+    ASSERT_TRUE(target.started);
+    qputenv("PELLIX_DEVICE_COM61", QFile::encodeName(dir.filePath("link")));
+    SimulatorProcess mapped =
+        SimulatorProcess::withArguments({"COM61", "921600", "none", "--port", "0"});
+    qunsetenv("PELLIX_DEVICE_COM61");
+    ASSERT_TRUE(mapped.isListening());
+    PXConnection connection;
+    ASSERT_TRUE(connection.open("127.0.0.1", mapped.port()));
+    unsigned char status = 0;
+    EXPECT_TRUE(waitUntil([&] { return connection.getStatus(&status) == 0 && status == 1; }));
+    EXPECT_TRUE(mapped.errorOutput().contains("serial device"));
+    EXPECT_FALSE(mapped.errorOutput().contains("simulated"));
+
+    SimulatorProcess simulated =
+        SimulatorProcess::withArguments({"COM62", "921600", "none", "--port", "0"});
+    ASSERT_TRUE(simulated.isListening());
+    EXPECT_TRUE(simulated.errorOutput().contains("no serial device configured for COM62"));
+}
+
 } // namespace
