@@ -6,6 +6,7 @@
 
 #include <pellix/connection/PXConnection.h>
 
+#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -161,19 +162,26 @@ TEST_P(SerialLoss, TargetKilledMidTransferComesBack)
     ASSERT_TRUE(target->started);
     ASSERT_TRUE(waitUntil([this] { return status() == 1; }, 10000));
     std::vector<unsigned char> buffer(64 * 1024);
-    std::thread killer([this] {
+    // Killed by pid: the QProcess belongs to this thread. The link goes with the target, as a
+    // device node goes when its adapter is unplugged, so that no other test's terminal that
+    // reuses the number can be taken for it.
+    const qint64 pid = target->process.processId();
+    std::thread killer([this, pid] {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        target->kill();
+        ::kill(pid_t(pid), SIGKILL);
+        QFile::remove(link());
     });
     EXPECT_EQ(connection.readBlock(0, buffer.data(), int(buffer.size())), 13u);
     killer.join();
+    target->kill();
     EXPECT_EQ(status(), 0);
     unsigned int word = 0;
     EXPECT_EQ(connection.read32(0x40, &word), 13u) << "no device: no answer, and no wedge";
 
     target = std::make_unique<LinkTarget>(link(), QStringList{"--flow", flow()});
     ASSERT_TRUE(target->started);
-    EXPECT_TRUE(waitUntil([this] { return status() == 1; }, 10000));
+    ASSERT_TRUE(waitUntil([this] { return status() == 1; }, 10000))
+        << qPrintable(server->errorOutput());
     EXPECT_EQ(connection.write32(0x40, 0xA5A5A5A5), 0u);
     EXPECT_EQ(connection.read32(0x40, &word), 0u);
     EXPECT_EQ(word, 0xA5A5A5A5u);
