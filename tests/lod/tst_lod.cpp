@@ -23,6 +23,20 @@ namespace {
 // A packet's address and words.
 using Packet = std::pair<uint32_t, std::vector<uint32_t>>;
 
+std::string repeat(const std::string& text, int times)
+{
+    std::string out;
+    while (times-- > 0)
+        out += text;
+    return out;
+}
+
+std::vector<uint32_t> operator+(std::vector<uint32_t> words, uint32_t last)
+{
+    words.push_back(last);
+    return words;
+}
+
 // Everything a reader observes of one file: the packets, the result of the last call and the
 // stream position after every call.
 struct Outcome
@@ -95,6 +109,9 @@ TEST_F(LodFileTest, ReadsFilesWithLfAndCrLf)
         {"over-long comment", "@0\n#" + std::string(2000, 'x') + "@9\n7\n", {{0, {7}}}, 0},
         {"over-long data line", "@0\n " + std::string(1025, ' ') + "5\n6\n", {{0, {0, 6}}}, 0},
         {"line of exactly 1026 characters", "@0\n" + std::string(1025, ' ') + "5\n6\n", {{0, {5, 6}}}, 0},
+        // Long packets are read in blocks after their first lines.
+        {"long packet, last line without end", "@10\n" + repeat("1\n", 300) + "5", {{0x10, std::vector<uint32_t>(300, 1) + 5}}, 0},
+        {"long packet, stray data", "@0\n" + repeat("7\n", 300) + "\n7\n", {{0, std::vector<uint32_t>(300, 7)}}, 1},
         // clang-format on
     };
     for (const auto& c : cases) {
@@ -113,19 +130,29 @@ TEST_F(LodFileTest, ReadsFilesWithLfAndCrLf)
 
 TEST_F(LodFileTest, NumbersReadLikeStrtoul)
 {
-    // One quirk a line (line ends are LF only), then random lines.
+    // One quirk a line (line ends are LF only), then random lines; the quirks also where a long
+    // packet is read in blocks, and there eight-character lines with each byte next to the
+    // digits' and letters' ranges in each place, after enough plain lines each to be read in
+    // blocks again.
     const std::string quirks =
         "0\nffffffff\nFFFFFFFF0\n123456789\nffffffffffffffff\n10000000000000000\n"
         "-10000000000000000\n00000000000000000000000000000001\nfffffffffffffffffffff\nxyz\n"
         "  1F\n\t\v\f\r 7\n0x1A\n0X1a\n0xg\n0x\n0x0x5\n 0x 5\n-1\n-0x10\n+0x10\n--1\n+-1\n1 2\n"
         "1x2\n\x80\x31\n\xA0\x31\na\rb";
-    std::string text = "@0\n" + quirks + "\n";
+    std::string text = "@0\n" + quirks + "\n" + repeat("1\n", 300) + quirks + "\n";
     std::mt19937 random(7);
     const char alphabet[] = "0123456789abcdefABCDEFxX+- \t\v\fg";
     for (int i = 0; i < 2000; ++i) {
         for (int n = 1 + int(random() % 24); n > 0; --n)
             text += alphabet[random() % (sizeof alphabet - 1)];
         text += '\n';
+    }
+    for (const char edge : std::string("/09:@AFG`afg\x01\x06\x10\x19\xB0\xC1\xE6")) {
+        for (int place = edge == '@' ? 1 : 0; place < 8; ++place) {
+            std::string line = "8BADF00D";
+            line[size_t(place)] = edge;
+            text += repeat("0123cdEF\n", 300) + line + '\n';
+        }
     }
     const Outcome got = readAll(write(text));
     ASSERT_EQ(got.packets.size(), 1u);
@@ -151,6 +178,13 @@ TEST_F(LodFileTest, StreamStandsAfterTheLastWordBetweenCalls)
     got = readAll(write(text));
     EXPECT_EQ(got.packets, (std::vector<Packet>{{0x10, {1, 2}}, {0x20, {3}}}));
     EXPECT_EQ(got.positions, (std::vector<long>{8, long(text.size()), long(text.size())}));
+    // A long packet, read in blocks: the same.
+    text = "@10\n" + repeat("2\n", 1000);
+    got = readAll(write(text + "#c\n\n@20\n"));
+    EXPECT_EQ(got.packets,
+              (std::vector<Packet>{{0x10, std::vector<uint32_t>(1000, 2)}, {0x20, {}}}));
+    EXPECT_EQ(got.positions,
+              (std::vector<long>{long(text.size()), long(text.size()) + 8, long(text.size()) + 8}));
 }
 
 // fgetl with a small buffer, and countPacketWords (its full-size buffer) after the first line.
