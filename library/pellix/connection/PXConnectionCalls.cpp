@@ -12,55 +12,7 @@
 
 #include <cstring>
 
-unsigned int PXConnection::read8(unsigned int address, unsigned char* value)
-{
-    return genericRead(address, false, value, 1);
-}
-
-unsigned int PXConnection::readi8(unsigned int address, unsigned char* value)
-{
-    return genericRead(address, true, value, 1);
-}
-
-unsigned int PXConnection::read16(unsigned int address, unsigned short* value)
-{
-    return readBlock(address, reinterpret_cast<unsigned char*>(value), 2);
-}
-
-unsigned int PXConnection::read32(unsigned int address, unsigned int* value)
-{
-    return readBlock(address, reinterpret_cast<unsigned char*>(value), 4);
-}
-
-unsigned int PXConnection::readBlock(unsigned int address, unsigned char* data, int size)
-{
-    return pxrange::readBlock(*this, address, data, size);
-}
-
-unsigned int PXConnection::write8(unsigned int address, unsigned char value)
-{
-    return genericWrite(address, false, &value, 1);
-}
-
-unsigned int PXConnection::writei8(unsigned int address, unsigned char value)
-{
-    return genericWrite(address, true, &value, 1);
-}
-
-unsigned int PXConnection::write16(unsigned int address, unsigned short value)
-{
-    return genericWrite(address, false, &value, 2);
-}
-
-unsigned int PXConnection::write32(unsigned int address, unsigned int value)
-{
-    return genericWrite(address, false, &value, 4);
-}
-
-unsigned int PXConnection::writeBlock(unsigned int address, unsigned int* data, int size)
-{
-    return pxrange::writeBlock(*this, address, data, size);
-}
+PXRANGE_DEFINE_MEMORY_CALLS(PXConnection)
 
 // ---- events -----------------------------------------------------------------------------------
 
@@ -245,44 +197,11 @@ unsigned int PXConnection::runQuery(quint32 flag, const QByteArray& request, uns
     return call(request, flag, timeout);
 }
 
-unsigned int PXConnection::killPellix()
-{
-    return sendCommand(pxproto::kill());
-}
-
-unsigned int PXConnection::cleanPellix()
-{
-    return sendCommand(pxproto::clean());
-}
-
-unsigned int PXConnection::flushPellixFifos()
-{
-    return sendCommand(pxproto::flushFifos());
-}
+PXPROTO_DEFINE_SERVER_COMMANDS(PXConnection)
 
 unsigned int PXConnection::comBreak()
 {
     return sendCommand(pxproto::comBreak());
-}
-
-unsigned int PXConnection::autoBauding()
-{
-    return sendCommand(pxproto::autoBauding());
-}
-
-unsigned int PXConnection::setFlowMode(PXLFlowMode mode)
-{
-    return sendCommand(pxproto::setFlowMode(quint32(mode)));
-}
-
-unsigned int PXConnection::setBaudRate(int baud)
-{
-    return sendCommand(pxproto::setBaudRate(baud));
-}
-
-unsigned int PXConnection::setUsbId(unsigned short first, unsigned short second)
-{
-    return sendCommand(pxproto::setUsbId(first, second));
 }
 
 unsigned int PXConnection::forcePellixReconnect()

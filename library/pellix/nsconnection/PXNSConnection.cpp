@@ -223,31 +223,6 @@ unsigned int PXNSConnection::genericRead(unsigned int address, bool internal, vo
     return result == RequestDone ? PXST_RESULT_OK : PXST_RESULT_TIMEOUT;
 }
 
-unsigned int PXNSConnection::readi8(unsigned int address, unsigned char* value)
-{
-    return genericRead(address, true, value, 1);
-}
-
-unsigned int PXNSConnection::read8(unsigned int address, unsigned char* value)
-{
-    return genericRead(address, false, value, 1);
-}
-
-unsigned int PXNSConnection::read16(unsigned int address, unsigned short* value)
-{
-    return readBlock(address, reinterpret_cast<unsigned char*>(value), 2);
-}
-
-unsigned int PXNSConnection::read32(unsigned int address, unsigned int* value)
-{
-    return readBlock(address, reinterpret_cast<unsigned char*>(value), 4);
-}
-
-unsigned int PXNSConnection::readBlock(unsigned int address, unsigned char* data, int size)
-{
-    return pxrange::readBlock(*this, address, data, size);
-}
-
 unsigned int PXNSConnection::genericWrite(unsigned int address, bool internal, void* data, int size)
 {
     if (!socket)
@@ -258,32 +233,11 @@ unsigned int PXNSConnection::genericWrite(unsigned int address, bool internal, v
     return PXST_RESULT_OK;
 }
 
-unsigned int PXNSConnection::writei8(unsigned int address, unsigned char value)
-{
-    return genericWrite(address, true, &value, 1);
-}
-
-unsigned int PXNSConnection::write8(unsigned int address, unsigned char value)
-{
-    return genericWrite(address, false, &value, 1);
-}
-
-unsigned int PXNSConnection::write16(unsigned int address, unsigned short value)
-{
-    return genericWrite(address, false, &value, 2);
-}
-
-unsigned int PXNSConnection::write32(unsigned int address, unsigned int value)
-{
-    return genericWrite(address, false, &value, 4);
-}
-
-unsigned int PXNSConnection::writeBlock(unsigned int address, unsigned int* data, int size)
-{
-    return pxrange::writeBlock(*this, address, data, size);
-}
+PXRANGE_DEFINE_MEMORY_CALLS(PXNSConnection)
 
 // ---- commands -----------------------------------------------------------------------------
+
+PXPROTO_DEFINE_SERVER_COMMANDS(PXNSConnection)
 
 unsigned int PXNSConnection::enableEvents(bool enable)
 {
@@ -304,39 +258,9 @@ unsigned int PXNSConnection::setBypassFlowIds(unsigned char* ids, int count)
     return sendCommand(pxproto::setBypassFlowIds(ids, count));
 }
 
-unsigned int PXNSConnection::killPellix()
-{
-    return sendCommand(pxproto::kill());
-}
-
-unsigned int PXNSConnection::cleanPellix()
-{
-    return sendCommand(pxproto::clean());
-}
-
-unsigned int PXNSConnection::flushPellixFifos()
-{
-    return sendCommand(pxproto::flushFifos());
-}
-
-unsigned int PXNSConnection::setFlowMode(PXLFlowMode mode)
-{
-    return sendCommand(pxproto::setFlowMode(quint32(mode)));
-}
-
-unsigned int PXNSConnection::setBaudRate(int baud)
-{
-    return sendCommand(pxproto::setBaudRate(baud));
-}
-
 unsigned int PXNSConnection::setPersistent(bool persistent)
 {
     return sendCommand(pxproto::setPersistent(persistent));
-}
-
-unsigned int PXNSConnection::setUsbId(unsigned short first, unsigned short second)
-{
-    return sendCommand(pxproto::setUsbId(first, second));
 }
 
 unsigned int PXNSConnection::sendBypassPacket(unsigned char flowId, unsigned char* data, int size)
@@ -346,11 +270,6 @@ unsigned int PXNSConnection::sendBypassPacket(unsigned char flowId, unsigned cha
     if (size < 0 || size > pxproto::MaxBypassData)
         return PXST_RESULT_PACKET_TOO_LARGE;
     return sendCommand(pxproto::bypassSend(flowId, data, size));
-}
-
-unsigned int PXNSConnection::autoBauding()
-{
-    return sendCommand(pxproto::autoBauding());
 }
 
 // ---- queries ------------------------------------------------------------------------------

@@ -466,4 +466,37 @@ inline const char* flowModeWord(quint32 mode)
 
 } // namespace pxproto
 
+// The server commands that both connection classes send the same way, without a reply, through
+// their own sendCommand: `PXPROTO_DEFINE_SERVER_COMMANDS(PXConnection)` in a class's source
+// file defines them, built by the builders above.
+#define PXPROTO_DEFINE_SERVER_COMMANDS(Class)                                                      \
+    unsigned int Class::killPellix()                                                               \
+    {                                                                                              \
+        return sendCommand(pxproto::kill());                                                       \
+    }                                                                                              \
+    unsigned int Class::cleanPellix()                                                              \
+    {                                                                                              \
+        return sendCommand(pxproto::clean());                                                      \
+    }                                                                                              \
+    unsigned int Class::flushPellixFifos()                                                         \
+    {                                                                                              \
+        return sendCommand(pxproto::flushFifos());                                                 \
+    }                                                                                              \
+    unsigned int Class::autoBauding()                                                              \
+    {                                                                                              \
+        return sendCommand(pxproto::autoBauding());                                                \
+    }                                                                                              \
+    unsigned int Class::setFlowMode(PXLFlowMode mode)                                              \
+    {                                                                                              \
+        return sendCommand(pxproto::setFlowMode(quint32(mode)));                                   \
+    }                                                                                              \
+    unsigned int Class::setBaudRate(int baud)                                                      \
+    {                                                                                              \
+        return sendCommand(pxproto::setBaudRate(baud));                                            \
+    }                                                                                              \
+    unsigned int Class::setUsbId(unsigned short first, unsigned short second)                      \
+    {                                                                                              \
+        return sendCommand(pxproto::setUsbId(first, second));                                      \
+    }
+
 #endif

@@ -138,4 +138,50 @@ unsigned int forEachPiece(unsigned long long bytes, unsigned int chunk, Piece&& 
 
 } // namespace pxrange
 
+// The width calls and the block calls of a connection class, defined once for both classes:
+// `PXRANGE_DEFINE_MEMORY_CALLS(PXConnection)` in a class's source file defines its read8 to
+// writeBlock on top of its genericRead and genericWrite (one request each) and the cutting
+// above. A 16- or 32-bit read is a block read, so that an unaligned one is cut like any other.
+#define PXRANGE_DEFINE_MEMORY_CALLS(Class)                                                         \
+    unsigned int Class::read8(unsigned int address, unsigned char* value)                          \
+    {                                                                                              \
+        return genericRead(address, false, value, 1);                                              \
+    }                                                                                              \
+    unsigned int Class::readi8(unsigned int address, unsigned char* value)                         \
+    {                                                                                              \
+        return genericRead(address, true, value, 1);                                               \
+    }                                                                                              \
+    unsigned int Class::read16(unsigned int address, unsigned short* value)                        \
+    {                                                                                              \
+        return readBlock(address, reinterpret_cast<unsigned char*>(value), 2);                     \
+    }                                                                                              \
+    unsigned int Class::read32(unsigned int address, unsigned int* value)                          \
+    {                                                                                              \
+        return readBlock(address, reinterpret_cast<unsigned char*>(value), 4);                     \
+    }                                                                                              \
+    unsigned int Class::readBlock(unsigned int address, unsigned char* data, int size)             \
+    {                                                                                              \
+        return pxrange::readBlock(*this, address, data, size);                                     \
+    }                                                                                              \
+    unsigned int Class::write8(unsigned int address, unsigned char value)                          \
+    {                                                                                              \
+        return genericWrite(address, false, &value, 1);                                            \
+    }                                                                                              \
+    unsigned int Class::writei8(unsigned int address, unsigned char value)                         \
+    {                                                                                              \
+        return genericWrite(address, true, &value, 1);                                             \
+    }                                                                                              \
+    unsigned int Class::write16(unsigned int address, unsigned short value)                        \
+    {                                                                                              \
+        return genericWrite(address, false, &value, 2);                                            \
+    }                                                                                              \
+    unsigned int Class::write32(unsigned int address, unsigned int value)                          \
+    {                                                                                              \
+        return genericWrite(address, false, &value, 4);                                            \
+    }                                                                                              \
+    unsigned int Class::writeBlock(unsigned int address, unsigned int* data, int size)             \
+    {                                                                                              \
+        return pxrange::writeBlock(*this, address, data, size);                                    \
+    }
+
 #endif
