@@ -8,6 +8,8 @@
 
 #include <QTemporaryDir>
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -15,6 +17,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -185,6 +188,20 @@ TEST_F(LodFileTest, StreamStandsAfterTheLastWordBetweenCalls)
               (std::vector<Packet>{{0x10, std::vector<uint32_t>(1000, 2)}, {0x20, {}}}));
     EXPECT_EQ(got.positions,
               (std::vector<long>{long(text.size()), long(text.size()) + 8, long(text.size()) + 8}));
+}
+
+// A stream that cannot seek (a pipe) is read a character at a time, long packets too: nothing
+// read ahead is lost.
+TEST_F(LodFileTest, PipesAreReadWhole)
+{
+    const std::string path = m_dir.filePath("pipe").toStdString();
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const std::string text = "@10\n" + repeat("0123cdEF\n", 3000) + "\n@20\n7\n";
+    std::thread writer([&] { std::ofstream(path, std::ios::binary) << text; });
+    const Outcome got = readAll(path);
+    writer.join();
+    EXPECT_EQ(got.packets,
+              (std::vector<Packet>{{0x10, std::vector<uint32_t>(3000, 0x0123CDEF)}, {0x20, {7}}}));
 }
 
 // fgetl with a small buffer, and countPacketWords (its full-size buffer) after the first line.

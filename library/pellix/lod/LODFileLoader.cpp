@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 
 // The reader uses standard I/O only (POSIX's unlocked getc under the stream's lock, ungetc,
 // ftello/fseeko). Every rule of the text format lives once below: the line (readLine), the
@@ -222,19 +221,17 @@ inline bool eightDigits(const unsigned char* p, uint32_t* word)
 class BulkWords
 {
 public:
-    explicit BulkWords(FILE* stream) : m_stream(stream), m_base(ftello(stream)) {}
+    explicit BulkWords(FILE* stream) : m_stream(stream) {}
 
     // Hands the words of the plain lines from here to `take` (which returns false to stop).
     // Returns true when the packet ended here: the end of the file, or `take` stopped it.
-    // False when the next line needs the character-wise reader, or no memory was to be had.
+    // False when the next line needs the character-wise reader, and on a stream that cannot
+    // seek back over what was read ahead (a pipe), which is read a character at a time.
     // Not inlined: the character-wise loop that short packets spend their time in stays tight.
     template <typename Take>
     __attribute__((noinline)) bool run(Take&& take)
     {
-        if (m_base < 0)
-            return false;
-        m_buffer.reset(new (std::nothrow) unsigned char[BlockSize]);
-        if (!m_buffer)
+        if (ftello(m_stream) < 0)
             return false;
         bool ended = false;
         for (;;) {
@@ -244,7 +241,7 @@ public:
                 ended = true; // end of the file
                 break;
             }
-            const unsigned char* line = m_buffer.get() + m_position;
+            const unsigned char* line = m_buffer + m_position;
             const size_t available = m_length - m_position;
             uint32_t word = 0;
             size_t used = 0;
@@ -258,12 +255,15 @@ public:
                 break;
             }
         }
-        fseeko(m_stream, m_base + off_t(m_position), SEEK_SET);
+        // Back over what was read ahead: the stream's buffer usually still holds it.
+        fseeko(m_stream, -off_t(m_length - m_position), SEEK_CUR);
         return ended;
     }
 
 private:
-    static constexpr size_t BlockSize = 64 * 1024;
+    // Small blocks: what a run reads ahead of its last line is given back with a seek within
+    // the stream's own buffer, which a larger read would more often have refilled past it.
+    static constexpr size_t BlockSize = 4 * 1024;
     static constexpr size_t LongestLine = 17; // 16 digits and the LF
 
     // A plain line of any length at `line`: the bytes it takes (its LF included), or 0.
@@ -288,26 +288,20 @@ private:
     void refill()
     {
         const size_t rest = m_length - m_position;
-        std::memmove(m_buffer.get(), m_buffer.get() + m_position, rest);
-        m_base += off_t(m_position);
+        std::memmove(m_buffer, m_buffer + m_position, rest);
         m_position = 0;
         m_length = rest;
-        // Reads grow from 4 KiB, so that a run that stops soon has read little ahead.
-        m_capacity = std::min(BlockSize, m_capacity * 2);
-        while (m_length < m_capacity && !m_atEnd) {
-            const size_t n =
-                fread_unlocked(m_buffer.get() + m_length, 1, m_capacity - m_length, m_stream);
+        while (m_length < BlockSize && !m_atEnd) {
+            const size_t n = fread_unlocked(m_buffer + m_length, 1, BlockSize - m_length, m_stream);
             m_length += n;
             m_atEnd = n == 0;
         }
     }
 
     FILE* m_stream;
-    off_t m_base; // file position of m_buffer[0]
-    std::unique_ptr<unsigned char[]> m_buffer;
+    unsigned char m_buffer[BlockSize];
     size_t m_position = 0;
     size_t m_length = 0;
-    size_t m_capacity = 2048;
     bool m_atEnd = false;
 };
 
