@@ -13,21 +13,25 @@
 
 namespace pxrange {
 
-// The size of the next read of a block read of `remaining` (> 1) bytes at `address`: single
-// bytes at odd addresses, 16 bits at addresses 2 mod 4 and for a tail of 2 or 3 bytes, and
-// from an aligned address the rest rounded down to a multiple of 4, at most MaxBlockChunk.
-// A last single byte is read alone.
-inline int readChunkSize(quint32 address, int remaining)
+// The size of the next read when `remaining` (>= 1) bytes are left at `address`: single bytes
+// at odd addresses and for a last byte, 16 bits at addresses 2 mod 4 and for a tail of 2 or 3
+// bytes, and from an aligned address the rest rounded down to a multiple of 4, at most
+// MaxBlockChunk. A transfer that does not know its whole size yet may pass any lower bound
+// above MaxBlockChunk: the answer is the same for all of them.
+inline int nextReadSize(quint32 address, qint64 remaining)
 {
-    if (address & 1)
+    if (remaining == 1 || (address & 1))
         return 1;
-    if ((address & 3) == 2)
+    if ((address & 3) == 2 || remaining < 4)
         return 2;
-    if (remaining > pxproto::MaxBlockChunk)
-        return pxproto::MaxBlockChunk;
-    if (remaining < 4)
-        return 2;
-    return remaining & ~3;
+    return int(qMin<qint64>(remaining, pxproto::MaxBlockChunk) & ~3);
+}
+
+// The size of the next write when `remaining` (>= 1) bytes are left: pieces of MaxBlockChunk
+// bytes, whatever the alignment. Any lower bound above MaxBlockChunk gives the same answer.
+inline int nextWriteSize(qint64 remaining)
+{
+    return int(qMin<qint64>(remaining, pxproto::MaxBlockChunk));
 }
 
 // The reads of `size` bytes at `address` (none for size < 1), cut by alignment.
@@ -36,8 +40,7 @@ unsigned int forEachRead(quint32 address, int size, Request&& request)
 {
     int offset = 0;
     while (offset < size) {
-        const int remaining = size - offset;
-        const int chunk = remaining == 1 ? 1 : readChunkSize(address, remaining);
+        const int chunk = nextReadSize(address, size - offset);
         if (const unsigned int result = request(address, offset, chunk))
             return result;
         offset += chunk;
@@ -46,16 +49,15 @@ unsigned int forEachRead(quint32 address, int size, Request&& request)
     return 0;
 }
 
-// The writes of `size` bytes at `address` (none for size < 1): pieces of MaxBlockChunk bytes,
-// whatever the alignment.
+// The writes of `size` bytes at `address` (none for size < 1).
 template <typename Request>
 unsigned int forEachWrite(quint32 address, int size, Request&& request)
 {
-    for (int offset = 0; offset < size; offset += pxproto::MaxBlockChunk) {
-        const int chunk =
-            size - offset < pxproto::MaxBlockChunk ? size - offset : pxproto::MaxBlockChunk;
+    for (int offset = 0; offset < size;) {
+        const int chunk = nextWriteSize(size - offset);
         if (const unsigned int result = request(address + quint32(offset), offset, chunk))
             return result;
+        offset += chunk;
     }
     return 0;
 }
