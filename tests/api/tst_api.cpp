@@ -11,7 +11,9 @@
 
 #include "pellix/api/PXLLibraryApi.h"
 #include "pellix/connection/PXConnection.h"
+#include "pellix/lod/LODFileLoader.h"
 #include "pellix/protocol/PXFrames_p.h"
+#include "pellix/protocol/PXRanges_p.h"
 
 #include <QFile>
 #include <QRegularExpression>
@@ -20,6 +22,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstring>
@@ -369,6 +372,114 @@ TEST_F(Api, LodTransfers)
         EXPECT_EQ(readFile(name), c.lines.isEmpty()    ? QByteArray("<missing>")
                                   : c.op == DumpBinary ? QByteArray::fromHex(c.lines[0].toLatin1())
                                                        : c.lines.join('\n').toLatin1() + '\n');
+    }
+}
+
+namespace {
+
+// A file whose long packets exercise a transfer that reads the text while it sends: packets
+// longer than a request at addresses 1 and 2 past a word boundary, lines that are not eight
+// plain digits inside long runs of such lines, packets of exactly one and two requests, a long
+// skipped packet, an empty one, and one that crosses a 64 KiB progress chunk.
+QStringList mixedImage()
+{
+    QStringList lines{"# mixed", "@00001001"};
+    const std::vector<quint32> words = sequence(8195 + 16384 + 5, 7);
+    for (int i = 0; i < 8195; ++i) {
+        lines << hex8(words[size_t(i)]);
+        if (i == 300)
+            lines << "# a comment inside a long packet";
+        if (i == 5000)
+            lines << "0x1234"
+                  << "ABCDEF01\r"
+                  << "deadbeef"
+                  << "7"
+                  << "+F"
+                  << "  12";
+    }
+    lines << ""
+          << "@F0000000";
+    for (int i = 0; i < 10000; ++i)
+        lines << hex8(quint32(i));
+    lines << "@00100002";
+    for (int i = 0; i < 16384 + 5; ++i)
+        lines << hex8(words[size_t(8195 + i)]);
+    lines << "@00200000";
+    for (int i = 0; i < 8192; ++i)
+        lines << hex8(quint32(i) * 3u);
+    lines << "@00300000"
+          << "@00400000"
+          << "1"
+          << "2"
+          << "3";
+    return lines;
+}
+
+// The requests that block calls of at most `chunk` bytes over each packet LOD_NextLodPacket
+// gives make (0xF0000000 left out), cut as the connection cuts a block; up to the packet at
+// `lastAddress`.
+QStringList blockCalls(const QByteArray& path, bool writes, unsigned int chunk,
+                       quint32 lastAddress = 0xFFFFFFFF)
+{
+    QStringList out;
+    LodFile* file = LOD_Open(path.constData());
+    LodPacket* packet = nullptr;
+    while (file && LOD_NextLodPacket(file, &packet) == 0 && packet) {
+        const quint32 address = packet->address;
+        const int bytes = packet->wordCount * 4;
+        LOD_FreeLodPacket(packet);
+        if (address == 0xF0000000u)
+            continue;
+        for (int offset = 0; offset < bytes; offset += int(chunk)) {
+            const int size = std::min(int(chunk), bytes - offset);
+            const auto note = [&](quint32 at, int, int n) {
+                out << (writes ? write(at, quint32(n)) : read(at, quint32(n)));
+                return 0u;
+            };
+            if (writes)
+                pxrange::forEachWrite(address + quint32(offset), size, note);
+            else
+                pxrange::forEachRead(address + quint32(offset), size, note);
+        }
+        if (address == lastAddress)
+            break;
+    }
+    LOD_Close(file);
+    return out;
+}
+
+int ignoreProgress(unsigned long long, unsigned long long, void*)
+{
+    return 0;
+}
+
+} // namespace
+
+// A load and a verification send exactly what block calls over whole packets would, with or
+// without progress (whose calls are 64 KiB), and a difference found in a request's data still
+// lets its block call read to its end.
+TEST_F(Api, LodTransfersSendWhatBlockCallsWould)
+{
+    const QByteArray file = writeLines(dir.filePath("mixed.lod"), mixedImage());
+    for (const bool progress : {false, true}) {
+        SCOPED_TRACE(progress ? "with progress" : "plain");
+        const unsigned int chunk = progress ? 65536 : 1u << 30;
+        unsigned int fail = 77;
+        ASSERT_EQ(progress ? PXST_LoadLodProgress(handle, file, 1, &fail, ignoreProgress, nullptr)
+                           : PXST_LoadLod(handle, file, 1, &fail),
+                  PXST_RESULT_OK);
+        EXPECT_EQ(fail, 0u);
+        EXPECT_EQ(requests(), blockCalls(file, true, chunk) + blockCalls(file, false, chunk));
+
+        // Word 6000 of the packet at 0x00001001 differs in its last byte.
+        const quint32 differing = 0x1001 + 4 * 6000;
+        ASSERT_EQ(PXST_Write8(handle, differing + 3, 0x5A), PXST_RESULT_OK);
+        requests();
+        EXPECT_EQ(progress ? PXST_VerifyLodProgress(handle, file, &fail, ignoreProgress, nullptr)
+                           : PXST_VerifyLod(handle, file, &fail),
+                  PXST_RESULT_MISMATCH);
+        EXPECT_EQ(fail, differing);
+        EXPECT_EQ(requests(), blockCalls(file, false, chunk, 0x1001));
     }
 }
 

@@ -3,6 +3,7 @@
 // compiled and linked as C99: tests/api/c_header_check.c.)
 
 #include "pellix/lod/LODFileLoader.h"
+#include "pellix/lod/LODLines_p.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -271,3 +273,47 @@ TEST_F(LodFileTest, DumpsAreByteExactAndReadBack)
 }
 
 } // namespace
+
+// Eight-digit lines converted a group at a time: every byte value in every place of the first
+// of two groups, against each line read on its own, by the path this processor takes and by
+// the portable one.
+TEST(LodLines, GroupsConvertExactlyThePlainEightDigitLines)
+{
+    std::string text;
+    for (uint32_t i = 0; i < 2 * pxlod::LineGroup; ++i) {
+        char line[16];
+        std::snprintf(line, sizeof line, i % 2 ? "%08x\n" : "%08X\n", (i + 1) * 0x9E3779B1u);
+        text += line;
+    }
+    const auto hexDigit = [](char c) { return c != 0 && std::strchr("0123456789abcdefABCDEF", c); };
+    using Convert = size_t (*)(const unsigned char*, size_t, uint32_t*, size_t);
+    for (const Convert convert : {pxlod::convertLines, pxlod::convertLinesPortable}) {
+        for (size_t place = 0; place < pxlod::LineGroupBytes; ++place) {
+            for (int byte = 0; byte < 256; ++byte) {
+                std::string changed = text;
+                changed[place] = char(byte);
+                bool plain = true;
+                std::vector<uint32_t> expected;
+                for (size_t at = 0; at < changed.size(); at += pxlod::LineSize) {
+                    for (size_t k = 0; k < 8; ++k)
+                        plain = plain && hexDigit(changed[at + k]);
+                    plain = plain && changed[at + 8] == '\n';
+                    expected.push_back(
+                        uint32_t(std::strtoul(changed.substr(at, 8).c_str(), nullptr, 16)));
+                }
+                uint32_t words[pxlod::LineBatch] = {};
+                const size_t lines = convert(reinterpret_cast<const unsigned char*>(changed.data()),
+                                             changed.size(), words, pxlod::LineBatch);
+                ASSERT_EQ(lines, plain ? expected.size() : 0u) << place << ' ' << byte;
+                for (size_t i = 0; i < lines; ++i)
+                    ASSERT_EQ(words[i], expected[i]) << place << ' ' << byte << ' ' << i;
+            }
+        }
+        // Whole groups only: within the room given and the bytes there.
+        uint32_t words[pxlod::LineBatch];
+        const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+        EXPECT_EQ(convert(bytes, text.size(), words, 15), 8u);
+        EXPECT_EQ(convert(bytes, text.size() - 1, words, 64), 8u);
+        EXPECT_EQ(convert(bytes, pxlod::LineGroupBytes - 1, words, 64), 0u);
+    }
+}

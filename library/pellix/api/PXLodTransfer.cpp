@@ -1,17 +1,22 @@
-// LOD download, verify and dump over a C interface handle. The transfers run on the caller's
-// thread and use the block calls PXST_WriteBlock and PXST_ReadBlock, so every block resolves
-// the handle again. One packet (and one read-back buffer) is in memory at a time.
+// LOD download, verify and dump over a C interface handle, on the caller's thread. Every
+// block call (a packet, cut at 1 GiB, or at 64 KiB for the progress variants) resolves the
+// handle again and is cut into requests as PXST_WriteBlock and PXST_ReadBlock cut it. A load
+// or verification reads a packet's text while the transfer runs: each request goes out as
+// soon as its words are known, and the words after them are read while the server answers.
+// A dump reads its range with PXST_ReadBlock.
 
 #include "pellix/api/PXLLibraryApi.h"
 
 #include "pellix/api/PXApiFrame_p.h"
-#include "pellix/lod/LODCount_p.h"
+#include "pellix/connection/PXWhileWaiting_p.h"
 #include "pellix/lod/LODFileLoader.h"
+#include "pellix/lod/LODReader_p.h"
 #include "pellix/protocol/PXRanges_p.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -25,12 +30,6 @@ constexpr unsigned int SkippedAddress = 0xF0000000u;
 // variants cut at 64 KiB so that the progress moves.
 constexpr unsigned int WholePacketChunk = 1u << 30;
 constexpr unsigned int ProgressChunk = 64u * 1024u;
-
-struct LodFileCloser
-{
-    void operator()(LodFile* file) const { LOD_Close(file); }
-};
-using LodFilePtr = std::unique_ptr<LodFile, LodFileCloser>;
 
 struct LodPacketFreer
 {
@@ -111,6 +110,165 @@ unsigned int forEachChunk(Transfer& transfer, unsigned long long bytes, Block&& 
         });
 }
 
+// The words of the packet being transferred, read from the file ahead of the transfer: the
+// packet's bytes from m_base to m_end stand in the window, and m_ended tells whether the packet
+// ends at m_end. Offsets count bytes from the packet's start.
+class PacketWindow
+{
+public:
+    explicit PacketWindow(pxlod::PacketReader& reader)
+        : m_reader(reader), m_words(new (std::nothrow) uint32_t[Capacity])
+    {}
+    bool isReady() const { return m_words != nullptr; }
+
+    // Starts on the packet the reader has just found.
+    void restart()
+    {
+        m_base = m_end = 0;
+        m_ended = false;
+    }
+
+    // Reads on until more than one request's worth of bytes stands after `ahead`, or up to the
+    // end of the packet, keeping the bytes from `keep` (at most `ahead`) on.
+    void fill(uint64_t keep, uint64_t ahead)
+    {
+        const uint64_t wanted = ahead + pxproto::MaxBlockChunk + 1;
+        while (!m_ended && m_end < wanted) {
+            if (m_end - m_base == Capacity * 4u) {
+                const uint64_t from = keep & ~uint64_t(3);
+                std::memmove(m_words.get(), data(from), size_t(m_end - from));
+                m_base = from;
+            }
+            const size_t room = Capacity - size_t(m_end - m_base) / 4u;
+            const size_t count = std::min<uint64_t>(room, (wanted - m_end + 3) / 4u);
+            const size_t taken = m_reader.takeWords(m_words.get() + (m_end - m_base) / 4u, count);
+            m_end += 4u * taken;
+            m_ended = taken < count;
+        }
+    }
+
+    // The bytes from `offset` up to `limit` or the end of the packet, whichever comes first,
+    // after fill(offset, offset): exact, or a lower bound above a request's worth (which cuts
+    // requests the same way).
+    uint64_t remaining(uint64_t offset, uint64_t limit) const
+    {
+        return std::min(m_end, limit) - offset;
+    }
+    // Whether the packet goes on after `offset`, after fill(offset, offset).
+    bool goesOn(uint64_t offset) const { return m_end > offset; }
+
+    unsigned char* data(uint64_t offset) const
+    {
+        return reinterpret_cast<unsigned char*>(m_words.get()) + (offset - m_base);
+    }
+
+private:
+    // Three requests' worth and more: what a request uses, what is read ahead of it, and room
+    // to read on before the window moves.
+    static constexpr size_t Capacity = 64 * 1024;
+
+    pxlod::PacketReader& m_reader;
+    std::unique_ptr<uint32_t[]> m_words;
+    uint64_t m_base = 0;
+    uint64_t m_end = 0;
+    bool m_ended = false;
+};
+
+// Writes the packet just found at `address`, a block call per transfer.chunk bytes.
+unsigned int writePacket(int handle, PacketWindow& window, uint32_t address, Transfer& transfer)
+{
+    uint64_t offset = 0;
+    window.fill(0, 0);
+    do {
+        const uint64_t start = offset;
+        const uint64_t limit = offset + transfer.chunk;
+        const unsigned int result = pxapi::withConnection(handle, [&](PXConnection& c) {
+            while (const uint64_t left = window.remaining(offset, limit)) {
+                const int size = pxrange::nextWriteSize(qint64(left));
+                auto readAhead = [&] { window.fill(offset + size, offset + size); };
+                const pxconn::WhileWaiting meanwhile(readAhead);
+                if (const unsigned int written = c.genericWrite(address + uint32_t(offset), false,
+                                                                window.data(offset), size))
+                    return written;
+                offset += unsigned(size);
+                window.fill(offset, offset);
+            }
+            return unsigned(PXST_RESULT_OK);
+        });
+        if (result != PXST_RESULT_OK)
+            return result;
+        if (!transfer.advance(unsigned(offset - start)))
+            return PXST_RESULT_CANCELLED;
+    } while (window.goesOn(offset));
+    return PXST_RESULT_OK;
+}
+
+// Compares the packet just found at `address` with the target's memory, a block call per
+// transfer.chunk bytes. A block call reads all its bytes before a difference counts.
+unsigned int verifyPacket(int handle, PacketWindow& window, uint32_t address, Transfer& transfer,
+                          unsigned char* readBack, unsigned int* failAddress)
+{
+    uint64_t offset = 0;
+    window.fill(0, 0);
+    do {
+        const uint64_t start = offset;
+        const uint64_t limit = offset + transfer.chunk;
+        bool differs = false;
+        uint64_t firstDifference = 0;
+        const unsigned int result = pxapi::withConnection(handle, [&](PXConnection& c) {
+            while (const uint64_t left = window.remaining(offset, limit)) {
+                const uint32_t at = address + uint32_t(offset);
+                const int size = pxrange::nextReadSize(at, qint64(left));
+                auto readAhead = [&] { window.fill(offset, offset + size); };
+                const pxconn::WhileWaiting meanwhile(readAhead);
+                if (const unsigned int read = c.genericRead(at, false, readBack, size))
+                    return read;
+                window.fill(offset, offset + size);
+                const unsigned char* expected = window.data(offset);
+                if (!differs && std::memcmp(readBack, expected, size_t(size)) != 0) {
+                    differs = true;
+                    firstDifference = offset;
+                    while (readBack[firstDifference - offset] == expected[firstDifference - offset])
+                        ++firstDifference;
+                }
+                offset += unsigned(size);
+            }
+            return unsigned(PXST_RESULT_OK);
+        });
+        if (result != PXST_RESULT_OK)
+            return result;
+        if (differs) {
+            if (failAddress != nullptr)
+                *failAddress = address + uint32_t(firstDifference & ~uint64_t(3));
+            return PXST_RESULT_MISMATCH;
+        }
+        if (!transfer.advance(unsigned(offset - start)))
+            return PXST_RESULT_CANCELLED;
+    } while (window.goesOn(offset));
+    return PXST_RESULT_OK;
+}
+
+// Calls `packet(address)` for every packet of the file that is not skipped, in file order,
+// with the window on that packet; stops at the first non-zero result. 15 at a data line
+// outside a packet.
+template <typename Packet>
+unsigned int forEachPacket(pxlod::PacketReader& file, PacketWindow& window, Packet&& packet)
+{
+    for (;;) {
+        uint32_t address = 0;
+        bool found = false;
+        if (file.nextPacket(&address, &found) != 0)
+            return PXST_RESULT_LOD_FORMAT;
+        if (!found)
+            return PXST_RESULT_OK;
+        if (address == SkippedAddress)
+            continue;
+        window.restart();
+        if (const unsigned int result = packet(address))
+            return result;
+    }
+}
+
 // `countTotal`: a verification of its own, which learns its progress total from the file; a
 // load's verification goes on with the load's total.
 unsigned int verifyLod(int handle, const char* path, unsigned int* failAddress, Transfer& transfer,
@@ -120,48 +278,19 @@ unsigned int verifyLod(int handle, const char* path, unsigned int* failAddress, 
         *failAddress = 0;
     if (const unsigned int result = checkHandle(handle))
         return result;
-    LodFilePtr file(LOD_Open(path));
-    if (!file)
+    pxlod::PacketReader file(path);
+    if (!file.isOpen())
+        return PXST_RESULT_FILE;
+    PacketWindow window(file);
+    std::unique_ptr<unsigned char[]> readBack(
+        new (std::nothrow) unsigned char[pxproto::MaxBlockChunk]);
+    if (!window.isReady() || !readBack)
         return PXST_RESULT_FILE;
     if (countTotal && transfer.reportsProgress())
         transfer.total = countTransferBytes(path);
-
-    for (;;) {
-        LodPacket* next = nullptr;
-        if (LOD_NextLodPacket(file.get(), &next) != 0)
-            return PXST_RESULT_LOD_FORMAT;
-        if (next == nullptr)
-            return PXST_RESULT_OK;
-        LodPacketPtr packet(next);
-        if (packet->address == SkippedAddress)
-            continue;
-
-        const unsigned long long bytes = packetBytes(*packet);
-        const auto bufferWords =
-            static_cast<size_t>(std::min<unsigned long long>(bytes, transfer.chunk) / 4u);
-        std::unique_ptr<unsigned int[]> readBack(new (std::nothrow) unsigned int[bufferWords]);
-        if (!readBack)
-            return PXST_RESULT_FILE;
-
-        const unsigned int result = forEachChunk(
-            transfer, bytes, [&](unsigned long long offset, unsigned int piece) -> unsigned int {
-                const auto address = static_cast<unsigned int>(packet->address + offset);
-                const unsigned int read = PXST_ReadBlock(handle, address, readBack.get(), piece);
-                if (read != PXST_RESULT_OK)
-                    return read;
-                const unsigned int* expected = packet->words + offset / 4u;
-                for (unsigned int i = 0; i < piece / 4u; ++i) {
-                    if (readBack[i] != expected[i]) {
-                        if (failAddress != nullptr)
-                            *failAddress = address + 4u * i;
-                        return PXST_RESULT_MISMATCH;
-                    }
-                }
-                return PXST_RESULT_OK;
-            });
-        if (result != PXST_RESULT_OK)
-            return result;
-    }
+    return forEachPacket(file, window, [&](uint32_t address) {
+        return verifyPacket(handle, window, address, transfer, readBack.get(), failAddress);
+    });
 }
 
 unsigned int loadLod(int handle, const char* path, int verify, unsigned int* failAddress,
@@ -169,30 +298,21 @@ unsigned int loadLod(int handle, const char* path, int verify, unsigned int* fai
 {
     if (const unsigned int result = checkHandle(handle))
         return result;
-    LodFilePtr file(LOD_Open(path));
-    if (!file)
-        return PXST_RESULT_FILE;
-    if (transfer.reportsProgress())
-        transfer.total = countTransferBytes(path) * (verify != 0 ? 2u : 1u);
-
-    for (;;) {
-        LodPacket* next = nullptr;
-        if (LOD_NextLodPacket(file.get(), &next) != 0)
-            return PXST_RESULT_LOD_FORMAT;
-        if (next == nullptr)
-            break;
-        LodPacketPtr packet(next);
-        if (packet->address == SkippedAddress)
-            continue;
-        const unsigned int result = forEachChunk(
-            transfer, packetBytes(*packet), [&](unsigned long long offset, unsigned int piece) {
-                return PXST_WriteBlock(handle, static_cast<unsigned int>(packet->address + offset),
-                                       packet->words + offset / 4u, piece);
-            });
+    {
+        pxlod::PacketReader file(path);
+        if (!file.isOpen())
+            return PXST_RESULT_FILE;
+        PacketWindow window(file);
+        if (!window.isReady())
+            return PXST_RESULT_FILE;
+        if (transfer.reportsProgress())
+            transfer.total = countTransferBytes(path) * (verify != 0 ? 2u : 1u);
+        const unsigned int result = forEachPacket(file, window, [&](uint32_t address) {
+            return writePacket(handle, window, address, transfer);
+        });
         if (result != PXST_RESULT_OK)
             return result;
     }
-    file.reset();
     if (verify == 0)
         return PXST_RESULT_OK;
     return verifyLod(handle, path, failAddress, transfer, false);

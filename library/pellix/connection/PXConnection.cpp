@@ -2,6 +2,7 @@
 
 #include "pellix/connection/PXClientManager.h"
 #include "pellix/connection/PXReplyLook_p.h"
+#include "pellix/connection/PXWhileWaiting_p.h"
 #include "pellix/connection/tsan_p.h"
 #include "pellix/log/PXFrameTrace_p.h"
 #include "pellix/protocol/PXFrames_p.h"
@@ -425,6 +426,11 @@ unsigned int PXConnection::call(const QByteArray& frame, quint32 flag, unsigned 
         beginCall();
         pendingFlags.fetch_or(flag, std::memory_order_relaxed);
         const bool sent = sendFrame(frame, ReplyTimeout);
+        if (flag && sent) {
+            dataMutex.unlock();
+            pxconn::WhileWaiting::runCurrent();
+            dataMutex.lock();
+        }
         if (!flag) {
             result = sent ? PXST_RESULT_OK : PXST_RESULT_TIMEOUT;
         } else if (flag == PendingRead) {

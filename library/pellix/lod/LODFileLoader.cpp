@@ -1,8 +1,8 @@
 #include "pellix/lod/LODFileLoader.h"
 
-#include "pellix/lod/LODCount_p.h"
+#include "pellix/lod/LODLines_p.h"
+#include "pellix/lod/LODReader_p.h"
 
-#include <endian.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 // The reader uses standard I/O only (POSIX's unlocked getc under the stream's lock, ungetc,
 // ftello/fseeko). Every rule of the text format lives once below: the line (readLine), the
@@ -17,8 +18,7 @@
 
 namespace {
 
-// Size of the line buffer of the reader: a line keeps at most kLineBufferSize - 1 characters.
-constexpr int kLineBufferSize = 1027;
+constexpr int kLineBufferSize = pxlod::LineBufferSize;
 
 // Stream buffer given to every file opened by LOD_Open; larger than the stdio default so a
 // big file is read with few system calls.
@@ -188,32 +188,6 @@ inline bool plainWord(FILE* stream, int first, char* line, long* taken, uint32_t
     return false;
 }
 
-// The value of eight hexadecimal digits at `p`, or false when one of them is none: all eight
-// bytes at once, as the lanes of one 64-bit word (the line of a long packet, nearly always).
-inline bool eightDigits(const unsigned char* p, uint32_t* word)
-{
-    constexpr uint64_t Ones = 0x0101010101010101u;
-    constexpr uint64_t High = 0x8080808080808080u;
-    uint64_t x;
-    std::memcpy(&x, p, sizeof x);
-    x = le64toh(x); // the first digit in the lowest lane
-    // In each lane below 0x80, adding 0x80 - c sets the high bit exactly when the byte is at
-    // least c. Letters are compared folded to lower case. A lane of 0x80 or more comes out as
-    // neither, whatever it carries into the next one, and so the line is refused.
-    const uint64_t folded = x | (0x20 * Ones);
-    const uint64_t digit = (x + (0x80 - '0') * Ones) & ~(x + (0x80 - ':') * Ones);
-    const uint64_t letter = (folded + (0x80 - 'a') * Ones) & ~(folded + (0x80 - 'g') * Ones);
-    if (((digit | letter) & High) != High)
-        return false;
-    // The digits' values, one a lane: the low four bits, plus 9 for a letter.
-    uint64_t v = (x & (0x0F * Ones)) + ((letter & High) >> 7) * 9;
-    // Pairs of lanes into bytes, then the four bytes into the word, first digit highest.
-    v = ((v & 0x000F000F000F000Fu) << 4) | ((v >> 8) & 0x000F000F000F000Fu);
-    *word = uint32_t(((v & 0xFF) << 24) | (((v >> 16) & 0xFF) << 16) | (((v >> 32) & 0xFF) << 8) |
-                     ((v >> 48) & 0xFF));
-    return true;
-}
-
 // Plain data lines of a long packet taken from the stream in blocks instead of a character at
 // a time. It accepts exactly the lines plainWord accepts (1 to 16 hexadecimal digits, then LF
 // or the end of the file); at any other line it stops and puts the stream back at that line's
@@ -221,50 +195,77 @@ inline bool eightDigits(const unsigned char* p, uint32_t* word)
 class BulkWords
 {
 public:
-    explicit BulkWords(FILE* stream) : m_stream(stream) {}
+    BulkWords(FILE* stream, pxlod::ReadAhead& ahead) : m_stream(stream), m_ahead(ahead) {}
 
-    // Hands the words of the plain lines from here to `take` (which returns false to stop).
-    // Returns true when the packet ended here: the end of the file, or `take` stopped it.
-    // False when the next line needs the character-wise reader, and on a stream that cannot
-    // seek back over what was read ahead (a pipe), which is read a character at a time.
-    // Not inlined: the character-wise loop that short packets spend their time in stays tight.
-    template <typename Take>
-    __attribute__((noinline)) bool run(Take&& take)
+    // Hands the words of the plain lines from here to `sink` (see readPacket), going on from
+    // what an earlier run kept read ahead, if any. Returns true when the packet ended here:
+    // the end of the file, or the sink stopped it (then, with ahead.keep, what was read ahead
+    // stays for the next run). False when the next line needs the character-wise reader, and
+    // on a stream that cannot seek back over what was read ahead (a pipe), which is read a
+    // character at a time. Not inlined: the character-wise loop that short packets spend
+    // their time in stays tight.
+    template <typename Sink>
+    __attribute__((noinline)) bool run(Sink& sink)
     {
-        if (ftello(m_stream) < 0)
+        if (!m_ahead.held() && ftello(m_stream) < 0)
             return false;
+        pxlod::ReadAhead& a = m_ahead;
         bool ended = false;
         for (;;) {
-            if (m_length - m_position < LongestLine && !m_atEnd)
+            if (a.length - a.position < Lookahead && !a.atEnd)
                 refill();
-            if (m_position == m_length) {
+            if (a.position == a.length) {
                 ended = true; // end of the file
                 break;
             }
-            const unsigned char* line = m_buffer + m_position;
-            const size_t available = m_length - m_position;
+            const unsigned char* line = a.data + a.position;
+            const size_t available = a.length - a.position;
+            size_t room = 0;
+            uint32_t* out = sink.space(&room);
+            if (const size_t lines = pxlod::convertLines(line, available, out, room)) {
+                a.position += lines * pxlod::LineSize;
+                if (!sink.wrote(lines)) {
+                    ended = true;
+                    break;
+                }
+                continue;
+            }
             uint32_t word = 0;
             size_t used = 0;
-            if (available >= 9 && line[8] == '\n' && eightDigits(line, &word))
-                used = 9;
+            if (available >= pxlod::LineSize && line[8] == '\n' && pxlod::eightDigits(line, &word))
+                used = pxlod::LineSize;
             else if ((used = plainLine(line, available, &word)) == 0)
                 break;
-            m_position += used;
-            if (!take(word)) {
+            a.position += used;
+            if (!sink.put(word)) {
                 ended = true;
                 break;
             }
         }
-        // Back over what was read ahead: the stream's buffer usually still holds it.
-        fseeko(m_stream, -off_t(m_length - m_position), SEEK_CUR);
+        if (!ended || !a.keep)
+            giveBack();
         return ended;
     }
 
-private:
+    // Puts the stream back at the first byte read ahead and not used (the stream's buffer
+    // usually still holds it) and forgets the rest.
+    void giveBack()
+    {
+        if (!m_ahead.held())
+            return;
+        fseeko(m_stream, -off_t(m_ahead.length - m_ahead.position), SEEK_CUR);
+        m_ahead.position = m_ahead.length = 0;
+        m_ahead.atEnd = false;
+    }
+
     // Small blocks: what a run reads ahead of its last line is given back with a seek within
     // the stream's own buffer, which a larger read would more often have refilled past it.
     static constexpr size_t BlockSize = 4 * 1024;
-    static constexpr size_t LongestLine = 17; // 16 digits and the LF
+
+private:
+    // Bytes kept in view ahead of the next line: what convertLines takes at once, and at least
+    // the longest plain line (16 digits and the LF).
+    static constexpr size_t Lookahead = pxlod::LineGroupBytes;
 
     // A plain line of any length at `line`: the bytes it takes (its LF included), or 0.
     size_t plainLine(const unsigned char* line, size_t available, uint32_t* word) const
@@ -282,27 +283,25 @@ private:
             return 0;
         if (n < available)
             return line[n] == '\n' ? n + 1 : 0;
-        return m_atEnd ? n : 0;
+        return m_ahead.atEnd ? n : 0;
     }
 
     void refill()
     {
-        const size_t rest = m_length - m_position;
-        std::memmove(m_buffer, m_buffer + m_position, rest);
-        m_position = 0;
-        m_length = rest;
-        while (m_length < BlockSize && !m_atEnd) {
-            const size_t n = fread_unlocked(m_buffer + m_length, 1, BlockSize - m_length, m_stream);
-            m_length += n;
-            m_atEnd = n == 0;
+        pxlod::ReadAhead& a = m_ahead;
+        const size_t rest = a.length - a.position;
+        std::memmove(a.data, a.data + a.position, rest);
+        a.position = 0;
+        a.length = rest;
+        while (a.length < a.size && !a.atEnd) {
+            const size_t n = fread_unlocked(a.data + a.length, 1, a.size - a.length, m_stream);
+            a.length += n;
+            a.atEnd = n == 0;
         }
     }
 
     FILE* m_stream;
-    unsigned char m_buffer[BlockSize];
-    size_t m_position = 0;
-    size_t m_length = 0;
-    bool m_atEnd = false;
+    pxlod::ReadAhead& m_ahead;
 };
 
 // Finds the next packet's address line, skipping blank lines and comments. Returns 0 with
@@ -349,20 +348,28 @@ int findAddress(FILE* stream, char* line, uint32_t* address, bool* found)
     }
 }
 
-// Reads the words of the packet whose lines start at the stream's position, handing each to
-// `take(word)` (which returns false to stop: memory is short or the count is full). The
-// packet ends before a blank line, an address line or the end of the file; comments in it
-// take no word. The stream is left at the start of the line after the last word: the line
+// Reads the words of the packet whose lines start at the stream's position into `sink`, which
+// says when to stop (memory is short or its count is full) and has:
+//   bool put(uint32_t word)          takes one word; false: stop after it
+//   uint32_t* space(size_t* room)    where up to *room further words may be written directly
+//                                    (*room 0 when none may)
+//   bool wrote(size_t n)             takes the n words written there; false: stop after them
+// The packet ends before a blank line, an address line or the end of the file; comments in
+// it take no word. The stream is left at the start of the line after the last word: the line
 // that ended the packet is given back (one character, or by seeking back over comments and
-// a CR LF blank line that were looked at). The caller holds the stream's lock.
-template <typename Take>
-void readPacket(FILE* stream, char* line, Take&& take)
+// a CR LF blank line that were looked at). A packet whose reading the sink stopped goes on
+// with another call, given the number of words taken from it so far and the same `ahead`,
+// which says where long runs of plain lines are read to. The caller holds the stream's lock.
+template <typename Sink>
+void readPacket(FILE* stream, char* line, Sink& sink, uint64_t wordsBefore, pxlod::ReadAhead& ahead)
 {
+    if (ahead.held() && BulkWords(stream, ahead).run(sink))
+        return;
     off_t lookedAtFrom = -1; // start of the lines read since the last word, when any
     // A packet that has gone on this long is likely long: its plain lines are then taken in
     // blocks, until a line needs this loop; after this many more words, in blocks again.
     constexpr unsigned BulkAfterWords = 256;
-    unsigned words = 0;
+    unsigned words = unsigned(std::min<uint64_t>(wordsBefore, BulkAfterWords - 1));
     for (;;) {
         const int c = getc_unlocked(stream);
         if (c == EOF)
@@ -385,11 +392,11 @@ void readPacket(FILE* stream, char* line, Take&& take)
             word = parseHex32(line, line + length);
         }
         lookedAtFrom = -1;
-        if (!take(word))
+        if (!sink.put(word))
             break;
         if (++words == BulkAfterWords) {
             words = 0;
-            if (BulkWords(stream).run(take))
+            if (BulkWords(stream, ahead).run(sink))
                 return;
         }
     }
@@ -413,13 +420,24 @@ public:
 
     int32_t count() const { return int32_t(m_count); }
 
-    // wordCount is 32-bit: a longer run ends the packet, and the next call reports the rest
-    // as a data line outside a packet. False also when memory is short (the word is lost).
-    bool append(uint32_t word)
+    // The reader's sink (see readPacket). wordCount is 32-bit: a longer run ends the packet,
+    // and the next call reports the rest as a data line outside a packet. put is false also
+    // when memory is short (the word is lost).
+    bool put(uint32_t word)
     {
         if (m_count == m_capacity && !grow())
             return false;
         m_words[m_count++] = word;
+        return m_count < size_t(INT32_MAX);
+    }
+    uint32_t* space(size_t* room)
+    {
+        *room = std::min(m_capacity, size_t(INT32_MAX)) - m_count;
+        return m_words + m_count;
+    }
+    bool wrote(size_t n)
+    {
+        m_count += n;
         return m_count < size_t(INT32_MAX);
     }
 
@@ -488,7 +506,9 @@ int nextPacketLocked(FILE* stream, LodPacket** packet)
     if (!found)
         return 0;
     WordBuffer words;
-    readPacket(stream, line, [&](uint32_t word) { return words.append(word); });
+    unsigned char block[BulkWords::BlockSize];
+    pxlod::ReadAhead ahead{block, sizeof block};
+    readPacket(stream, line, words, 0, ahead);
     bool failed = false;
     uint32_t* array = words.release(&failed);
     if (failed)
@@ -581,6 +601,29 @@ int countPacketWords(FILE* stream)
     return count;
 }
 
+namespace {
+
+// A sink for readPacket that only counts the words (up to the 32-bit limit of a packet).
+struct WordCounter
+{
+    uint64_t count = 0;
+    uint32_t scratch[pxlod::LineBatch];
+
+    bool put(uint32_t) { return ++count < uint64_t(INT32_MAX); }
+    uint32_t* space(size_t* room)
+    {
+        *room = size_t(std::min<uint64_t>(pxlod::LineBatch, INT32_MAX - count));
+        return scratch;
+    }
+    bool wrote(size_t n)
+    {
+        count += n;
+        return count < uint64_t(INT32_MAX);
+    }
+};
+
+} // namespace
+
 bool pxlod::countWords(const char* path, uint32_t skippedAddress, uint64_t* words)
 {
     *words = 0;
@@ -590,14 +633,84 @@ bool pxlod::countWords(const char* path, uint32_t skippedAddress, uint64_t* word
     FILE* stream = file->file;
     StreamLock lock(stream);
     char line[kLineBufferSize];
+    unsigned char block[BulkWords::BlockSize];
+    pxlod::ReadAhead ahead{block, sizeof block};
     for (;;) {
         uint32_t address = 0;
         bool found = false;
         if (findAddress(stream, line, &address, &found) != 0 || !found)
             return true;
-        uint64_t count = 0;
-        readPacket(stream, line, [&](uint32_t) { return ++count < uint64_t(INT32_MAX); });
+        WordCounter counter;
+        readPacket(stream, line, counter, 0, ahead);
         if (address != skippedAddress)
-            *words += count;
+            *words += counter.count;
     }
+}
+
+pxlod::PacketReader::PacketReader(const char* path)
+    : m_buffers(new (std::nothrow) unsigned char[StreamBufferSize + ReadAheadSize])
+{
+    if (!m_buffers)
+        return;
+    m_ahead.data = m_buffers.get() + StreamBufferSize;
+    m_ahead.size = ReadAheadSize;
+    m_ahead.keep = true;
+    m_file = std::fopen(path, "rb");
+    if (m_file)
+        setvbuf(m_file, reinterpret_cast<char*>(m_buffers.get()), _IOFBF, StreamBufferSize);
+}
+
+pxlod::PacketReader::~PacketReader()
+{
+    if (m_file)
+        std::fclose(m_file);
+}
+
+int pxlod::PacketReader::nextPacket(uint32_t* address, bool* found)
+{
+    *found = false;
+    uint32_t rest[1024];
+    while (!m_ended)
+        takeWords(rest, sizeof rest / sizeof rest[0]);
+    StreamLock lock(m_file);
+    BulkWords(m_file, m_ahead).giveBack();
+    if (findAddress(m_file, m_line, address, found) != 0)
+        return 1;
+    m_taken = 0;
+    m_ended = !*found;
+    return 0;
+}
+
+size_t pxlod::PacketReader::takeWords(uint32_t* words, size_t count)
+{
+    if (m_ended)
+        return 0;
+    // Fills words[0, count), stopping there or at the 32-bit limit of a packet.
+    struct Sink
+    {
+        uint32_t* words;
+        size_t room;
+        size_t n = 0;
+
+        bool put(uint32_t word)
+        {
+            words[n] = word;
+            return wrote(1);
+        }
+        uint32_t* space(size_t* free)
+        {
+            *free = room - n;
+            return words + n;
+        }
+        bool wrote(size_t written)
+        {
+            n += written;
+            return n < room;
+        }
+    } sink{words, size_t(std::min<uint64_t>(count, INT32_MAX - m_taken))};
+    StreamLock lock(m_file);
+    readPacket(m_file, m_line, sink, m_taken, m_ahead);
+    m_taken += sink.n;
+    m_ended = sink.n < count;
+    return sink.n;
 }
