@@ -17,11 +17,11 @@
 //   Events/*                        bursts of 1000 events raised by pipelined writes on a raw
 //                                   producer socket, taken by callback, waitEvent or signal;
 //                                   Raw counts the event frames on a socket of its own
-//   LoadVerify16MiB                 PXST_LoadLod with verification of a 16 MiB LOD image;
-//                                   Raw writes and reads back the same bytes
 //   Paired/*[/FastServer]           both raw clients and a library client call by call, on
 //                                   the simulator or the fast server; ratio to the faster raw
-//                                   (see bench_paired.cpp)
+//                                   (see bench_paired.cpp). Paired/LoadVerify16MiB: PXST_LoadLod
+//                                   with verification of a 16 MiB LOD image, the raw clients
+//                                   writing and reading back the same bytes
 //   Scale/*                         read32 and 1 MiB reads with 1-64 connections driven by
 //                                   as many threads, and 1-16 threads on one connection
 //

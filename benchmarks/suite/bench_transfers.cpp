@@ -1,11 +1,7 @@
-// Throughput of 1 MiB block reads and writes per client, masked reads through the C interface,
-// and a 16 MiB LOD load with verification against writing and reading back the same bytes.
+// Throughput of 1 MiB block reads and writes per client and of masked reads through the C
+// interface.
 
 #include "SuiteClients.h"
-
-#include "pellix/lod/LODFileLoader.h"
-
-#include <QTemporaryDir>
 
 #include <cstdio>
 #include <random>
@@ -130,62 +126,6 @@ void maskedApi(benchmark::State& state, bool full)
     state.SetBytesProcessed(int64_t(state.iterations()) * maskedSize());
 }
 
-constexpr unsigned int ImageAddress = 0x01000000u;
-
-struct LodImage
-{
-    QTemporaryDir dir;
-    QByteArray path;
-    std::vector<unsigned int> words;
-
-    LodImage() : words(size_t(smoke() ? 256u << 10 : 16u << 20) / 4)
-    {
-        for (size_t i = 0; i < words.size(); ++i)
-            words[i] = unsigned(i) * 2654435761u;
-        path = dir.filePath(QStringLiteral("image.lod")).toLocal8Bit();
-        FILE* file = std::fopen(path.constData(), "wb");
-        if (!file)
-            std::abort();
-        std::fprintf(file, "@%08X\n", ImageAddress);
-        for (unsigned int word : words)
-            std::fprintf(file, "%08X\n", word);
-        std::fclose(file);
-    }
-    int bytes() const { return int(words.size() * 4); }
-};
-
-LodImage& lodImage()
-{
-    static LodImage image;
-    return image;
-}
-
-// The polling raw client: the faster floor for a transfer of this size.
-void loadVerifyRaw(benchmark::State& state)
-{
-    LodImage& image = lodImage();
-    RawClient raw(RawClient::Wait::Poll);
-    std::vector<unsigned int> back(image.words.size());
-    for (auto _ : state) {
-        raw.writeBlock(ImageAddress, image.words.data(), image.bytes());
-        raw.readBlock(ImageAddress, back.data(), image.bytes());
-        if (back != image.words)
-            return state.SkipWithError("read-back differs");
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * image.bytes());
-}
-
-void loadVerifyApi(benchmark::State& state)
-{
-    LodImage& image = lodImage();
-    const int h = apiHandle();
-    for (auto _ : state) {
-        unsigned int failed = 0;
-        check(state, PXST_LoadLod(h, image.path.constData(), 1, &failed), "load");
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * image.bytes());
-}
-
 } // namespace
 
 void suite::registerTransfers()
@@ -207,7 +147,4 @@ void suite::registerTransfers()
             ->UseRealTime()
             ->Unit(benchmark::kMillisecond);
     }
-
-    throughput("LoadVerify16MiB/Raw", loadVerifyRaw);
-    throughput("LoadVerify16MiB/CApi", loadVerifyApi);
 }
