@@ -49,7 +49,8 @@ __attribute__((target("avx2"))) inline __m256i fourLines(const unsigned char* p)
 
 // Each character's digit value, and into `valid` whether it is a digit: c - '0' at most 9, or
 // c folded to lower case minus 'a' at most 5 (only 'A'-'F' and 'a'-'f' fold into that range).
-// Returns two digits a byte, the first one high, in the low byte of each 16-bit lane.
+// A digit's value is its low four bits, plus 9 for a letter. Returns two digits a 16-bit lane,
+// the first one high.
 __attribute__((target("avx2"))) inline __m256i digitPairs(__m256i c, __m256i* valid)
 {
     const __m256i d = _mm256_sub_epi8(c, _mm256_set1_epi8('0'));
@@ -58,11 +59,9 @@ __attribute__((target("avx2"))) inline __m256i digitPairs(__m256i c, __m256i* va
         _mm256_sub_epi8(_mm256_or_si256(c, _mm256_set1_epi8(0x20)), _mm256_set1_epi8('a'));
     const __m256i isLetter = _mm256_cmpeq_epi8(_mm256_min_epu8(l, _mm256_set1_epi8(5)), l);
     *valid = _mm256_and_si256(*valid, _mm256_or_si256(isDigit, isLetter));
-    const __m256i v =
-        _mm256_or_si256(_mm256_and_si256(isDigit, d),
-                        _mm256_and_si256(isLetter, _mm256_add_epi8(l, _mm256_set1_epi8(10))));
-    return _mm256_or_si256(_mm256_and_si256(_mm256_slli_epi16(v, 4), _mm256_set1_epi16(0xF0)),
-                           _mm256_srli_epi16(v, 8));
+    const __m256i v = _mm256_add_epi8(_mm256_and_si256(c, _mm256_set1_epi8(0x0F)),
+                                      _mm256_and_si256(isLetter, _mm256_set1_epi8(9)));
+    return _mm256_maddubs_epi16(v, _mm256_set1_epi16(0x0110)); // 16 x first + second
 }
 
 __attribute__((target("avx2"))) size_t convertAvx2(const unsigned char* p, size_t lines,
