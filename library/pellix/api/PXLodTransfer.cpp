@@ -174,8 +174,14 @@ private:
     bool m_ended = false;
 };
 
-// Writes the packet just found at `address`, a block call per transfer.chunk bytes.
-unsigned int writePacket(int handle, PacketWindow& window, uint32_t address, Transfer& transfer)
+// The block calls over the packet just found: one per transfer.chunk bytes (at least one, so
+// that an empty packet costs one), each resolving the handle and calling
+// `request(connection, offset, left)` until its bytes are done (one request at `offset` of at
+// most `left` bytes, moving `offset` past it; non-zero ends the transfer with that), then
+// `callDone()` (non-zero ends it too), then telling the progress.
+template <typename Request, typename CallDone>
+unsigned int forEachBlockCall(int handle, PacketWindow& window, Transfer& transfer,
+                              Request&& request, CallDone&& callDone)
 {
     uint64_t offset = 0;
     window.fill(0, 0);
@@ -183,69 +189,71 @@ unsigned int writePacket(int handle, PacketWindow& window, uint32_t address, Tra
         const uint64_t start = offset;
         const uint64_t limit = offset + transfer.chunk;
         const unsigned int result = pxapi::withConnection(handle, [&](PXConnection& c) {
-            while (const uint64_t left = window.remaining(offset, limit)) {
-                const int size = pxrange::nextWriteSize(qint64(left));
-                auto readAhead = [&] { window.fill(offset + size, offset + size); };
-                const pxconn::WhileWaiting meanwhile(readAhead);
-                if (const unsigned int written = c.genericWrite(address + uint32_t(offset), false,
-                                                                window.data(offset), size))
-                    return written;
-                offset += unsigned(size);
-                window.fill(offset, offset);
-            }
+            while (const uint64_t left = window.remaining(offset, limit))
+                if (const unsigned int failed = request(c, offset, left))
+                    return failed;
             return unsigned(PXST_RESULT_OK);
         });
         if (result != PXST_RESULT_OK)
             return result;
+        if (const unsigned int done = callDone())
+            return done;
         if (!transfer.advance(unsigned(offset - start)))
             return PXST_RESULT_CANCELLED;
     } while (window.goesOn(offset));
     return PXST_RESULT_OK;
 }
 
-// Compares the packet just found at `address` with the target's memory, a block call per
-// transfer.chunk bytes. A block call reads all its bytes before a difference counts.
+// Writes the packet just found at `address`.
+unsigned int writePacket(int handle, PacketWindow& window, uint32_t address, Transfer& transfer)
+{
+    const auto write = [&](PXConnection& c, uint64_t& offset, uint64_t left) -> unsigned int {
+        const int size = pxrange::nextWriteSize(qint64(left));
+        auto readAhead = [&] { window.fill(offset + size, offset + size); };
+        const pxconn::WhileWaiting meanwhile(readAhead);
+        if (const unsigned int written =
+                c.genericWrite(address + uint32_t(offset), false, window.data(offset), size))
+            return written;
+        offset += unsigned(size);
+        window.fill(offset, offset);
+        return PXST_RESULT_OK;
+    };
+    return forEachBlockCall(handle, window, transfer, write,
+                            [] { return unsigned(PXST_RESULT_OK); });
+}
+
+// Compares the packet just found at `address` with the target's memory. A block call reads
+// all its bytes before a difference counts.
 unsigned int verifyPacket(int handle, PacketWindow& window, uint32_t address, Transfer& transfer,
                           unsigned char* readBack, unsigned int* failAddress)
 {
-    uint64_t offset = 0;
-    window.fill(0, 0);
-    do {
-        const uint64_t start = offset;
-        const uint64_t limit = offset + transfer.chunk;
-        bool differs = false;
-        uint64_t firstDifference = 0;
-        const unsigned int result = pxapi::withConnection(handle, [&](PXConnection& c) {
-            while (const uint64_t left = window.remaining(offset, limit)) {
-                const uint32_t at = address + uint32_t(offset);
-                const int size = pxrange::nextReadSize(at, qint64(left));
-                auto readAhead = [&] { window.fill(offset, offset + size); };
-                const pxconn::WhileWaiting meanwhile(readAhead);
-                if (const unsigned int read = c.genericRead(at, false, readBack, size))
-                    return read;
-                window.fill(offset, offset + size);
-                const unsigned char* expected = window.data(offset);
-                if (!differs && std::memcmp(readBack, expected, size_t(size)) != 0) {
-                    differs = true;
-                    firstDifference = offset;
-                    while (readBack[firstDifference - offset] == expected[firstDifference - offset])
-                        ++firstDifference;
-                }
-                offset += unsigned(size);
-            }
-            return unsigned(PXST_RESULT_OK);
-        });
-        if (result != PXST_RESULT_OK)
+    bool differs = false;
+    uint64_t firstDifference = 0;
+    const auto read = [&](PXConnection& c, uint64_t& offset, uint64_t left) -> unsigned int {
+        const uint32_t at = address + uint32_t(offset);
+        const int size = pxrange::nextReadSize(at, qint64(left));
+        auto readAhead = [&] { window.fill(offset, offset + size); };
+        const pxconn::WhileWaiting meanwhile(readAhead);
+        if (const unsigned int result = c.genericRead(at, false, readBack, size))
             return result;
-        if (differs) {
-            if (failAddress != nullptr)
-                *failAddress = address + uint32_t(firstDifference & ~uint64_t(3));
-            return PXST_RESULT_MISMATCH;
+        window.fill(offset, offset + size);
+        const unsigned char* expected = window.data(offset);
+        if (!differs && std::memcmp(readBack, expected, size_t(size)) != 0) {
+            differs = true;
+            firstDifference = offset;
+            while (readBack[firstDifference - offset] == expected[firstDifference - offset])
+                ++firstDifference;
         }
-        if (!transfer.advance(unsigned(offset - start)))
-            return PXST_RESULT_CANCELLED;
-    } while (window.goesOn(offset));
-    return PXST_RESULT_OK;
+        offset += unsigned(size);
+        return PXST_RESULT_OK;
+    };
+    return forEachBlockCall(handle, window, transfer, read, [&]() -> unsigned int {
+        if (!differs)
+            return PXST_RESULT_OK;
+        if (failAddress != nullptr)
+            *failAddress = address + uint32_t(firstDifference & ~uint64_t(3));
+        return PXST_RESULT_MISMATCH;
+    });
 }
 
 // Calls `packet(address)` for every packet of the file that is not skipped, in file order,
