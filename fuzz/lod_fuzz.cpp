@@ -1,20 +1,25 @@
 // The LOD reader on arbitrary file contents: LOD_Open on an in-memory file holding the input,
 // LOD_NextLodPacket until the end or result 1. Every packet read must come back unchanged
 // when written with LOD_DumpPacketLodFormat and read again, and its binary dump must be
-// exactly its words.
+// exactly its words. The reader of the LOD transfers (pxlod::PacketReader), taking each
+// packet in pieces of sizes drawn from the input and leaving some packets half read, must
+// find the same packets, words and ending, and pxlod::countWords the same number of words.
 
 #include "FuzzPeer.h"
 
 #include "pellix/lod/LODFileLoader.h"
+#include "pellix/lod/LODReader_p.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -76,6 +81,54 @@ void checkRoundTrip(LodPacket* packet)
     std::free(binary);
 }
 
+struct Packet
+{
+    uint32_t address;
+    std::vector<uint32_t> words;
+};
+
+// The packets `expected` (then the end, or a data line outside a packet when `stray`) read
+// again by PacketReader in pieces.
+void checkPieces(const std::string& path, const std::vector<Packet>& expected, bool stray,
+                 uint32_t seed)
+{
+    pxlod::PacketReader reader(path.c_str());
+    if (!reader.isOpen())
+        fail("PacketReader cannot open");
+    const auto nextRandom = [&seed] {
+        seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5;
+        return seed;
+    };
+    for (size_t i = 0;; ++i) {
+        uint32_t address = 0;
+        bool found = false;
+        const int result = reader.nextPacket(&address, &found);
+        if (result != 0 || !found) {
+            if (i != expected.size() || (result == 1) != stray || result > 1)
+                fail("PacketReader ends differently");
+            return;
+        }
+        if (i >= expected.size() || address != expected[i].address)
+            fail("PacketReader finds another packet");
+        const bool halfRead = nextRandom() % 4 == 0;
+        std::vector<uint32_t> words;
+        for (;;) {
+            // Pieces of 1 to 20000 words, most of them small.
+            const size_t want = 1 + (nextRandom() % 2 ? nextRandom() % 20 : nextRandom() % 20000);
+            const size_t had = words.size();
+            words.resize(had + want);
+            const size_t taken = reader.takeWords(words.data() + had, want);
+            words.resize(had + taken);
+            if (taken < want || halfRead)
+                break;
+        }
+        const std::vector<uint32_t>& all = expected[i].words;
+        if (words.size() > all.size() || (!halfRead && words.size() != all.size()) ||
+            !std::equal(words.begin(), words.end(), all.begin()))
+            fail("PacketReader reads other words");
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -87,12 +140,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // A file of n bytes holds at most n / 2 + 1 packets (each needs "@" and a line end).
     const size_t limit = size / 2 + 2;
     size_t packets = 0;
+    std::vector<Packet> seen;
+    bool stray = false;
     for (;;) {
         LodPacket* packet = reinterpret_cast<LodPacket*>(uintptr_t(1));
         const int result = LOD_NextLodPacket(lod, &packet);
         if (result == 1) {
             if (packet)
                 fail("result 1 with a packet");
+            stray = true;
             break;
         }
         if (result != 0)
@@ -103,10 +159,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             size_t(packet->wordCount) > size)
             fail("packet shape");
         checkRoundTrip(packet);
+        seen.push_back({packet->address,
+                        std::vector<uint32_t>(packet->words, packet->words + packet->wordCount)});
         LOD_FreeLodPacket(packet);
         if (++packets > limit)
             fail("more packets than the file can hold");
     }
     LOD_Close(lod);
+
+    uint32_t seed = 2463534242u;
+    for (size_t i = 0; i < size && i < 8; ++i)
+        seed = seed * 31u + data[i];
+    checkPieces(file.path, seen, stray, seed | 1u);
+    constexpr uint32_t Skipped = 0xF0000000u;
+    uint64_t counted = 0, words = 0;
+    for (const Packet& packet : seen)
+        words += packet.address == Skipped ? 0 : packet.words.size();
+    if (!pxlod::countWords(file.path.c_str(), Skipped, &counted) || counted != words)
+        fail("countWords counts differently");
     return 0;
 }
