@@ -19,10 +19,8 @@
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: %s <port>\n", argv[0]);
+    if (argc < 2)
         return 2;
-    }
     QElapsedTimer timer;
     timer.start();
     int handle = 0;
