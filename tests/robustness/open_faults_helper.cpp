@@ -19,10 +19,8 @@
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: %s <port>\n", argv[0]);
+    if (argc < 2)
         return 2;
-    }
     QElapsedTimer timer;
     timer.start();
     int handle = 0;
@@ -31,10 +29,9 @@ int main(int argc, char** argv)
     // An exited child that nobody waited for; WNOWAIT leaves it as it is.
     siginfo_t info{};
     const int zombies = waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid;
-    if (result == PXST_RESULT_OK) {
-        PXST_KillPellix(handle);
-        PXST_Close(handle);
-    }
+    // Stops a server it reached; on handle -1 both calls just return 3.
+    PXST_KillPellix(handle);
+    PXST_Close(handle);
     std::printf("result %u handle %d elapsed %lld zombies %d\n", result, handle, elapsed, zombies);
     return 0;
 }

@@ -15,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 namespace {
 
 struct OpenCase
@@ -24,8 +26,7 @@ struct OpenCase
     bool executable;
     int port;
     unsigned int result;
-    int minMs;
-    int maxMs;
+    int minMs, maxMs; // how long PXST_Open must take
 };
 
 void PrintTo(const OpenCase& c, std::ostream* out)
@@ -47,8 +48,7 @@ std::string processesMentioning(const QStringList& texts)
     return found.toStdString();
 }
 
-class OpenFault : public ::testing::TestWithParam<OpenCase>
-{};
+using OpenFault = ::testing::TestWithParam<OpenCase>;
 
 } // namespace
 
@@ -58,19 +58,16 @@ TEST_P(OpenFault, RightResultAndNothingLeftBehind)
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
     const QString helper = dir.filePath(QStringLiteral("open_faults_helper"));
-    ASSERT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/open_faults_helper", helper));
     const auto executable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+    ASSERT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/open_faults_helper", helper));
     ASSERT_TRUE(QFile::setPermissions(helper, executable));
-
+    const QString script = dir.filePath(QStringLiteral("pellix"));
     if (c.script) {
-        QFile script(dir.filePath(QStringLiteral("pellix")));
-        ASSERT_TRUE(script.open(QIODevice::WriteOnly));
-        script.write(QString::fromLatin1(c.script)
-                         .replace("%1", SimulatorProcess::binaryFolder())
-                         .toLocal8Bit());
-        script.close();
-        ASSERT_TRUE(script.setPermissions(c.executable ? executable
-                                                       : QFile::ReadOwner | QFile::WriteOwner));
+        std::ofstream(script.toStdString()) << QString::fromLatin1(c.script)
+                                                   .replace("%1", SimulatorProcess::binaryFolder())
+                                                   .toStdString();
+        ASSERT_TRUE(QFile::setPermissions(
+            script, c.executable ? executable : QFile::ReadOwner | QFile::WriteOwner));
     }
 
     QProcess process;
@@ -102,4 +99,4 @@ INSTANTIATE_TEST_SUITE_P(
                       OpenCase{"ListensAfterNineSeconds",
                                "#!/bin/sh\nsleep 9\nexec '%1/pellix' \"$@\"\n", true, 304, 0, 9000,
                                15000}),
-    [](const ::testing::TestParamInfo<OpenCase>& p) { return std::string(p.param.name); });
+    [](const auto& p) { return std::string(p.param.name); });
