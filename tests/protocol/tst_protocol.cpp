@@ -207,17 +207,21 @@ TEST_F(Parser, PartialFrameOlderThanTwoSecondsIsDiscarded)
     QStringList stale;
     for (const char* byte : {"bb", "00", "02", "7e"})
         stale << QStringLiteral("Check data interval drop bytes: ") + QLatin1String(byte);
-    // The gap, the next feed (also an empty one), the log lines and the packet.
+    // The gap, the next feed (nullptr: an empty one), the log lines and the packet.
     const std::tuple<int, const char*, QStringList, const char*> cases[] = {
         {1999, "01 02", {}, "BB 00 02 7E 01 02"},
         {2000, "01 02", stale + QStringList{"Drop Byte: 01", "Drop Byte: 02"}, ""},
-        {2000, "", stale, ""}};
+        {2000, nullptr, stale, ""}};
     for (const auto& [gap, next, logs, packet] : cases) {
         feed("BB 00 02 7E");
         gNow += gap;
-        feed(next);
-        EXPECT_EQ(parser.logs(), logs) << gap;
-        EXPECT_EQ(parser.getPacket(false), hex(packet)) << gap;
+        if (next)
+            feed(next);
+        else
+            parser.feedData(nullptr, 0);
+        const std::string row = std::to_string(gap) + " then " + (next ? next : "nullptr");
+        EXPECT_EQ(parser.logs(), logs) << row;
+        EXPECT_EQ(parser.getPacket(false), hex(packet)) << row;
         EXPECT_EQ(parser.bufferedSize(), 0);
     }
 
@@ -232,8 +236,10 @@ TEST_F(Parser, PartialFrameOlderThanTwoSecondsIsDiscarded)
 TEST_F(Parser, ChangeTypeEmptiesBufferSwitchesStartByteAndRejectsInvalidTypes)
 {
     feed("BB 00 05 7F 00");
+    parser.changeType(PXParser::ServerFrames);
+    EXPECT_EQ(parser.bufferedSize(), 0);
     parser.changeType(PXParser::DebugPackets);
-    feed("BB AD 00 00 01"); // the BB is dropped only if the buffer was emptied
+    feed("BB AD 00 00 01");
     EXPECT_EQ(parser.logs(), (QStringList{"Drop Byte: bb"}));
     EXPECT_EQ(parser.getPacket(false), hex("AD 00 00 01"));
 
