@@ -165,7 +165,8 @@ TEST_F(Parser, FramesSplitAnywhereComeOutWholeAtTheirLastByte)
     }
 }
 
-// (A start byte inside a payload: FramesSplitAnywhereComeOutWholeAtTheirLastByte.)
+// (A start byte inside a payload is not special, frames are cut by their length: see
+// FramesSplitAnywhereComeOutWholeAtTheirLastByte.)
 TEST_F(Parser, DropsLeadingBytesAndResynchronisesWithOneLineEach)
 {
     feed("01 02 BB 00 00 80 7E 01 BB 00 00 00");
