@@ -13,9 +13,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <sstream>
 #include <string>
@@ -30,10 +28,7 @@ using Packet = std::pair<uint32_t, std::vector<uint32_t>>;
 
 std::string repeat(const std::string& text, int times)
 {
-    std::string out;
-    while (times-- > 0)
-        out += text;
-    return out;
+    return QByteArray::fromStdString(text).repeated(times).toStdString();
 }
 
 std::vector<uint32_t> operator+(std::vector<uint32_t> words, uint32_t last)
@@ -54,23 +49,26 @@ struct Outcome
 class LodFileTest : public ::testing::Test
 {
 protected:
+    std::string newPath() { return m_dir.filePath(QString::number(m_files++)).toStdString(); }
+
     std::string write(const std::string& bytes)
     {
-        const std::string path = m_dir.filePath(QString::number(m_files++)).toStdString();
+        const std::string path = newPath();
         std::ofstream(path, std::ios::binary) << bytes;
         return path;
     }
 
-    static std::string contents(const std::string& path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-
-    // Reads the whole file with the library's reader.
-    static Outcome readAll(const std::string& path)
+    // Reads `text` whole with the library's reader, from a file or through a pipe (a stream
+    // that cannot seek).
+    Outcome read(const std::string& text, bool pipe = false)
     {
         Outcome out;
+        const std::string path = pipe ? newPath() : write(text);
+        std::thread writer;
+        if (pipe) {
+            EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+            writer = std::thread([&] { std::ofstream(path, std::ios::binary) << text; });
+        }
         LodFile* file = LOD_Open(path.c_str());
         EXPECT_NE(file, nullptr) << "cannot open " << path;
         while (file) {
@@ -85,6 +83,8 @@ protected:
             LOD_FreeLodPacket(packet);
         }
         LOD_Close(file);
+        if (writer.joinable())
+            writer.join();
         return out;
     }
 
@@ -92,15 +92,12 @@ protected:
     int m_files = 0;
 };
 
-TEST_F(LodFileTest, ReadsFilesWithLfAndCrLf)
+// Each file with LF, with CR LF, and with LF through a pipe: a stream that cannot seek is read a
+// character at a time, long packets too, so that nothing read ahead is lost.
+TEST_F(LodFileTest, ReadsFilesWithLfAndCrLfAndFromPipes)
 {
-    const struct
-    {
-        const char* name;
-        std::string text;
-        std::vector<Packet> packets;
-        int lastResult;
-    } cases[] = {
+    // The name, the text, the packets and the result of the last call.
+    const std::tuple<const char*, std::string, std::vector<Packet>, int> cases[] = {
         // clang-format off
         // A data line outside a packet ends the file; the packets before it are kept.
         {"blank line ends packet, stray data", "@100\n1\n\n2\n", {{0x100, {1}}}, 1},
@@ -117,16 +114,19 @@ TEST_F(LodFileTest, ReadsFilesWithLfAndCrLf)
         // Long packets are read in blocks after their first lines.
         {"long packet, last line without end", "@10\n" + repeat("1\n", 300) + "5", {{0x10, std::vector<uint32_t>(300, 1) + 5}}, 0},
         {"long packet, stray data", "@0\n" + repeat("7\n", 300) + "\n7\n", {{0, std::vector<uint32_t>(300, 7)}}, 1},
+        {"long packet of eight-digit lines", "@10\n" + repeat("0123cdEF\n", 3000) + "\n@20\n7\n",
+         {{0x10, std::vector<uint32_t>(3000, 0x0123CDEF)}, {0x20, {7}}}, 0},
         // clang-format on
     };
-    for (const auto& c : cases) {
-        for (bool crlf : {false, true}) {
-            SCOPED_TRACE(std::string(c.name) + (crlf ? " (CR LF)" : " (LF)"));
-            const Outcome got = readAll(write(QByteArray::fromStdString(c.text)
-                                                  .replace("\n", crlf ? "\r\n" : "\n")
-                                                  .toStdString()));
-            EXPECT_EQ(got.packets, c.packets);
-            EXPECT_EQ(got.lastResult, c.lastResult);
+    for (const auto& [name, text, packets, lastResult] : cases) {
+        for (const std::string form : {"LF", "CR LF", "pipe"}) {
+            SCOPED_TRACE(name + (" (" + form + ")"));
+            const Outcome got = read(QByteArray::fromStdString(text)
+                                         .replace("\n", form == "CR LF" ? "\r\n" : "\n")
+                                         .toStdString(),
+                                     form == "pipe");
+            EXPECT_EQ(got.packets, packets);
+            EXPECT_EQ(got.lastResult, lastResult);
         }
     }
     EXPECT_EQ(LOD_Open(m_dir.filePath("missing").toUtf8().constData()), nullptr);
@@ -159,7 +159,7 @@ TEST_F(LodFileTest, NumbersReadLikeStrtoul)
             text += repeat("0123cdEF\n", 300) + line + '\n';
         }
     }
-    const Outcome got = readAll(write(text));
+    const Outcome got = read(text);
     ASSERT_EQ(got.packets.size(), 1u);
     std::istringstream lines(text.substr(3));
     std::vector<uint32_t> expected;
@@ -173,37 +173,21 @@ TEST_F(LodFileTest, NumbersReadLikeStrtoul)
 // crosses a buffer refill).
 TEST_F(LodFileTest, StreamStandsAfterTheLastWordBetweenCalls)
 {
-    Outcome got = readAll(write("@1\n1\n#c\n\n@2\n# x\n@3\n"));
-    EXPECT_EQ(got.packets, (std::vector<Packet>{{1, {1}}, {2, {}}, {3, {}}}));
-    EXPECT_EQ(got.positions, (std::vector<long>{5, 12, 19, 19}));
-    std::string text = "@10\n1\n2\n";
-    while (text.size() < 300 * 1024)
-        text += "# " + std::string(1000, 'c') + "\n";
-    text += "\n@20\n3\n";
-    got = readAll(write(text));
-    EXPECT_EQ(got.packets, (std::vector<Packet>{{0x10, {1, 2}}, {0x20, {3}}}));
-    EXPECT_EQ(got.positions, (std::vector<long>{8, long(text.size()), long(text.size())}));
-    // A long packet, read in blocks: the same.
-    text = "@10\n" + repeat("2\n", 1000);
-    got = readAll(write(text + "#c\n\n@20\n"));
-    EXPECT_EQ(got.packets,
-              (std::vector<Packet>{{0x10, std::vector<uint32_t>(1000, 2)}, {0x20, {}}}));
-    EXPECT_EQ(got.positions,
-              (std::vector<long>{long(text.size()), long(text.size()) + 8, long(text.size()) + 8}));
-}
-
-// A stream that cannot seek (a pipe) is read a character at a time, long packets too: nothing
-// read ahead is lost.
-TEST_F(LodFileTest, PipesAreReadWhole)
-{
-    const std::string path = m_dir.filePath("pipe").toStdString();
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    const std::string text = "@10\n" + repeat("0123cdEF\n", 3000) + "\n@20\n7\n";
-    std::thread writer([&] { std::ofstream(path, std::ios::binary) << text; });
-    const Outcome got = readAll(path);
-    writer.join();
-    EXPECT_EQ(got.packets,
-              (std::vector<Packet>{{0x10, std::vector<uint32_t>(3000, 0x0123CDEF)}, {0x20, {7}}}));
+    const std::string comments = repeat("# " + std::string(1000, 'c') + "\n", 307); // > 300 KiB
+    const long after = long(comments.size()) + 15;
+    // The text, the packets and the stream position after each call. The last is a long
+    // packet, read in blocks.
+    const std::tuple<std::string, std::vector<Packet>, std::vector<long>> cases[] = {
+        {"@1\n1\n#c\n\n@2\n# x\n@3\n", {{1, {1}}, {2, {}}, {3, {}}}, {5, 12, 19, 19}},
+        {"@10\n1\n2\n" + comments + "\n@20\n3\n", {{0x10, {1, 2}}, {0x20, {3}}}, {8, after, after}},
+        {"@10\n" + repeat("2\n", 1000) + "#c\n\n@20\n",
+         {{0x10, std::vector<uint32_t>(1000, 2)}, {0x20, {}}},
+         {2004, 2012, 2012}}};
+    for (const auto& [text, packets, positions] : cases) {
+        const Outcome got = read(text);
+        EXPECT_EQ(got.packets, packets);
+        EXPECT_EQ(got.positions, positions);
+    }
 }
 
 // fgetl with a small buffer, and countPacketWords (its full-size buffer) after the first line.
@@ -252,21 +236,23 @@ TEST_F(LodFileTest, DumpsAreByteExactAndReadBack)
     for (int i = 0; i < big->wordCount; ++i)
         big->words[i] = uint32_t(i) * 2654435761u + 1;
     const auto dump = [&](void (*dumper)(FILE*, LodPacket*)) {
-        const std::string path = write("");
-        FILE* file = std::fopen(path.c_str(), "wb");
+        char* data = nullptr;
+        size_t size = 0;
+        FILE* file = open_memstream(&data, &size);
         for (LodPacket* packet : {big, noWords, &negative})
             dumper(file, packet);
         std::fclose(file);
-        return path;
+        const std::string out(data, size);
+        std::free(data);
+        return out;
     };
-    const std::string lod = dump(LOD_DumpPacketLodFormat);
-    const std::string text = contents(lod);
+    const std::string text = dump(LOD_DumpPacketLodFormat);
     EXPECT_EQ(text.substr(0, 28), "@20000000\n00000001\n9E3779B2\n");
     EXPECT_EQ(text.substr(text.size() - 21), "\n@000000AB\n@FFFFFFFF\n");
-    EXPECT_EQ(readAll(lod).packets,
+    EXPECT_EQ(read(text).packets,
               (std::vector<Packet>{
                   {0x20000000, {big->words, big->words + 1300}}, {0xAB, {}}, {0xFFFFFFFF, {}}}));
-    EXPECT_EQ(contents(dump(LOD_DumpPacketBinaryFormat)),
+    EXPECT_EQ(dump(LOD_DumpPacketBinaryFormat),
               std::string(reinterpret_cast<const char*>(big->words), 1300 * 4));
     LOD_FreeLodPacket(big);
     LOD_FreeLodPacket(noWords);
@@ -285,7 +271,6 @@ TEST(LodLines, GroupsConvertExactlyThePlainEightDigitLines)
         std::snprintf(line, sizeof line, i % 2 ? "%08x\n" : "%08X\n", (i + 1) * 0x9E3779B1u);
         text += line;
     }
-    const auto hexDigit = [](char c) { return c != 0 && std::strchr("0123456789abcdefABCDEF", c); };
     using Convert = size_t (*)(const unsigned char*, size_t, uint32_t*, size_t);
     for (const Convert convert : {pxlod::convertLines, pxlod::convertLinesPortable}) {
         for (size_t place = 0; place < pxlod::LineGroupBytes; ++place) {
@@ -295,18 +280,18 @@ TEST(LodLines, GroupsConvertExactlyThePlainEightDigitLines)
                 bool plain = true;
                 std::vector<uint32_t> expected;
                 for (size_t at = 0; at < changed.size(); at += pxlod::LineSize) {
-                    for (size_t k = 0; k < 8; ++k)
-                        plain = plain && hexDigit(changed[at + k]);
-                    plain = plain && changed[at + 8] == '\n';
+                    plain = plain &&
+                            changed.find_first_not_of("0123456789abcdefABCDEF", at) == at + 8 &&
+                            changed[at + 8] == '\n';
                     expected.push_back(
                         uint32_t(std::strtoul(changed.substr(at, 8).c_str(), nullptr, 16)));
                 }
                 uint32_t words[pxlod::LineBatch] = {};
                 const size_t lines = convert(reinterpret_cast<const unsigned char*>(changed.data()),
                                              changed.size(), words, pxlod::LineBatch);
-                ASSERT_EQ(lines, plain ? expected.size() : 0u) << place << ' ' << byte;
-                for (size_t i = 0; i < lines; ++i)
-                    ASSERT_EQ(words[i], expected[i]) << place << ' ' << byte << ' ' << i;
+                ASSERT_EQ(std::vector<uint32_t>(words, words + lines),
+                          plain ? expected : std::vector<uint32_t>())
+                    << place << ' ' << byte;
             }
         }
         // Whole groups only: within the room given and the bytes there.

@@ -12,7 +12,7 @@
 #include <ostream>
 #include <string>
 #include <tuple>
-#include <vector>
+#include <utility>
 
 // Lets gtest print byte arrays as hexadecimal in failure messages.
 QT_BEGIN_NAMESPACE
@@ -85,10 +85,8 @@ TEST(Frames, AreByteExact)
     // clang-format on
     for (const auto& [built, expected] : cases)
         EXPECT_EQ(built, hex(expected)) << expected;
-}
 
-TEST(Frames, LargestFramesKeepTheirLengthFields)
-{
+    // The largest frames keep their length fields.
     const QByteArray data(MaxBypassData, '\x5A');
     const QByteArray send = bypassSend(0x01, data.constData(), int(data.size()));
     ASSERT_EQ(send.size(), MaxFrameSize);
@@ -123,42 +121,31 @@ protected:
 
     void feed(const char* hexText) { parser.feedData(hex(hexText)); }
 
-    // Every packet that getPacket hands out until it returns an empty array.
-    QList<QByteArray> drain()
-    {
-        QList<QByteArray> out;
-        for (QByteArray packet; !(packet = parser.getPacket(false)).isEmpty();)
-            out << packet;
-        return out;
-    }
-
     PXParser parser;
 };
 
 // getPacket and nextPacket (in place) fed the same pieces: whole at every split point and
 // byte by byte, with bytes to drop before and between frames and a start byte inside a
-// payload. Both hand out the same packets and log lines, each frame whole and exactly when
-// its last byte has come. (getPacket(true) against nextPacket: parser_fuzz.)
+// payload (frames are cut by their length). Both hand out the same packets and log lines, each
+// frame whole and exactly when its last byte has come. Escaped streams are not served in place
+// (see ReplyNearTheFrontIsReleasedAtOnce). (getPacket(true) against nextPacket: parser_fuzz.)
 TEST_F(Parser, FramesSplitAnywhereComeOutWholeAtTheirLastByte)
 {
     const QList<QByteArray> frames = {pxproto::ping(), pxproto::readData(0x10, "\xBB\x00", 2),
                                       pxproto::event(7)};
     const QByteArray stream = hex("01") + frames[0] + hex("7E") + frames[1] + frames[2];
     const int ends[] = {5, 16, 25}; // where each frame ends in the stream
-    QList<QList<QByteArray>> feeds; // every split in two, then byte by byte
-    for (int split = 0; split <= stream.size(); ++split)
-        feeds.append({stream.left(split), stream.mid(split)});
-    feeds.append(QList<QByteArray>());
-    for (char c : stream)
-        feeds.back().append(QByteArray(1, c));
-    for (const QList<QByteArray>& pieces : feeds) {
-        SCOPED_TRACE(testing::Message() << pieces.size() << " pieces, first " << pieces[0].size());
+    // Two pieces split at `split`, and (split past the end) byte by byte.
+    for (int split = 0; split <= stream.size() + 1; ++split) {
+        SCOPED_TRACE(split);
+        const int step = split > stream.size() ? 1 : int(stream.size());
         PXParser copied;
         parser.reset();
         QList<QByteArray> want, got;
         QStringList wantLogs, gotLogs;
-        int fed = 0, size = -1;
-        for (const QByteArray& piece : pieces) {
+        int size = -1;
+        for (int fed = 0, length = std::min(split, step); fed < stream.size(); length = step) {
+            const QByteArray piece = stream.mid(fed, length);
             copied.feedData(piece);
             parser.feedData(piece);
             wantLogs += copied.logs();
@@ -176,24 +163,15 @@ TEST_F(Parser, FramesSplitAnywhereComeOutWholeAtTheirLastByte)
         EXPECT_EQ(gotLogs, wantLogs);
         EXPECT_EQ(wantLogs.size(), 2);
     }
-    // Escaped streams are not served in place.
-    use(PXParser::EscapedDebugStream);
-    parser.feedData(debugReply(1));
-    int size = -1;
-    EXPECT_EQ(parser.nextPacket(&size), nullptr);
-    EXPECT_EQ(size, 0);
-    EXPECT_EQ(parser.getPacket(false), debugReply(1));
 }
 
+// (A start byte inside a payload is not special, frames are cut by their length: see
+// FramesSplitAnywhereComeOutWholeAtTheirLastByte.)
 TEST_F(Parser, DropsLeadingBytesAndResynchronisesWithOneLineEach)
 {
-    feed("01 02 BB 00 00 80");
+    feed("01 02 BB 00 00 80 7E 01 BB 00 00 00");
     EXPECT_EQ(parser.logs(), (QStringList{"Drop Byte: 01", "Drop Byte: 02"}));
     EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 80"));
-    EXPECT_TRUE(parser.logs().isEmpty());
-    // A start byte inside a payload is not special: frames are cut by length.
-    feed("BB 00 01 80 BB 7E 01 BB 00 00 00");
-    EXPECT_EQ(parser.getPacket(false), hex("BB 00 01 80 BB"));
     EXPECT_EQ(parser.logs(), (QStringList{"Resync drop bytes: 7e", "Resync drop bytes: 01"}));
     EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 00"));
     EXPECT_TRUE(parser.logs().isEmpty());
@@ -206,47 +184,47 @@ TEST_F(Parser, SharedArraysAreNotAffectedByTheOtherSide)
     QByteArray owned = hex("01 BB 00 01 80 AA BB 00");
     parser.feedData(owned);
     owned.fill('\0');
-    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 01 80 AA")});
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 01 80 AA"));
     feed("00 80");
-    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 00 80")});
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 00 80"));
     char raw[] = "\xBB\x00\x01\x7F\x55";
     parser.feedData(QByteArray::fromRawData(raw, 5));
     raw[4] = 0;
-    EXPECT_EQ(drain(), QList<QByteArray>{hex("BB 00 01 7F 55")});
+    EXPECT_EQ(parser.getPacket(false), hex("BB 00 01 7F 55"));
     // A handed-out packet kept by the caller is not overwritten when the storage is reused.
     const QByteArray big = pxproto::readData(0x10, "0123456789", 10);
     parser.feedData(big + pxproto::ping() + big);
     const QByteArray kept = parser.getPacket(false);
     EXPECT_EQ(parser.getPacket(false), pxproto::ping());
-    EXPECT_EQ(drain(), QList<QByteArray>{big});
+    EXPECT_EQ(parser.getPacket(false), big);
     EXPECT_EQ(kept, big);
+    EXPECT_TRUE(parser.getPacket(false).isEmpty()) << "nothing more was fed";
 }
 
 // A partial frame is dropped when the next feed (also an empty one) comes 2000 ms or more
 // after the previous one; 1999 ms keep it. reset() forgets the time of the last feed.
 TEST_F(Parser, PartialFrameOlderThanTwoSecondsIsDiscarded)
 {
-    for (const int gap : {1999, 2000}) {
+    QStringList stale;
+    for (const char* byte : {"bb", "00", "02", "7e"})
+        stale << QStringLiteral("Check data interval drop bytes: ") + QLatin1String(byte);
+    // The gap, the next feed (nullptr: an empty one), the log lines and the packet.
+    const std::tuple<int, const char*, QStringList, const char*> cases[] = {
+        {1999, "01 02", {}, "BB 00 02 7E 01 02"},
+        {2000, "01 02", stale + QStringList{"Drop Byte: 01", "Drop Byte: 02"}, ""},
+        {2000, nullptr, stale, ""}};
+    for (const auto& [gap, next, logs, packet] : cases) {
         feed("BB 00 02 7E");
         gNow += gap;
-        feed("01 02");
-        const QStringList dropped = {"Check data interval drop bytes: bb",
-                                     "Check data interval drop bytes: 00",
-                                     "Check data interval drop bytes: 02",
-                                     "Check data interval drop bytes: 7e",
-                                     "Drop Byte: 01",
-                                     "Drop Byte: 02"};
-        EXPECT_EQ(parser.logs(), gap < 2000 ? QStringList() : dropped);
-        EXPECT_EQ(parser.getPacket(false), gap < 2000 ? hex("BB 00 02 7E 01 02") : QByteArray());
+        if (next)
+            feed(next);
+        else
+            parser.feedData(nullptr, 0);
+        const std::string row = std::to_string(gap) + " then " + (next ? next : "nullptr");
+        EXPECT_EQ(parser.logs(), logs) << row;
+        EXPECT_EQ(parser.getPacket(false), hex(packet)) << row;
+        EXPECT_EQ(parser.bufferedSize(), 0);
     }
-    EXPECT_EQ(parser.bufferedSize(), 0);
-
-    feed("BB 00 02");
-    gNow += 2000;
-    parser.feedData(nullptr, 0);
-    EXPECT_EQ(parser.logs().size(), 3);
-    EXPECT_EQ(parser.bufferedSize(), 0);
-    EXPECT_TRUE(parser.getPacket(false).isEmpty());
 
     feed("BB 00 01");
     gNow += 5000;
@@ -285,16 +263,17 @@ TEST_F(Parser, UndoesXonXoffEscapingAlsoAcrossFeeds)
         {"AD 5C EC 41", "AD 13 41"}, {"5C 52 00", "AD 00"}, {"5C 52", "AD"}};
     for (const auto& [input, buffered] : cases) {
         // Fed twice: whole, and one byte at a time (an escape may end a piece).
-        parser.reset();
-        feed(input);
-        EXPECT_EQ(parser.buffered(), hex(buffered)) << input;
-        parser.reset();
-        for (char c : hex(input))
-            parser.feedData(QByteArray(1, c));
-        EXPECT_EQ(parser.buffered(), hex(buffered)) << input;
+        for (const int step : {64, 1}) {
+            parser.reset();
+            for (int at = 0; at < hex(input).size(); at += step)
+                parser.feedData(hex(input).mid(at, step));
+            EXPECT_EQ(parser.buffered(), hex(buffered)) << input << " in pieces of " << step;
+        }
     }
 }
 
+// A reply nested in a packet is handed out first, then the packet closed up around it. A reply
+// with a command is one only when that command and its length are expected.
 TEST_F(Parser, ExtractsNestedDebugReplyFirstAndClosesUpTheOuterPacket)
 {
     use(PXParser::EscapedDebugStream);
@@ -312,17 +291,33 @@ TEST_F(Parser, ExtractsNestedDebugReplyFirstAndClosesUpTheOuterPacket)
     EXPECT_TRUE(parser.getPacket(false).isEmpty());
     EXPECT_TRUE(parser.isNestedWaiting());
     EXPECT_EQ(parser.getPacket(true), next);
+
+    stream = outer;
+    stream.insert(8, debugReply(0x55667788, 0x82));
+    parser.feedData(stream);
+    EXPECT_EQ(parser.getPacket(true), stream.left(outer.size())) << "not recognised";
+    parser.reset();
+    parser.setExpectedCommand(0x82);
+    parser.setExpectedLength(4);
+    parser.feedData(stream);
+    EXPECT_EQ(parser.getPacket(true), debugReply(0x55667788, 0x82));
+    EXPECT_EQ(parser.getPacket(true), outer);
+    parser.reset();
+    EXPECT_EQ(parser.getExpectedCommand(), 0);
+    EXPECT_EQ(parser.getExpectedLength(), 0u);
 }
 
 // A reply at the front, or within two bytes of it, is handed out at once (other packets wait
-// until ten bytes follow them: see above).
+// until ten bytes follow them: see above), but never in place by nextPacket.
 TEST_F(Parser, ReplyNearTheFrontIsReleasedAtOnce)
 {
     use(PXParser::EscapedDebugStream);
     const QByteArray reply = debugReply(0x01020304);
-    for (int offset = 0; offset <= 3; ++offset) {
+    for (int offset = 0, size = -1; offset <= 3; ++offset) {
         parser.reset();
         parser.feedData(hex("AD 00 00").left(offset) + reply);
+        EXPECT_EQ(parser.nextPacket(&size), nullptr);
+        EXPECT_EQ(size, 0);
         EXPECT_EQ(parser.getPacket(false), offset < 3 ? reply : QByteArray()) << offset;
         EXPECT_EQ(parser.getPacket(true), offset < 3 ? QByteArray() : reply) << offset;
     }
@@ -336,26 +331,6 @@ TEST_F(Parser, ReplyNearTheFrontIsReleasedAtOnce)
     parser.feedData(bad + pxproto::debugPacket(0x06, "012345678", 9));
     EXPECT_EQ(parser.getPacket(false), bad);
     EXPECT_TRUE(parser.logs().isEmpty());
-}
-
-TEST_F(Parser, ReplyWithCommandNeedsExpectedCommandAndLength)
-{
-    use(PXParser::EscapedDebugStream);
-    const QByteArray outer = pxproto::debugPacket(0x05, "0123456789abcdefghij", 20);
-    QByteArray stream = outer;
-    stream.insert(8, debugReply(0x55667788, 0x82));
-    parser.feedData(stream);
-    EXPECT_EQ(parser.getPacket(true), stream.left(outer.size())) << "not recognised";
-
-    parser.reset();
-    parser.setExpectedCommand(0x82);
-    parser.setExpectedLength(4);
-    parser.feedData(stream);
-    EXPECT_EQ(parser.getPacket(true), debugReply(0x55667788, 0x82));
-    EXPECT_EQ(parser.getPacket(true), outer);
-    parser.reset();
-    EXPECT_EQ(parser.getExpectedCommand(), 0);
-    EXPECT_EQ(parser.getExpectedLength(), 0u);
 }
 
 // PXLogBytes: hexadecimal, cut after maxBytes bytes with " ..."; PXLogString: printf-like,
@@ -377,84 +352,61 @@ TEST(LogText, FormatsAndMarksTheCut)
     EXPECT_EQ(PXLogBytes(longText, 3000).size(), 3000 * 3 - 1 + 4);
 }
 
-// Each range as the requests it is cut into, "address+size" in order. A masked read never
-// reads an unselected byte: three selected bytes at an aligned address are 16 + 8 bits, not
-// 32.
+// Each range as the requests it is cut into, "address+size@offset" in order. A masked read
+// never reads an unselected byte: three selected bytes at an aligned address are 16 + 8 bits,
+// not 32.
 TEST(Ranges, AreCutIntoRequestsByAlignmentSizeAndMask)
 {
-    using Cuts = std::vector<std::string>;
-    const auto record = [](Cuts& cuts) {
-        return [&cuts](quint32 address, auto offset, int size) {
-            cuts.push_back(QString::number(address, 16).toStdString() + "+" + std::to_string(size) +
-                           "@" + std::to_string(offset));
-            return 0u;
-        };
+    std::string cuts;
+    const auto record = [&cuts](quint32 address, auto offset, int size) {
+        cuts += (cuts.empty() ? "" : " ") + QString::number(address, 16).toStdString() + "+" +
+                std::to_string(size) + "@" + std::to_string(offset);
+        return 0u;
     };
-    const struct
-    {
-        quint32 address;
-        int size;
-        Cuts reads, writes;
-    } plain[] = {
-        {0x1000, 0, {}, {}},
-        {0x1000, -4, {}, {}},
-        {0x1001, 1, {"1001+1@0"}, {"1001+1@0"}},
-        {0x1001, 8, {"1001+1@0", "1002+2@1", "1004+4@3", "1008+1@7"}, {"1001+8@0"}},
-        {0x1002, 3, {"1002+2@0", "1004+1@2"}, {"1002+3@0"}},
-        {0x1000, 7, {"1000+4@0", "1004+2@4", "1006+1@6"}, {"1000+7@0"}},
-        {0x1000,
-         70000,
-         {"1000+32768@0", "9000+32768@32768", "11000+4464@65536"},
-         {"1000+32768@0", "9000+32768@32768", "11000+4464@65536"}},
-    };
-    for (const auto& c : plain) {
-        Cuts reads, writes;
-        EXPECT_EQ(pxrange::forEachRead(c.address, c.size, record(reads)), 0u);
-        EXPECT_EQ(pxrange::forEachWrite(c.address, c.size, record(writes)), 0u);
-        EXPECT_EQ(reads, c.reads) << c.address << " " << c.size;
-        EXPECT_EQ(writes, c.writes) << c.address << " " << c.size;
+    // The address, the size, the reads and the writes.
+    // clang-format off
+    const std::tuple<quint32, int, const char*, const char*> plain[] = {
+        {0x1000, 0, "", ""}, {0x1000, -4, "", ""}, {0x1001, 1, "1001+1@0", "1001+1@0"},
+        {0x1001, 8, "1001+1@0 1002+2@1 1004+4@3 1008+1@7", "1001+8@0"},
+        {0x1002, 3, "1002+2@0 1004+1@2", "1002+3@0"},
+        {0x1000, 7, "1000+4@0 1004+2@4 1006+1@6", "1000+7@0"},
+        {0x1000, 70000, "1000+32768@0 9000+32768@32768 11000+4464@65536",
+                        "1000+32768@0 9000+32768@32768 11000+4464@65536"}};
+    // clang-format on
+    for (const auto& [address, size, reads, writes] : plain) {
+        EXPECT_EQ(pxrange::forEachRead(address, size, record), 0u);
+        EXPECT_EQ(std::exchange(cuts, ""), reads) << address << " " << size;
+        EXPECT_EQ(pxrange::forEachWrite(address, size, record), 0u);
+        EXPECT_EQ(std::exchange(cuts, ""), writes) << address << " " << size;
     }
-
-    const struct
-    {
-        quint32 address;
-        QByteArray mask;
-        Cuts reads;
-    } masked[] = {
-        {0x2000, QByteArray::fromHex("ffffff00"), {"2000+2@0", "2002+1@2"}},
-        {0x2000, QByteArray::fromHex("ffffffff"), {"2000+4@0"}},
-        {0x2001, QByteArray::fromHex("ffffffff"), {"2001+1@0", "2002+2@1", "2004+1@3"}},
-        {0x2000, QByteArray::fromHex("00ff00ff"), {"2001+1@1", "2003+1@3"}},
-        {0x2000, QByteArray(11, '\xff'), {"2000+8@0", "2008+2@8", "200a+1@10"}},
-        {0x2000, QByteArray(15, '\xff'), {"2000+12@0", "200c+2@12", "200e+1@14"}},
-        {0x2000,
-         QByteArray::fromHex("ffffffffff00ffffffffffff"),
-         {"2000+4@0", "2004+1@4", "2006+2@6", "2008+4@8"}},
-        {0x2000,
-         QByteArray::fromHex("ffffff00ffffffffff"),
-         {"2000+2@0", "2002+1@2", "2004+4@4", "2008+1@8"}},
-        {0x2000, QByteArray::fromHex("ffff00ffff"), {"2000+2@0", "2003+1@3", "2004+1@4"}},
-        {0x2000, QByteArray::fromHex("ff0fffff"), {"2000+1@0", "2002+2@2"}},
-        {0x2000, QByteArray(8, '\0'), {}},
-    };
-    for (const auto& c : masked) {
-        Cuts reads;
-        const auto* mask = reinterpret_cast<const unsigned char*>(c.mask.constData());
-        EXPECT_EQ(
-            pxrange::forEachMaskedRead(c.address, mask, unsigned(c.mask.size()), record(reads)),
-            0u);
-        EXPECT_EQ(reads, c.reads) << c.mask.toHex().constData();
+    // The address, the mask in hexadecimal and the reads.
+    // clang-format off
+    const std::tuple<quint32, const char*, const char*> masked[] = {
+        {0x2000, "ffffff00", "2000+2@0 2002+1@2"}, {0x2000, "ffffffff", "2000+4@0"},
+        {0x2001, "ffffffff", "2001+1@0 2002+2@1 2004+1@3"},
+        {0x2000, "00ff00ff", "2001+1@1 2003+1@3"}, {0x2000, "ff0fffff", "2000+1@0 2002+2@2"},
+        {0x2000, "ffffffffffffffffffffff", "2000+8@0 2008+2@8 200a+1@10"},
+        {0x2000, "ffffffffffffffffffffffffffffff", "2000+12@0 200c+2@12 200e+1@14"},
+        {0x2000, "ffffffffff00ffffffffffff", "2000+4@0 2004+1@4 2006+2@6 2008+4@8"},
+        {0x2000, "ffffff00ffffffffff", "2000+2@0 2002+1@2 2004+4@4 2008+1@8"},
+        {0x2000, "ffff00ffff", "2000+2@0 2003+1@3 2004+1@4"}, {0x2000, "0000000000000000", ""}};
+    // clang-format on
+    for (const auto& [address, maskHex, reads] : masked) {
+        const QByteArray mask = QByteArray::fromHex(maskHex);
+        const auto* bytes = reinterpret_cast<const unsigned char*>(mask.constData());
+        EXPECT_EQ(pxrange::forEachMaskedRead(address, bytes, unsigned(mask.size()), record), 0u);
+        EXPECT_EQ(std::exchange(cuts, ""), reads) << maskHex;
     }
 
     // Pieces: at least one, and the first failing request ends the walk with its code.
-    std::vector<std::string> pieces;
+    std::string pieces;
     const auto piece = [&](unsigned long long offset, unsigned int size) {
-        pieces.push_back(std::to_string(offset) + "+" + std::to_string(size));
+        pieces += std::to_string(offset) + "+" + std::to_string(size) + " ";
         return offset >= 20 ? 13u : 0u;
     };
     EXPECT_EQ(pxrange::forEachPiece(0, 10, piece), 0u);
     EXPECT_EQ(pxrange::forEachPiece(25, 10, piece), 13u);
-    EXPECT_EQ(pieces, (std::vector<std::string>{"0+0", "0+10", "10+10", "20+5"}));
+    EXPECT_EQ(pieces, "0+0 0+10 10+10 20+5 ");
     int calls = 0;
     EXPECT_EQ(
         pxrange::forEachRead(0x1000, 12, [&](quint32, int, int) { return ++calls == 1 ? 5u : 0u; }),
