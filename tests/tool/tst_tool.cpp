@@ -25,22 +25,26 @@ struct ToolRun
     QString out, err;
 };
 
-ToolRun runTool(const QStringList& arguments)
+// Runs `program` (a name in the binary folder, or a path) with `input` on its standard input.
+ToolRun runTool(const QStringList& arguments, const QString& program = "pxtool",
+                const QByteArray& input = {})
 {
     QProcess process;
-    process.start(SimulatorProcess::binaryFolder() + "/pxtool", arguments);
+    process.start(QDir(SimulatorProcess::binaryFolder()).filePath(program), arguments);
+    process.write(input);
+    process.closeWriteChannel();
     const bool ended =
         process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit;
     return {ended ? process.exitCode() : -1, QString(process.readAllStandardOutput()),
             QString(process.readAllStandardError())};
 }
 
-// Runs pxtool expecting `exitCode`, exactly `out` on stdout (null: not checked) and `err`
-// somewhere in stderr.
+// Runs pxtool (or `program`) expecting `exitCode`, exactly `out` on stdout (null: not checked)
+// and `err` somewhere in stderr.
 ToolRun expectRun(const QStringList& arguments, int exitCode, const char* out = "",
-                  const QString& err = {})
+                  const QString& err = {}, const QString& program = "pxtool")
 {
-    const ToolRun run = runTool(arguments);
+    const ToolRun run = runTool(arguments, program);
     EXPECT_TRUE(run.exitCode == exitCode && (out == nullptr || run.out.toStdString() == out) &&
                 run.err.contains(err))
         << arguments.join(' ').toStdString() << "\nexit " << run.exitCode << "\nstdout:\n"
@@ -56,7 +60,6 @@ protected:
     ToolRun expect(const QStringList& arguments, int exitCode, const char* out = "",
                    const QString& err = {})
     {
-        const QStringList server{"--tcp-port", QString::number(simulator.port())};
         return expectRun(server + arguments, exitCode, out, err);
     }
     QString file(const QString& name) const { return folder.filePath(name); }
@@ -74,6 +77,9 @@ protected:
 
     SimulatorProcess simulator;
     QTemporaryDir folder;
+    // pxtool, and its arguments that reach this case's simulator.
+    const QString tool = SimulatorProcess::binaryFolder() + "/pxtool";
+    const QStringList server{"--tcp-port", QString::number(simulator.port())};
 };
 
 // ---- without a server -------------------------------------------------------------------
@@ -98,12 +104,14 @@ TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
     };
     for (const auto& [arguments, message] : cases)
         expectRun(arguments, 2, "", message);
-    // Nothing was started on port 249 by any of them.
-    EXPECT_EQ(runTool(p + QStringList{"--no-start", "ping"}).exitCode, 1);
+    // Nothing was started on port 249 by any of them. kill never starts a server: with none
+    // it fails with exit 1, the result code and its text.
+    expectRun(p + QStringList{"kill"}, 1, "",
+              "error 11: " + QString(PXST_ResultText(11)) + " (no server for COM249 at");
 }
 
 // The command list comes from the command table; one command's help stands for the others.
-TEST(PXToolUsage, HelpTexts)
+TEST(PXToolUsage, HelpVersionsAndNoServerToStart)
 {
     EXPECT_TRUE(expectRun({"--help"}, 0, nullptr)
                     .out.contains("\n  read-masked      read the bytes a mask selects\n"));
@@ -111,33 +119,14 @@ TEST(PXToolUsage, HelpTexts)
     EXPECT_EQ(read.out.section('\n', 0, 0),
               "Usage: pxtool [options] read ADDRESS SIZE [command options]");
     EXPECT_EQ(runTool({"read", "--help"}).out, read.out);
-}
-
-// A missing server: exit 1 with the result code and its text.
-TEST(PXToolUsage, KillWithoutAServerStartsNoneAndExitsWithOne)
-{
-    // kill never starts a server: with none on port 248 it fails.
-    expectRun({"--port", "248", "kill"}, 1, "",
-              "error 11: " + QString(PXST_ResultText(11)) + " (no server for COM248 at");
-}
-
-TEST(PXToolUsage, VersionsAndNoServerToStart)
-{
     expectRun({"--version"}, 0, "pxtool " PELLIX_VERSION "\n");
-    QProcess pellix;
-    pellix.start(SimulatorProcess::binaryFolder() + "/pellix", {"--version"});
-    ASSERT_TRUE(pellix.waitForFinished(10000));
-    EXPECT_EQ(pellix.readAllStandardOutput(), "pellix " PELLIX_VERSION "\n");
+    expectRun({"--version"}, 0, "pellix " PELLIX_VERSION "\n", {}, "pellix");
     // A pxtool without a pellix beside it says so at once instead of probing for 10 s.
     QTemporaryDir alone;
-    const QString copy = alone.filePath("pxtool");
-    ASSERT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/pxtool", copy));
-    QProcess tool;
-    tool.start(copy, {"--port", "247", "ping"});
-    ASSERT_TRUE(tool.waitForFinished(5000));
-    EXPECT_EQ(tool.exitCode(), 1);
-    EXPECT_TRUE(tool.readAllStandardError().contains("and no " + copy.toUtf8().chopped(6) +
-                                                     "pellix to start"));
+    ASSERT_TRUE(
+        QFile::copy(SimulatorProcess::binaryFolder() + "/pxtool", alone.filePath("pxtool")));
+    expectRun({"--port", "247", "ping"}, 1, "", "and no " + alone.filePath("pellix") + " to start",
+              alone.filePath("pxtool"));
 }
 
 // ---- against a simulator ------------------------------------------------------------------
@@ -160,11 +149,11 @@ TEST(PXToolServer, OpenStartsTheServerBesideTheToolAndKillStopsIt)
 
 // Commands and what each prints, in order: a read follows its write. An "events" follower
 // runs meanwhile and prints the first event that writes to the event register raise.
-TEST_F(ToolTest, CommandsPrintTheirResults)
+// Followers: --count 0 ends after enabling; a server that goes away ends them with an error.
+TEST_F(ToolTest, CommandsPrintTheirResultsAndFollowersEndWhenTheServerGoes)
 {
     QProcess events;
-    events.start(SimulatorProcess::binaryFolder() + "/pxtool",
-                 {"--tcp-port", QString::number(simulator.port()), "events", "--count", "1"});
+    events.start(tool, server + QStringList{"events", "--count", "1"});
     const std::string masked = "00001000  41 -- 43 -- ff" + std::string(34, ' ') + "  |A.C..|\n";
     const std::pair<const char*, std::string> steps[] = {
         // clang-format off
@@ -175,6 +164,7 @@ TEST_F(ToolTest, CommandsPrintTheirResults)
         {"write 0x1000 --data 414243:00ff", ""}, {"read-masked 0x1000 --mask ff00ff0fff", masked},
         {"status", "1\n"}, {"clean", ""}, {"flush", ""}, {"break", ""}, {"auto-baud", ""},
         {"flow-mode xonxoff", ""}, {"usb-id 0x1234 0xABCD", ""}, {"reconnect", ""},
+        {"events --count 0", ""},
         // clang-format on
     };
     for (const auto& [command, out] : steps)
@@ -187,6 +177,20 @@ TEST_F(ToolTest, CommandsPrintTheirResults)
     }));
     const QString stamp = R"(^\d+ \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z 0x0000002A\n$)";
     EXPECT_TRUE(QRegularExpression(stamp).match(events.readAllStandardOutput()).hasMatch());
+    // --trace: each frame in hexadecimal with its direction and handle, on stderr.
+    const ToolRun trace = expect({"--trace", "read8", "0x10"}, 0, "0x00\n");
+    EXPECT_TRUE(trace.err.contains("pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n") &&
+                trace.err.contains("pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"))
+        << trace.err.toStdString();
+
+    QProcess listen;
+    listen.start(tool, server + QStringList{"bypass-listen", "0x21"});
+    listen.setReadChannel(QProcess::StandardError);
+    ASSERT_TRUE(listen.waitForReadyRead(10000)); // "listening on 1 flow(s)"
+    expect({"kill"}, 0);
+    ASSERT_TRUE(listen.waitForFinished(15000));
+    EXPECT_EQ(listen.exitCode(), 1);
+    EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
 }
 
 TEST_F(ToolTest, BlocksFromAndToFiles)
@@ -262,19 +266,16 @@ TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
     expect({"dump", "0xFFFFFFFC", "2", file("x.lod")}, 2, "", "runs past the end");
     EXPECT_EQ(readFile("x.lod"), QByteArray("@00000000\n00000000\n"));
     // A stop signal in the middle of a long dump: error 21, and no file at all.
+    const auto files = [&] { return QDir(folder.path()).entryList(QDir::Files | QDir::Hidden); };
     QProcess dump;
-    dump.start(SimulatorProcess::binaryFolder() + "/pxtool",
-               {"--tcp-port", QString::number(simulator.port()), "dump", "0", "0x40000000",
-                file("big.bin"), "--binary"});
+    dump.start(tool, server + QStringList{"dump", "0", "0x40000000", file("big.bin"), "--binary"});
     // Once its temporary file is there, the dump is under way.
-    ASSERT_TRUE(waitUntil(
-        [&] { return QDir(folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 2; },
-        20000));
+    ASSERT_TRUE(waitUntil([&] { return files().size() == 2; }, 20000));
     dump.terminate();
     ASSERT_TRUE(dump.waitForFinished(20000));
     EXPECT_EQ(dump.exitCode(), 1);
     EXPECT_TRUE(dump.readAllStandardError().contains("error 21: "));
-    EXPECT_EQ(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden).join(' '), "x.lod");
+    EXPECT_EQ(files().join(' '), "x.lod");
 }
 
 // Scripts: one JSON object per result and per failure, "-" for standard input and output, a
@@ -282,40 +283,28 @@ TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
 TEST_F(ToolTest, ScriptableOutput)
 {
     writeFile("in.bin", "\x08");
-    const std::pair<QStringList, const char*> cases[] = {
+    const std::tuple<QStringList, int, const char*> cases[] = {
         // clang-format off
-        {{"write32", "0x10", "7"}, R"({"command":"write32","ok":true})"},
-        {{"read32", "0x10"}, R"({"command":"read32","ok":true,"address":16,"value":7})"},
-        {{"read", "0x10", "2"}, R"({"command":"read","ok":true,"address":16,"data":"07 00"})"},
-        {{"read32", "x"}, R"({"command":"read32","ok":false,"exit":2,"error":"bad address 'x')"},
-        {{"verify", file("in.bin"), "--format", "binary", "--address", "0x10"},
+        {{"write32", "0x10", "7"}, 0, R"({"command":"write32","ok":true})"},
+        {{"read32", "0x10"}, 0, R"({"command":"read32","ok":true,"address":16,"value":7})"},
+        {{"read", "0x10", "2"}, 0, R"({"command":"read","ok":true,"address":16,"data":"07 00"})"},
+        {{"read32", "x"}, 2, R"({"command":"read32","ok":false,"exit":2,"error":"bad address 'x')"},
+        {{"verify", file("in.bin"), "--format", "binary", "--address", "0x10"}, 1,
          R"({"command":"verify","ok":false,"exit":1,"code":17,"error":)"},
         // clang-format on
     };
-    for (const auto& [arguments, line] : cases)
-        EXPECT_TRUE(expect(QStringList{"--json"} + arguments,
-                           arguments[0] == "verify" ? 1
-                           : arguments[1] == "x"    ? 2
-                                                    : 0,
-                           nullptr)
-                        .out.startsWith(line))
+    for (const auto& [arguments, exitCode, line] : cases)
+        EXPECT_TRUE(
+            expect(QStringList{"--json"} + arguments, exitCode, nullptr).out.startsWith(line))
             << line;
     // Standard input in, standard output out.
-    QProcess write;
-    write.start(SimulatorProcess::binaryFolder() + "/pxtool",
-                {"--tcp-port", QString::number(simulator.port()), "write", "0x20", "-"});
-    write.write("\x01\x02\x03\x04");
-    write.closeWriteChannel();
-    ASSERT_TRUE(write.waitForFinished(10000));
+    EXPECT_EQ(
+        runTool(server + QStringList{"write", "0x20", "-"}, "pxtool", "\x01\x02\x03\x04").exitCode,
+        0);
     expect({"dump", "0x20", "1", "-"}, 0, "@00000020\n04030201\n");
     // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
-    QProcess pipe;
-    pipe.start("bash", {"-c", "'" + SimulatorProcess::binaryFolder() + "/pxtool' --tcp-port " +
-                                  QString::number(simulator.port()) +
-                                  " read 0 0x10000000 | head -c 1 >/dev/null; "
-                                  "echo ${PIPESTATUS[0]}"});
-    ASSERT_TRUE(pipe.waitForFinished(10000));
-    EXPECT_EQ(pipe.readAllStandardOutput(), "3\n");
+    const QString read = "'" + tool + "' " + server.join(' ') + " read 0 0x10000000 | head -c1";
+    EXPECT_EQ(runTool({"-c", read + " >/dev/null; echo ${PIPESTATUS[0]}"}, "/bin/bash").out, "3\n");
 }
 
 // Every format, made by the standard tools: each loads and verifies at its own address, a
@@ -327,30 +316,27 @@ TEST_F(ToolTest, FirmwareFormatsOfTheStandardTools)
         blob += char(i * 13 + 5);
     writeFile("blob.bin", blob);
     writeFile("s.ld", "SECTIONS { .data 0x2000 : AT(0x13000) { *(.data) } }\n");
-    const auto run = [&](const QString& program, const QStringList& arguments) {
+    const auto make = [&](const QString& program, const QString& arguments) {
         QProcess process;
         process.setWorkingDirectory(folder.path());
-        process.start(program, arguments);
+        process.start(program, arguments.split(' '));
         return process.waitForFinished(20000) && process.exitCode() == 0;
     };
     ASSERT_TRUE(
-        run("objcopy", {"-I", "binary", "-O", "ihex", "--change-addresses", "0x11000", "blob.bin",
-                        "blob.hex"}) &&
-        run("objcopy", {"-I", "binary", "-O", "srec", "--change-addresses", "0x12000", "blob.bin",
-                        "blob.srec"}) &&
-        run("objcopy", {"-I", "binary", "-O", "elf32-i386", "-B", "i386", "blob.bin", "blob.o"}) &&
-        run("ld", {"-m", "elf_i386", "-T", "s.ld", "blob.o", "-o", "blob.elf"}));
+        make("objcopy", "-I binary -O ihex --change-addresses 0x11000 blob.bin blob.hex") &&
+        make("objcopy", "-I binary -O srec --change-addresses 0x12000 blob.bin blob.srec") &&
+        make("objcopy", "-I binary -O elf32-i386 -B i386 blob.bin blob.o") &&
+        make("ld", "-m elf_i386 -T s.ld blob.o -o blob.elf"));
     for (const char* name : {"blob.hex", "blob.srec", "blob.elf"})
         expect({"load", file(name), "--verify"}, 0, "");
     expect({"load", file("blob.bin"), "--format", "binary", "--address", "0x14000"}, 0, "");
     for (const char* address : {"0x11000", "0x12000", "0x13000", "0x14000"})
-        expect({"dump", address, "251", file("d.lod")}, 0, "");
-    expect({"dump", "0x13000", "250", file("d.hex"), "--format", "hex"}, 0, "");
-    expect({"dump", "0x13000", "250", file("d.srec"), "--format", "srec"}, 0, "");
-    for (const char* name : {"d.hex", "d.srec"}) {
-        ASSERT_TRUE(run("objcopy", {"-I", QString(name).endsWith("hex") ? "ihex" : "srec", "-O",
-                                    "binary", name, "back.bin"}));
-        EXPECT_EQ(readFile("back.bin"), blob.left(1000)) << name;
+        expect({"verify", file("blob.bin"), "--format", "binary", "--address", address}, 0, "");
+    const std::pair<QString, QString> dumps[] = {{"hex", "ihex"}, {"srec", "srec"}};
+    for (const auto& [format, objcopyName] : dumps) {
+        expect({"dump", "0x13000", "250", file("d." + format), "--format", format}, 0, "");
+        ASSERT_TRUE(make("objcopy", "-I " + objcopyName + " -O binary d." + format + " back.bin"));
+        EXPECT_EQ(readFile("back.bin"), blob.left(1000)) << format.toStdString();
     }
     expect({"convert", file("blob.elf"), file("c.srec")}, 0, "");
     expect({"convert", file("c.srec"), file("c.bin")}, 0, "");
@@ -360,30 +346,6 @@ TEST_F(ToolTest, FirmwareFormatsOfTheStandardTools)
     const QByteArray hex = readFile("blob.hex");
     writeFile("cut.hex", hex.left(hex.lastIndexOf(":00000001FF")));
     expect({"load", file("cut.hex")}, 3, "", "Intel HEX: no end-of-file record");
-}
-
-// --trace: each frame in hexadecimal with its direction and handle, on stderr.
-TEST_F(ToolTest, TraceLogsEveryFrame)
-{
-    const ToolRun run = expect({"--trace", "read8", "0x10"}, 0, "0x00\n");
-    EXPECT_TRUE(run.err.contains("pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n") &&
-                run.err.contains("pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"))
-        << run.err.toStdString();
-}
-
-// Followers: --count 0 ends after enabling; a server that goes away ends them with an error.
-TEST_F(ToolTest, FollowersEndWhenTheServerGoes)
-{
-    expect({"events", "--count", "0"}, 0, "");
-    QProcess listen;
-    listen.start(SimulatorProcess::binaryFolder() + "/pxtool",
-                 {"--tcp-port", QString::number(simulator.port()), "bypass-listen", "0x21"});
-    listen.setReadChannel(QProcess::StandardError);
-    ASSERT_TRUE(listen.waitForReadyRead(10000)); // "listening on 1 flow(s)"
-    expect({"kill"}, 0);
-    ASSERT_TRUE(listen.waitForFinished(15000));
-    EXPECT_EQ(listen.exitCode(), 1);
-    EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
 }
 
 } // namespace
