@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include <pellix/api/PXLLibraryApi.h>
@@ -40,38 +41,40 @@ ToolRun runTool(const QStringList& arguments, const QString& program = "pxtool",
 }
 
 // Runs pxtool (or `program`) expecting `exitCode`, exactly `out` on stdout (null: not checked)
-// and `err` somewhere in stderr.
+// and each of `err` somewhere in stderr.
 ToolRun expectRun(const QStringList& arguments, int exitCode, const char* out = "",
-                  const QString& err = {}, const QString& program = "pxtool")
+                  const QStringList& err = {}, const QString& program = "pxtool",
+                  const QByteArray& input = {})
 {
-    const ToolRun run = runTool(arguments, program);
+    const ToolRun run = runTool(arguments, program, input);
     EXPECT_TRUE(run.exitCode == exitCode && (out == nullptr || run.out.toStdString() == out) &&
-                run.err.contains(err))
+                std::all_of(err.begin(), err.end(), [&](auto& e) { return run.err.contains(e); }))
         << arguments.join(' ').toStdString() << "\nexit " << run.exitCode << "\nstdout:\n"
         << run.out.toStdString() << "\nstderr:\n"
         << run.err.toStdString();
     return run;
 }
 
-// A simulator of its own (on a free port) for each case, which pxtool reaches by --tcp-port.
+// A simulator of its own (on a free port) for each case, which pxtool reaches by --tcp-port,
+// and a folder of its own, which is the working folder: files go by their plain names.
 class ToolTest : public ::testing::Test
 {
 protected:
+    ToolTest() { QDir::setCurrent(folder.path()); }
     ToolRun expect(const QStringList& arguments, int exitCode, const char* out = "",
-                   const QString& err = {})
+                   const QStringList& err = {}, const QByteArray& input = {})
     {
-        return expectRun(server + arguments, exitCode, out, err);
+        return expectRun(server + arguments, exitCode, out, err, "pxtool", input);
     }
-    QString file(const QString& name) const { return folder.filePath(name); }
-    // Writes `content` to the file `name` of the test's folder, or reads it back.
-    QString writeFile(const QString& name, const QByteArray& content) const
+    // Writes `content` to the file `name`, or reads it back.
+    static QString writeFile(const QString& name, const QByteArray& content)
     {
-        std::ofstream(file(name).toStdString(), std::ios::binary) << content.toStdString();
-        return file(name);
+        std::ofstream(name.toStdString(), std::ios::binary) << content.toStdString();
+        return name;
     }
-    QByteArray readFile(const QString& name) const
+    static QByteArray readFile(const QString& name)
     {
-        QFile f(file(name));
+        QFile f(name);
         return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
     }
 
@@ -84,9 +87,10 @@ protected:
 
 // ---- without a server -------------------------------------------------------------------
 
-// A case for each kind of mistake; the parsing of numbers and bytes has its tables in
-// tst_tool_text.
-TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
+// Usage errors: a case for each kind of mistake; the parsing of numbers and bytes has its
+// tables in tst_tool_text. Help: the command list comes from the command table; one command's
+// help stands for the others.
+TEST(PXToolUsage, CommandLinesHelpAndVersions)
 {
     // Port 249 has no server; a usage error must be found before any connection attempt
     // (which would start one).
@@ -103,30 +107,20 @@ TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
         // clang-format on
     };
     for (const auto& [arguments, message] : cases)
-        expectRun(arguments, 2, "", message);
+        expectRun(arguments, 2, "", {message});
     // Nothing was started on port 249 by any of them. kill never starts a server: with none
     // it fails with exit 1, the result code and its text.
     expectRun(p + QStringList{"kill"}, 1, "",
-              "error 11: " + QString(PXST_ResultText(11)) + " (no server for COM249 at");
-}
+              {"error 11: " + QString(PXST_ResultText(11)) + " (no server for COM249 at"});
 
-// The command list comes from the command table; one command's help stands for the others.
-TEST(PXToolUsage, HelpVersionsAndNoServerToStart)
-{
     EXPECT_TRUE(expectRun({"--help"}, 0, nullptr)
                     .out.contains("\n  read-masked      read the bytes a mask selects\n"));
     const ToolRun read = expectRun({"help", "read"}, 0, nullptr);
     EXPECT_EQ(read.out.section('\n', 0, 0),
               "Usage: pxtool [options] read ADDRESS SIZE [command options]");
-    EXPECT_EQ(runTool({"read", "--help"}).out, read.out);
+    expectRun({"read", "--help"}, 0, qPrintable(read.out));
     expectRun({"--version"}, 0, "pxtool " PELLIX_VERSION "\n");
     expectRun({"--version"}, 0, "pellix " PELLIX_VERSION "\n", {}, "pellix");
-    // A pxtool without a pellix beside it says so at once instead of probing for 10 s.
-    QTemporaryDir alone;
-    ASSERT_TRUE(
-        QFile::copy(SimulatorProcess::binaryFolder() + "/pxtool", alone.filePath("pxtool")));
-    expectRun({"--port", "247", "ping"}, 1, "", "and no " + alone.filePath("pellix") + " to start",
-              alone.filePath("pxtool"));
 }
 
 // ---- against a simulator ------------------------------------------------------------------
@@ -140,11 +134,17 @@ TEST(PXToolServer, OpenStartsTheServerBesideTheToolAndKillStopsIt)
     };
     ASSERT_FALSE(answers()) << "a server already runs on port 201";
     expectRun(port + QStringList{"--baud", "115200", "ping"}, 0, nullptr,
-              "started pellix COM201 115200 none (127.0.0.1:7901); stop it with 'pxtool --port "
-              "201 kill'");
+              {"started pellix COM201 115200 none (127.0.0.1:7901); stop it with 'pxtool --port "
+               "201 kill'"});
     EXPECT_TRUE(expectRun(port + QStringList{"kill"}, 0).err.isEmpty());
     // The server exits after reading the request: wait until nothing answers any more.
     EXPECT_TRUE(waitUntil([&] { return !answers(); }, 10000)) << "it still answers after kill";
+    // A pxtool without a pellix beside it says so at once instead of probing for 10 s.
+    QTemporaryDir alone;
+    ASSERT_TRUE(
+        QFile::copy(SimulatorProcess::binaryFolder() + "/pxtool", alone.filePath("pxtool")));
+    expectRun({"--port", "247", "ping"}, 1, "",
+              {"and no " + alone.filePath("pellix") + " to start"}, alone.filePath("pxtool"));
 }
 
 // Commands and what each prints, in order: a read follows its write. An "events" follower
@@ -178,10 +178,9 @@ TEST_F(ToolTest, CommandsPrintTheirResultsAndFollowersEndWhenTheServerGoes)
     const QString stamp = R"(^\d+ \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z 0x0000002A\n$)";
     EXPECT_TRUE(QRegularExpression(stamp).match(events.readAllStandardOutput()).hasMatch());
     // --trace: each frame in hexadecimal with its direction and handle, on stderr.
-    const ToolRun trace = expect({"--trace", "read8", "0x10"}, 0, "0x00\n");
-    EXPECT_TRUE(trace.err.contains("pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n") &&
-                trace.err.contains("pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"))
-        << trace.err.toStdString();
+    expect({"--trace", "read8", "0x10"}, 0, "0x00\n",
+           {"pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n",
+            "pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"});
 
     QProcess listen;
     listen.start(tool, server + QStringList{"bypass-listen", "0x21"});
@@ -193,41 +192,35 @@ TEST_F(ToolTest, CommandsPrintTheirResultsAndFollowersEndWhenTheServerGoes)
     EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
 }
 
-TEST_F(ToolTest, BlocksFromAndToFiles)
+// Blocks of 100 KiB + 3 bytes: more than one 64 KiB piece and an odd tail. Firmware loaded,
+// verified and dumped, and a verification that finds a mismatch.
+TEST_F(ToolTest, BlocksAndFirmwareFromAndToFiles)
 {
-    // 100 KiB + 3 bytes: more than one 64 KiB piece and an odd tail.
     QByteArray data;
     for (int i = 0; i < 100 * 1024 + 3; ++i)
         data += char(i * 7 + i / 256);
     // Summaries go to stderr: stdout carries data only.
     EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, "")
                     .err.startsWith("write: 100.00 KiB in "));
-    expect({"read", "0x40001", "102403", "--out", file("out.bin")}, 0, nullptr);
+    expect({"read", "0x40001", "102403", "--out", "out.bin"}, 0, nullptr);
     EXPECT_TRUE(readFile("out.bin") == data);
     // A file the tool reads or writes itself: exit 3 with the system's reason.
-    expect({"write", "0x1000", file("missing.bin")}, 3, "",
-           "cannot open '" + file("missing.bin") + "': No such file");
-}
+    expect({"write", "0x1000", "missing.bin"}, 3, "", {"cannot open 'missing.bin': No such file"});
 
-TEST_F(ToolTest, LoadVerifyDumpAndAMismatch)
-{
     const QString good =
         writeFile("good.lod", "# two packets\n@00001000\n11111111\n22222222\n33333333\n\n"
                               "@00002000\nABCDEF01\n@F0000000\n99999999\n");
-    ToolRun run = expect({"load", good, "--verify"}, 0, "");
-    EXPECT_TRUE(run.err.contains(": 16 B written in ") && run.err.contains(": 16 B match in "));
-    expect({"dump", "0x1000", "3", file("dump.lod")}, 0, nullptr);
+    expect({"load", good, "--verify"}, 0, "", {": 16 B written in ", ": 16 B match in "});
+    expect({"dump", "0x1000", "3", "dump.lod"}, 0, nullptr);
     EXPECT_EQ(readFile("dump.lod"), QByteArray("@00001000\n11111111\n22222222\n33333333\n"));
     // --progress draws the bar even into a pipe, ending at 100%.
-    run = expect({"--progress", "load", good}, 0, nullptr);
-    EXPECT_TRUE(run.err.contains("load [") && run.err.contains("100%")) << run.err.toStdString();
-
+    expect({"--progress", "load", good}, 0, nullptr, {"load [", "100%"});
     expect({"write32", "0x1008", "0"}, 0);
     expect({"write32", "0x2000", "0"}, 0);
     expect({"verify", good, "--max-report", "1"}, 1,
            "0x00001008: expected 0x33333333, read 0x00000000\n",
-           "error 17: " + QString(PXST_ResultText(17)) +
-               " (2 words differ; first 0x00001008: expected 0x33333333, read 0x00000000)");
+           {"error 17: " + QString(PXST_ResultText(17)) +
+            " (2 words differ; first 0x00001008: expected 0x33333333, read 0x00000000)"});
 }
 
 // Files that the library would read leniently are refused before anything is sent, naming
@@ -247,28 +240,29 @@ TEST_F(ToolTest, BadFirmwareIsRefusedBeforeLoading)
     };
     for (const auto& [content, problem] : cases) {
         const QString path = writeFile("bad.lod", content);
-        expect({"load", path}, 3, "", path + problem);
+        expect({"load", path}, 3, "", {path + problem});
     }
     expect({"read32", "0x1000"}, 0, "0x00000000\n"); // nothing was written
     expect({"load", writeFile("g.lod", "@1000\n12\nGARBAGE\n"), "--lenient"}, 0, "");
-    expect({"read32", "0x1004"}, 0, "0x00000000\n");
-    expect({"read32", "0x1000"}, 0, "0x00000012\n");
+    expect({"dump", "0x1000", "2", "-"}, 0, "@00001000\n00000012\n00000000\n");
     // A skipped packet is said, not silent.
     expect({"load", writeFile("s.lod", "@1000\n1\n\n@F0000000\n1\n2\n")}, 0, "",
-           "line 4: packet at 0xF0000000 (2 words) skipped");
+           {"line 4: packet at 0xF0000000 (2 words) skipped"});
 }
 
-// Outputs: every write error fails, nothing half-written is left, a closed pipe ends at once.
-TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
+// Outputs: every write error fails, nothing half-written is left, a closed pipe ends a command
+// at once. Scripts: one JSON object per result and per failure, "-" for standard input and
+// output.
+TEST_F(ToolTest, OutputsFailLoudlyAndServeScripts)
 {
-    expect({"dump", "0", "64", "/dev/full"}, 3, "", "cannot write '/dev/full': No space left");
-    expect({"dump", "0", "1", file("x.lod")}, 0, "");
-    expect({"dump", "0xFFFFFFFC", "2", file("x.lod")}, 2, "", "runs past the end");
+    expect({"dump", "0", "64", "/dev/full"}, 3, "", {"cannot write '/dev/full': No space left"});
+    expect({"dump", "0", "1", "x.lod"}, 0, "");
+    expect({"dump", "0xFFFFFFFC", "2", "x.lod"}, 2, "", {"runs past the end"});
     EXPECT_EQ(readFile("x.lod"), QByteArray("@00000000\n00000000\n"));
     // A stop signal in the middle of a long dump: error 21, and no file at all.
     const auto files = [&] { return QDir(folder.path()).entryList(QDir::Files | QDir::Hidden); };
     QProcess dump;
-    dump.start(tool, server + QStringList{"dump", "0", "0x40000000", file("big.bin"), "--binary"});
+    dump.start(tool, server + QStringList{"dump", "0", "0x40000000", "big.bin", "--binary"});
     // Once its temporary file is there, the dump is under way.
     ASSERT_TRUE(waitUntil([&] { return files().size() == 2; }, 20000));
     dump.terminate();
@@ -276,12 +270,10 @@ TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
     EXPECT_EQ(dump.exitCode(), 1);
     EXPECT_TRUE(dump.readAllStandardError().contains("error 21: "));
     EXPECT_EQ(files().join(' '), "x.lod");
-}
+    // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
+    const QString read = "'" + tool + "' " + server.join(' ') + " read 0 0x10000000 | head -c1";
+    expectRun({"-c", read + " >/dev/null; echo ${PIPESTATUS[0]}"}, 0, "3\n", {}, "/bin/bash");
 
-// Scripts: one JSON object per result and per failure, "-" for standard input and output, a
-// closed pipe ends a command at once.
-TEST_F(ToolTest, ScriptableOutput)
-{
     writeFile("in.bin", "\x08");
     const std::tuple<QStringList, int, const char*> cases[] = {
         // clang-format off
@@ -289,7 +281,7 @@ TEST_F(ToolTest, ScriptableOutput)
         {{"read32", "0x10"}, 0, R"({"command":"read32","ok":true,"address":16,"value":7})"},
         {{"read", "0x10", "2"}, 0, R"({"command":"read","ok":true,"address":16,"data":"07 00"})"},
         {{"read32", "x"}, 2, R"({"command":"read32","ok":false,"exit":2,"error":"bad address 'x')"},
-        {{"verify", file("in.bin"), "--format", "binary", "--address", "0x10"}, 1,
+        {{"verify", "in.bin", "--format", "binary", "--address", "0x10"}, 1,
          R"({"command":"verify","ok":false,"exit":1,"code":17,"error":)"},
         // clang-format on
     };
@@ -297,14 +289,8 @@ TEST_F(ToolTest, ScriptableOutput)
         EXPECT_TRUE(
             expect(QStringList{"--json"} + arguments, exitCode, nullptr).out.startsWith(line))
             << line;
-    // Standard input in, standard output out.
-    EXPECT_EQ(
-        runTool(server + QStringList{"write", "0x20", "-"}, "pxtool", "\x01\x02\x03\x04").exitCode,
-        0);
+    expect({"write", "0x20", "-"}, 0, "", {}, "\x01\x02\x03\x04");
     expect({"dump", "0x20", "1", "-"}, 0, "@00000020\n04030201\n");
-    // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
-    const QString read = "'" + tool + "' " + server.join(' ') + " read 0 0x10000000 | head -c1";
-    EXPECT_EQ(runTool({"-c", read + " >/dev/null; echo ${PIPESTATUS[0]}"}, "/bin/bash").out, "3\n");
 }
 
 // Every format, made by the standard tools: each loads and verifies at its own address, a
@@ -316,11 +302,8 @@ TEST_F(ToolTest, FirmwareFormatsOfTheStandardTools)
         blob += char(i * 13 + 5);
     writeFile("blob.bin", blob);
     writeFile("s.ld", "SECTIONS { .data 0x2000 : AT(0x13000) { *(.data) } }\n");
-    const auto make = [&](const QString& program, const QString& arguments) {
-        QProcess process;
-        process.setWorkingDirectory(folder.path());
-        process.start(program, arguments.split(' '));
-        return process.waitForFinished(20000) && process.exitCode() == 0;
+    const auto make = [](const QString& program, const QString& arguments) {
+        return QProcess::execute(program, arguments.split(' ')) == 0;
     };
     ASSERT_TRUE(
         make("objcopy", "-I binary -O ihex --change-addresses 0x11000 blob.bin blob.hex") &&
@@ -328,24 +311,24 @@ TEST_F(ToolTest, FirmwareFormatsOfTheStandardTools)
         make("objcopy", "-I binary -O elf32-i386 -B i386 blob.bin blob.o") &&
         make("ld", "-m elf_i386 -T s.ld blob.o -o blob.elf"));
     for (const char* name : {"blob.hex", "blob.srec", "blob.elf"})
-        expect({"load", file(name), "--verify"}, 0, "");
-    expect({"load", file("blob.bin"), "--format", "binary", "--address", "0x14000"}, 0, "");
+        expect({"load", name, "--verify"}, 0, "");
+    expect({"load", "blob.bin", "--format", "binary", "--address", "0x14000"}, 0, "");
     for (const char* address : {"0x11000", "0x12000", "0x13000", "0x14000"})
-        expect({"verify", file("blob.bin"), "--format", "binary", "--address", address}, 0, "");
+        expect({"verify", "blob.bin", "--format", "binary", "--address", address}, 0, "");
     const std::pair<QString, QString> dumps[] = {{"hex", "ihex"}, {"srec", "srec"}};
     for (const auto& [format, objcopyName] : dumps) {
-        expect({"dump", "0x13000", "250", file("d." + format), "--format", format}, 0, "");
+        expect({"dump", "0x13000", "250", "d." + format, "--format", format}, 0, "");
         ASSERT_TRUE(make("objcopy", "-I " + objcopyName + " -O binary d." + format + " back.bin"));
         EXPECT_EQ(readFile("back.bin"), blob.left(1000)) << format.toStdString();
     }
-    expect({"convert", file("blob.elf"), file("c.srec")}, 0, "");
-    expect({"convert", file("c.srec"), file("c.bin")}, 0, "");
+    expect({"convert", "blob.elf", "c.srec"}, 0, "");
+    expect({"convert", "c.srec", "c.bin"}, 0, "");
     EXPECT_EQ(readFile("c.bin"), blob);
     // The wrong format named: a hint. A cut file: its own problem, nothing loaded.
-    expect({"verify", file("blob.hex"), "--format", "lod"}, 3, "", "(this looks like Intel HEX)");
+    expect({"verify", "blob.hex", "--format", "lod"}, 3, "", {"(this looks like Intel HEX)"});
     const QByteArray hex = readFile("blob.hex");
     writeFile("cut.hex", hex.left(hex.lastIndexOf(":00000001FF")));
-    expect({"load", file("cut.hex")}, 3, "", "Intel HEX: no end-of-file record");
+    expect({"load", "cut.hex"}, 3, "", {"Intel HEX: no end-of-file record"});
 }
 
 } // namespace
