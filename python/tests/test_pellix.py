@@ -4,8 +4,6 @@
 Run with PELLIX_LIBRARY pointing at a non-sanitizer build of libpellix_library.so, whose
 folder also holds the pellix program."""
 
-from __future__ import annotations
-
 import socket
 import threading
 import time
@@ -21,10 +19,9 @@ EVENT_REGISTER = 0xFFFFFF00
 
 @pytest.fixture(scope="module")
 def target():
-    connection = pellix.open(PORT)
-    yield connection
-    connection.kill()
-    connection.close()
+    with pellix.open(PORT) as connection:
+        yield connection
+        connection.kill()
 
 
 def raises(kind, code, call, *args, **kwargs):
@@ -143,13 +140,12 @@ def test_error_mapping():
     assert isinstance(error, ConnectionError) and "no connection" in error.text
 
     # A server that accepts and never answers: requests end by their time-out.
-    silent = socket.create_server(("127.0.0.1", 0))
-    connection = pellix.open(host="127.0.0.1", tcp_port=silent.getsockname()[1])
-    start = time.monotonic()
-    assert isinstance(raises(pellix.ReplyTimeout, 13, connection.ping), TimeoutError)
-    assert 4.5 < time.monotonic() - start < 10
-    handle = connection.handle
-    connection.close()
-    connection.close()  # closing twice is harmless
-    raises(pellix.UnknownHandle, 3, pellix.Connection(handle).read32, 0)
-    silent.close()
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        connection = pellix.open(host="127.0.0.1", tcp_port=silent.getsockname()[1])
+        start = time.monotonic()
+        assert isinstance(raises(pellix.ReplyTimeout, 13, connection.ping), TimeoutError)
+        assert 4.5 < time.monotonic() - start < 10
+        handle = connection.handle
+        connection.close()
+        connection.close()  # closing twice is harmless
+        raises(pellix.UnknownHandle, 3, pellix.Connection(handle).read32, 0)

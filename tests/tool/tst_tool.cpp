@@ -186,10 +186,33 @@ TEST_F(ToolTest, CommandsPrintTheirResultsAndFollowersEndWhenTheServerGoes)
     EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
 }
 
-// Blocks of 100 KiB + 3 bytes: more than one 64 KiB piece and an odd tail. Firmware loaded,
-// verified and dumped, and a verification that finds a mismatch.
-TEST_F(ToolTest, BlocksAndFirmwareFromAndToFiles)
+// Files in and out: bad firmware refused, good firmware loaded, verified and dumped, a
+// verification that finds a mismatch; blocks of 100 KiB + 3 bytes, more than one 64 KiB piece
+// and an odd tail.
+TEST_F(ToolTest, FirmwareAndBlocksFromAndToFiles)
 {
+    // Files that the library would read leniently are refused before anything is sent, naming
+    // the file, the line and the problem; --lenient lets the library have its way.
+    const std::pair<const char*, const char*> cases[] = {
+        // clang-format off
+        {"@1000\nGARBAGE\n", ":2: 'GARBAGE' is not a hexadecimal number"},
+        {"@XYZ\n1\n", ":1: bad address: 'XYZ'"},
+        {"@1000\n1122334455\n", ":2: '1122334455' does not fit in 32 bits"},
+        {"@1FFFFFFFF\n1\n", ":1: bad address: '1FFFFFFFF' does not fit"},
+        {"@FFFFFFFC\n1\n2\n", ":3: the packet runs past the end"},
+        {"", ": no data"}, {"@1000\n\n1\n", ":3: data line outside a packet"},
+        {"@1000\n\x01\n", ":2: control character"},
+        // clang-format on
+    };
+    for (const auto& [content, problem] : cases)
+        expect({"load", writeFile("bad.lod", content)}, 3, "", {"bad.lod" + QString(problem)});
+    expect({"read32", "0x1000"}, 0, "0x00000000\n"); // nothing was written
+    expect({"load", writeFile("g.lod", "@1000\n12\nGARBAGE\n"), "--lenient"}, 0, "");
+    expect({"dump", "0x1000", "2", "-"}, 0, "@00001000\n00000012\n00000000\n");
+    // A skipped packet is said, not silent.
+    expect({"load", writeFile("s.lod", "@1000\n1\n\n@F0000000\n1\n2\n")}, 0, "",
+           {"line 4: packet at 0xF0000000 (2 words) skipped"});
+
     QByteArray data;
     for (int i = 0; i < 100 * 1024 + 3; ++i)
         data += char(i * 7 + i / 256);
@@ -214,33 +237,6 @@ TEST_F(ToolTest, BlocksAndFirmwareFromAndToFiles)
            "0x00001008: expected 0x33333333, read 0x00000000\n",
            {"error 17: " + QString(PXST_ResultText(17)) +
             " (2 words differ; first 0x00001008: expected 0x33333333, read 0x00000000)"});
-}
-
-// Files that the library would read leniently are refused before anything is sent, naming
-// the file, the line and the problem; --lenient lets the library have its way.
-TEST_F(ToolTest, BadFirmwareIsRefusedBeforeLoading)
-{
-    const std::pair<const char*, const char*> cases[] = {
-        // clang-format off
-        {"@1000\nGARBAGE\n", ":2: 'GARBAGE' is not a hexadecimal number"},
-        {"@XYZ\n1\n", ":1: bad address: 'XYZ'"},
-        {"@1000\n1122334455\n", ":2: '1122334455' does not fit in 32 bits"},
-        {"@1FFFFFFFF\n1\n", ":1: bad address: '1FFFFFFFF' does not fit"},
-        {"@FFFFFFFC\n1\n2\n", ":3: the packet runs past the end"},
-        {"", ": no data"}, {"@1000\n\n1\n", ":3: data line outside a packet"},
-        {"@1000\n\x01\n", ":2: control character"},
-        // clang-format on
-    };
-    for (const auto& [content, problem] : cases) {
-        const QString path = writeFile("bad.lod", content);
-        expect({"load", path}, 3, "", {path + problem});
-    }
-    expect({"read32", "0x1000"}, 0, "0x00000000\n"); // nothing was written
-    expect({"load", writeFile("g.lod", "@1000\n12\nGARBAGE\n"), "--lenient"}, 0, "");
-    expect({"dump", "0x1000", "2", "-"}, 0, "@00001000\n00000012\n00000000\n");
-    // A skipped packet is said, not silent.
-    expect({"load", writeFile("s.lod", "@1000\n1\n\n@F0000000\n1\n2\n")}, 0, "",
-           {"line 4: packet at 0xF0000000 (2 words) skipped"});
 }
 
 // Outputs: every write error fails, nothing half-written is left, a closed pipe ends a command
@@ -278,9 +274,8 @@ TEST_F(ToolTest, OutputsFailLoudlyAndServeScripts)
          R"({"command":"verify","ok":false,"exit":1,"code":17,"error":)"},
         // clang-format on
     };
-    for (const auto& [arguments, exitCode, line] : cases)
-        EXPECT_TRUE(
-            expect(QStringList{"--json"} + arguments, exitCode, nullptr).out.startsWith(line))
+    for (const auto& [args, code, line] : cases)
+        EXPECT_TRUE(expect(QStringList{"--json"} + args, code, nullptr).out.startsWith(line))
             << line;
     expect({"write", "0x20", "-"}, 0, "", {}, "\x01\x02\x03\x04");
     expect({"dump", "0x20", "1", "-"}, 0, "@00000020\n04030201\n");
