@@ -260,7 +260,8 @@ TEST_F(ToolTest, OutputsFailLoudlyAndServeScripts)
     EXPECT_TRUE(dump.readAllStandardError().contains("error 21: "));
     EXPECT_EQ(files().join(' '), "x.lod");
     // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
-    const QString read = "'" + tool + "' " + server.join(' ') + " read 0 0x10000000 | head -c1";
+    const QString read =
+        "timeout 10 '" + tool + "' " + server.join(' ') + " read 0 0x10000000 | head -c1";
     expectRun({"-c", read + " >/dev/null; echo ${PIPESTATUS[0]}"}, 0, "3\n", {}, "/bin/bash");
 
     writeFile("in.bin", "\x08");
