@@ -4,8 +4,6 @@
 Run with PELLIX_LIBRARY pointing at a non-sanitizer build of libpellix_library.so, whose
 folder also holds the pellix program."""
 
-from __future__ import annotations
-
 import socket
 import threading
 import time
@@ -21,10 +19,16 @@ EVENT_REGISTER = 0xFFFFFF00
 
 @pytest.fixture(scope="module")
 def target():
-    connection = pellix.open(PORT)
-    yield connection
-    connection.kill()
-    connection.close()
+    with pellix.open(PORT) as connection:
+        yield connection
+        connection.kill()
+
+
+def raises(kind, code, call, *args, **kwargs):
+    """Calls ``call`` expecting the exception ``kind`` with the result code ``code``."""
+    error = pytest.raises(kind, call, *args, **kwargs).value
+    assert error.code == code
+    return error
 
 
 def test_memory_at_every_width_blocks_and_masks(target):
@@ -33,21 +37,17 @@ def test_memory_at_every_width_blocks_and_masks(target):
     target.write16(0x1002, 0xBEEF)
     target.write32(0x1004, 0xCAFEF00D)
     target.write_internal(0x10, 0x5A)
-    assert (target.read8(0x1001), target.read16(0x1002), target.read32(0x1004)) == (
-        0xAB, 0xBEEF, 0xCAFEF00D)
-    assert target.read_internal(0x10) == 0x5A
+    assert (target.read8(0x1001), target.read16(0x1002), target.read32(0x1004),
+            target.read_internal(0x10)) == (0xAB, 0xBEEF, 0xCAFEF00D, 0x5A)
     data = bytes(range(256)) * 400  # 100 KiB: several 32 KiB requests
     target.write(0x20001, data)
     assert target.read(0x20001, len(data)) == data
-    mask = b"\xff\x00\xff\xff"
-    assert target.read_masked(0x20001, mask) == bytes([data[0], 0, data[2], data[3]])
+    assert target.read_masked(0x20001, b"\xff\x00\xff\xff") == b"\x00\x00\x02\x03"
     assert target.read(0x20001, 0) == b""
 
 
 def test_events_queue_iterator_and_callback_thread(target):
-    with pytest.raises(pellix.EventsNotEnabled) as raised:
-        pellix.open(PORT, start=False).pop_event()
-    assert raised.value.code == 20
+    raises(pellix.EventsNotEnabled, 20, pellix.open(PORT, start=False).pop_event)
     target.enable_events()
     target.flush_events()
     assert target.pop_event() is None
@@ -87,23 +87,20 @@ def test_bypass_round_trip_and_iterator(target):
     target.send_bypass(0x21, b"x")
     assert list(target.bypass_packets(timeout=0.5)) == [(0x22, b""), (0x21, b"x")]
     assert target.wait_bypass(0) is None
-    with pytest.raises(pellix.PacketTooLarge) as raised:
-        target.send_bypass(0x21, bytes(65531))
-    assert raised.value.code == 6 and isinstance(raised.value, ValueError)
+    assert isinstance(raises(pellix.PacketTooLarge, 6, target.send_bypass, 0x21, bytes(65531)),
+                      ValueError)
 
 
 def test_server_control(target):
-    target.ping()
     assert target.status() is True
-    for call in (target.flush, target.auto_baud, target.send_break, target.reconnect):
+    for call in (target.ping, target.flush, target.auto_baud, target.send_break, target.reconnect):
         call()
     target.set_baud(115200)
     target.set_flow("xonxoff")
     target.set_flow(0x12345678)
     target.set_usb_ids(0x1234, 0x5678)
     assert target.connected
-    with pytest.raises(ValueError):
-        target.set_flow("sometimes")
+    pytest.raises(ValueError, target.set_flow, "sometimes")
 
 
 def test_firmware_load_verify_dump(target, tmp_path):
@@ -111,11 +108,9 @@ def test_firmware_load_verify_dump(target, tmp_path):
     lod = tmp_path / "image.lod"
     lod.write_text("@00300000\n" + "".join(f"{w:08x}\n" for w in words))
     progress = []
-    target.load(lod, verify=True, progress=lambda done, total: progress.append(
-        (done, total, threading.current_thread())))
-    done, total, thread = progress[-1]
-    assert done == total == 8000  # loaded and read back
-    assert thread is threading.main_thread()
+    target.load(lod, verify=True,
+                progress=lambda *call: progress.append((*call, threading.current_thread())))
+    assert progress[-1] == (8000, 8000, threading.main_thread())  # loaded and read back
     assert target.verify(lod) is None
     target.write32(0x00300008, 0)
     assert target.verify(lod, progress=lambda done, total: None) == 0x00300008
@@ -124,9 +119,7 @@ def test_firmware_load_verify_dump(target, tmp_path):
     # finds it changed.
     clash = tmp_path / "clash.lod"
     clash.write_text("@00300000\n00000001\n00000002\n@00300004\n0bad0bad\n")
-    with pytest.raises(pellix.VerifyMismatch) as raised:
-        target.load(clash, verify=True)
-    assert raised.value.code == 17 and raised.value.address == 0x00300004
+    assert raises(pellix.VerifyMismatch, 17, target.load, clash, verify=True).address == 0x00300004
 
     binary = tmp_path / "dump.bin"
     target.dump(binary, 0x00300000, 4, binary=True)
@@ -134,38 +127,25 @@ def test_firmware_load_verify_dump(target, tmp_path):
         w.to_bytes(4, "little") for w in [1, 0x0BAD0BAD, 0, words[3]])
     text = tmp_path / "dump.lod"
     target.dump(text, 0x00300000, 2, progress=lambda done, total: None)
-    assert [line.lower() for line in text.read_text().split()] == [
-        "@00300000", "00000001", "0bad0bad"]
-    with pytest.raises(pellix.FileError):
-        target.load(tmp_path / "missing.lod")
-    with pytest.raises(pellix.Cancelled):  # a true result stops the transfer
-        target.load(lod, verify=True, progress=lambda done, total: True)
+    assert text.read_text().lower().split() == ["@00300000", "00000001", "0bad0bad"]
+    raises(pellix.FileError, 16, target.load, tmp_path / "missing.lod")
+    # A true result stops the transfer.
+    raises(pellix.Cancelled, 21, target.load, lod, verify=True, progress=lambda done, total: True)
 
 
 def test_error_mapping():
-    listener = socket.socket()
-    listener.bind(("127.0.0.1", 0))
-    port = listener.getsockname()[1]
-    listener.close()
-    with pytest.raises(pellix.ConnectionFailed) as raised:
-        pellix.open(host="127.0.0.1", tcp_port=port)
-    assert raised.value.code == 11 and isinstance(raised.value, ConnectionError)
-    assert "no connection" in raised.value.text
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        port = listener.getsockname()[1]
+    error = raises(pellix.ConnectionFailed, 11, pellix.open, host="127.0.0.1", tcp_port=port)
+    assert isinstance(error, ConnectionError) and "no connection" in error.text
 
     # A server that accepts and never answers: requests end by their time-out.
-    silent = socket.socket()
-    silent.bind(("127.0.0.1", 0))
-    silent.listen()
-    connection = pellix.open(host="127.0.0.1", tcp_port=silent.getsockname()[1])
-    start = time.monotonic()
-    with pytest.raises(pellix.ReplyTimeout) as raised:
-        connection.ping()
-    assert raised.value.code == 13 and isinstance(raised.value, TimeoutError)
-    assert 4.5 < time.monotonic() - start < 10
-    handle = connection.handle
-    connection.close()
-    connection.close()  # closing twice is harmless
-    with pytest.raises(pellix.UnknownHandle) as raised:
-        pellix.Connection(handle).read32(0)
-    assert raised.value.code == 3
-    silent.close()
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        connection = pellix.open(host="127.0.0.1", tcp_port=silent.getsockname()[1])
+        start = time.monotonic()
+        assert isinstance(raises(pellix.ReplyTimeout, 13, connection.ping), TimeoutError)
+        assert 4.5 < time.monotonic() - start < 10
+        handle = connection.handle
+        connection.close()
+        connection.close()  # closing twice is harmless
+        raises(pellix.UnknownHandle, 3, pellix.Connection(handle).read32, 0)

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include <pellix/api/PXLLibraryApi.h>
@@ -25,62 +26,65 @@ struct ToolRun
     QString out, err;
 };
 
-ToolRun runTool(const QStringList& arguments)
+// Runs `program` (pxtool, or another name in the binary folder, or a path) with `input` on
+// its standard input, expecting `exitCode`, exactly `out` on stdout (null: not checked) and
+// each of `err` somewhere in stderr.
+ToolRun expectRun(const QStringList& arguments, int exitCode, const char* out = "",
+                  const QStringList& err = {}, const QString& program = "pxtool",
+                  const QByteArray& input = {})
 {
     QProcess process;
-    process.start(SimulatorProcess::binaryFolder() + "/pxtool", arguments);
+    process.start(QDir(SimulatorProcess::binaryFolder()).filePath(program), arguments);
+    process.write(input);
+    process.closeWriteChannel();
     const bool ended =
         process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit;
-    return {ended ? process.exitCode() : -1, QString(process.readAllStandardOutput()),
-            QString(process.readAllStandardError())};
-}
-
-// Runs pxtool expecting `exitCode`, exactly `out` on stdout (null: not checked) and `err`
-// somewhere in stderr.
-ToolRun expectRun(const QStringList& arguments, int exitCode, const char* out = "",
-                  const QString& err = {})
-{
-    const ToolRun run = runTool(arguments);
+    const ToolRun run{ended ? process.exitCode() : -1, process.readAllStandardOutput(),
+                      process.readAllStandardError()};
     EXPECT_TRUE(run.exitCode == exitCode && (out == nullptr || run.out.toStdString() == out) &&
-                run.err.contains(err))
+                std::all_of(err.begin(), err.end(), [&](auto& e) { return run.err.contains(e); }))
         << arguments.join(' ').toStdString() << "\nexit " << run.exitCode << "\nstdout:\n"
         << run.out.toStdString() << "\nstderr:\n"
         << run.err.toStdString();
     return run;
 }
 
-// A simulator of its own (on a free port) for each case, which pxtool reaches by --tcp-port.
+// A simulator of its own (on a free port) for each case, which pxtool reaches by --tcp-port,
+// and a folder of its own, which is the working folder: files go by their plain names.
 class ToolTest : public ::testing::Test
 {
 protected:
+    ToolTest() { QDir::setCurrent(folder.path()); }
     ToolRun expect(const QStringList& arguments, int exitCode, const char* out = "",
-                   const QString& err = {})
+                   const QStringList& err = {}, const QByteArray& input = {})
     {
-        const QStringList server{"--tcp-port", QString::number(simulator.port())};
-        return expectRun(server + arguments, exitCode, out, err);
+        return expectRun(server + arguments, exitCode, out, err, "pxtool", input);
     }
-    QString file(const QString& name) const { return folder.filePath(name); }
-    // Writes `content` to the file `name` of the test's folder, or reads it back.
-    QString writeFile(const QString& name, const QByteArray& content) const
+    // Writes `content` to the file `name`, or reads it back.
+    static QString writeFile(const QString& name, const QByteArray& content)
     {
-        std::ofstream(file(name).toStdString(), std::ios::binary) << content.toStdString();
-        return file(name);
+        std::ofstream(name.toStdString(), std::ios::binary) << content.toStdString();
+        return name;
     }
-    QByteArray readFile(const QString& name) const
+    static QByteArray readFile(const QString& name)
     {
-        QFile f(file(name));
+        QFile f(name);
         return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
     }
 
     SimulatorProcess simulator;
     QTemporaryDir folder;
+    // pxtool, and its arguments that reach this case's simulator.
+    const QString tool = SimulatorProcess::binaryFolder() + "/pxtool";
+    const QStringList server{"--tcp-port", QString::number(simulator.port())};
 };
 
 // ---- without a server -------------------------------------------------------------------
 
-// A case for each kind of mistake; the parsing of numbers and bytes has its tables in
-// tst_tool_text.
-TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
+// Usage errors: a case for each kind of mistake; the parsing of numbers and bytes has its
+// tables in tst_tool_text. Help: the command list comes from the command table; one command's
+// help stands for the others.
+TEST(PXToolUsage, CommandLinesHelpAndVersions)
 {
     // Port 249 has no server; a usage error must be found before any connection attempt
     // (which would start one).
@@ -97,47 +101,20 @@ TEST(PXToolUsage, BadCommandLinesExitWithTwoBeforeConnecting)
         // clang-format on
     };
     for (const auto& [arguments, message] : cases)
-        expectRun(arguments, 2, "", message);
-    // Nothing was started on port 249 by any of them.
-    EXPECT_EQ(runTool(p + QStringList{"--no-start", "ping"}).exitCode, 1);
-}
+        expectRun(arguments, 2, "", {message});
+    // Nothing was started on port 249 by any of them. kill never starts a server: with none
+    // it fails with exit 1, the result code and its text.
+    expectRun(p + QStringList{"kill"}, 1, "",
+              {"error 11: " + QString(PXST_ResultText(11)) + " (no server for COM249 at"});
 
-// The command list comes from the command table; one command's help stands for the others.
-TEST(PXToolUsage, HelpTexts)
-{
     EXPECT_TRUE(expectRun({"--help"}, 0, nullptr)
                     .out.contains("\n  read-masked      read the bytes a mask selects\n"));
     const ToolRun read = expectRun({"help", "read"}, 0, nullptr);
     EXPECT_EQ(read.out.section('\n', 0, 0),
               "Usage: pxtool [options] read ADDRESS SIZE [command options]");
-    EXPECT_EQ(runTool({"read", "--help"}).out, read.out);
-}
-
-// A missing server: exit 1 with the result code and its text.
-TEST(PXToolUsage, KillWithoutAServerStartsNoneAndExitsWithOne)
-{
-    // kill never starts a server: with none on port 248 it fails.
-    expectRun({"--port", "248", "kill"}, 1, "",
-              "error 11: " + QString(PXST_ResultText(11)) + " (no server for COM248 at");
-}
-
-TEST(PXToolUsage, VersionsAndNoServerToStart)
-{
+    expectRun({"read", "--help"}, 0, qPrintable(read.out));
     expectRun({"--version"}, 0, "pxtool " PELLIX_VERSION "\n");
-    QProcess pellix;
-    pellix.start(SimulatorProcess::binaryFolder() + "/pellix", {"--version"});
-    ASSERT_TRUE(pellix.waitForFinished(10000));
-    EXPECT_EQ(pellix.readAllStandardOutput(), "pellix " PELLIX_VERSION "\n");
-    // A pxtool without a pellix beside it says so at once instead of probing for 10 s.
-    QTemporaryDir alone;
-    const QString copy = alone.filePath("pxtool");
-    ASSERT_TRUE(QFile::copy(SimulatorProcess::binaryFolder() + "/pxtool", copy));
-    QProcess tool;
-    tool.start(copy, {"--port", "247", "ping"});
-    ASSERT_TRUE(tool.waitForFinished(5000));
-    EXPECT_EQ(tool.exitCode(), 1);
-    EXPECT_TRUE(tool.readAllStandardError().contains("and no " + copy.toUtf8().chopped(6) +
-                                                     "pellix to start"));
+    expectRun({"--version"}, 0, "pellix " PELLIX_VERSION "\n", {}, "pellix");
 }
 
 // ---- against a simulator ------------------------------------------------------------------
@@ -146,25 +123,31 @@ TEST(PXToolUsage, VersionsAndNoServerToStart)
 TEST(PXToolServer, OpenStartsTheServerBesideTheToolAndKillStopsIt)
 {
     const QStringList port{"--port", "201"};
+    const QString tool = SimulatorProcess::binaryFolder() + "/pxtool";
     const auto answers = [&] {
-        return runTool(port + QStringList{"--no-start", "ping"}).exitCode == 0;
+        return QProcess::execute(tool, port + QStringList{"--no-start", "ping"}) == 0;
     };
     ASSERT_FALSE(answers()) << "a server already runs on port 201";
     expectRun(port + QStringList{"--baud", "115200", "ping"}, 0, nullptr,
-              "started pellix COM201 115200 none (127.0.0.1:7901); stop it with 'pxtool --port "
-              "201 kill'");
+              {"started pellix COM201 115200 none (127.0.0.1:7901); stop it with 'pxtool --port "
+               "201 kill'"});
     EXPECT_TRUE(expectRun(port + QStringList{"kill"}, 0).err.isEmpty());
     // The server exits after reading the request: wait until nothing answers any more.
     EXPECT_TRUE(waitUntil([&] { return !answers(); }, 10000)) << "it still answers after kill";
+    // A pxtool without a pellix beside it says so at once instead of probing for 10 s.
+    QTemporaryDir alone;
+    ASSERT_TRUE(QFile::copy(tool, alone.filePath("pxtool")));
+    expectRun({"--port", "247", "ping"}, 1, "",
+              {"and no " + alone.filePath("pellix") + " to start"}, alone.filePath("pxtool"));
 }
 
 // Commands and what each prints, in order: a read follows its write. An "events" follower
 // runs meanwhile and prints the first event that writes to the event register raise.
-TEST_F(ToolTest, CommandsPrintTheirResults)
+// Followers: --count 0 ends after enabling; a server that goes away ends them with an error.
+TEST_F(ToolTest, CommandsPrintTheirResultsAndFollowersEndWhenTheServerGoes)
 {
     QProcess events;
-    events.start(SimulatorProcess::binaryFolder() + "/pxtool",
-                 {"--tcp-port", QString::number(simulator.port()), "events", "--count", "1"});
+    events.start(tool, server + QStringList{"events", "--count", "1"});
     const std::string masked = "00001000  41 -- 43 -- ff" + std::string(34, ' ') + "  |A.C..|\n";
     const std::pair<const char*, std::string> steps[] = {
         // clang-format off
@@ -175,6 +158,7 @@ TEST_F(ToolTest, CommandsPrintTheirResults)
         {"write 0x1000 --data 414243:00ff", ""}, {"read-masked 0x1000 --mask ff00ff0fff", masked},
         {"status", "1\n"}, {"clean", ""}, {"flush", ""}, {"break", ""}, {"auto-baud", ""},
         {"flow-mode xonxoff", ""}, {"usb-id 0x1234 0xABCD", ""}, {"reconnect", ""},
+        {"events --count 0", ""},
         // clang-format on
     };
     for (const auto& [command, out] : steps)
@@ -187,49 +171,28 @@ TEST_F(ToolTest, CommandsPrintTheirResults)
     }));
     const QString stamp = R"(^\d+ \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z 0x0000002A\n$)";
     EXPECT_TRUE(QRegularExpression(stamp).match(events.readAllStandardOutput()).hasMatch());
+    // --trace: each frame in hexadecimal with its direction and handle, on stderr.
+    expect({"--trace", "read8", "0x10"}, 0, "0x00\n",
+           {"pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n",
+            "pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"});
+
+    QProcess listen;
+    listen.start(tool, server + QStringList{"bypass-listen", "0x21"});
+    listen.setReadChannel(QProcess::StandardError);
+    ASSERT_TRUE(listen.waitForReadyRead(10000)); // "listening on 1 flow(s)"
+    expect({"kill"}, 0);
+    ASSERT_TRUE(listen.waitForFinished(15000));
+    EXPECT_EQ(listen.exitCode(), 1);
+    EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
 }
 
-TEST_F(ToolTest, BlocksFromAndToFiles)
+// Files in and out: bad firmware refused, good firmware loaded, verified and dumped, a
+// verification that finds a mismatch; blocks of 100 KiB + 3 bytes, more than one 64 KiB piece
+// and an odd tail.
+TEST_F(ToolTest, FirmwareAndBlocksFromAndToFiles)
 {
-    // 100 KiB + 3 bytes: more than one 64 KiB piece and an odd tail.
-    QByteArray data;
-    for (int i = 0; i < 100 * 1024 + 3; ++i)
-        data += char(i * 7 + i / 256);
-    // Summaries go to stderr: stdout carries data only.
-    EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, "")
-                    .err.startsWith("write: 100.00 KiB in "));
-    expect({"read", "0x40001", "102403", "--out", file("out.bin")}, 0, nullptr);
-    EXPECT_TRUE(readFile("out.bin") == data);
-    // A file the tool reads or writes itself: exit 3 with the system's reason.
-    expect({"write", "0x1000", file("missing.bin")}, 3, "",
-           "cannot open '" + file("missing.bin") + "': No such file");
-}
-
-TEST_F(ToolTest, LoadVerifyDumpAndAMismatch)
-{
-    const QString good =
-        writeFile("good.lod", "# two packets\n@00001000\n11111111\n22222222\n33333333\n\n"
-                              "@00002000\nABCDEF01\n@F0000000\n99999999\n");
-    ToolRun run = expect({"load", good, "--verify"}, 0, "");
-    EXPECT_TRUE(run.err.contains(": 16 B written in ") && run.err.contains(": 16 B match in "));
-    expect({"dump", "0x1000", "3", file("dump.lod")}, 0, nullptr);
-    EXPECT_EQ(readFile("dump.lod"), QByteArray("@00001000\n11111111\n22222222\n33333333\n"));
-    // --progress draws the bar even into a pipe, ending at 100%.
-    run = expect({"--progress", "load", good}, 0, nullptr);
-    EXPECT_TRUE(run.err.contains("load [") && run.err.contains("100%")) << run.err.toStdString();
-
-    expect({"write32", "0x1008", "0"}, 0);
-    expect({"write32", "0x2000", "0"}, 0);
-    expect({"verify", good, "--max-report", "1"}, 1,
-           "0x00001008: expected 0x33333333, read 0x00000000\n",
-           "error 17: " + QString(PXST_ResultText(17)) +
-               " (2 words differ; first 0x00001008: expected 0x33333333, read 0x00000000)");
-}
-
-// Files that the library would read leniently are refused before anything is sent, naming
-// the file, the line and the problem; --lenient lets the library have its way.
-TEST_F(ToolTest, BadFirmwareIsRefusedBeforeLoading)
-{
+    // Files that the library would read leniently are refused before anything is sent, naming
+    // the file, the line and the problem; --lenient lets the library have its way.
     const std::pair<const char*, const char*> cases[] = {
         // clang-format off
         {"@1000\nGARBAGE\n", ":2: 'GARBAGE' is not a hexadecimal number"},
@@ -241,81 +204,82 @@ TEST_F(ToolTest, BadFirmwareIsRefusedBeforeLoading)
         {"@1000\n\x01\n", ":2: control character"},
         // clang-format on
     };
-    for (const auto& [content, problem] : cases) {
-        const QString path = writeFile("bad.lod", content);
-        expect({"load", path}, 3, "", path + problem);
-    }
+    for (const auto& [content, problem] : cases)
+        expect({"load", writeFile("bad.lod", content)}, 3, "", {"bad.lod" + QString(problem)});
     expect({"read32", "0x1000"}, 0, "0x00000000\n"); // nothing was written
     expect({"load", writeFile("g.lod", "@1000\n12\nGARBAGE\n"), "--lenient"}, 0, "");
-    expect({"read32", "0x1004"}, 0, "0x00000000\n");
-    expect({"read32", "0x1000"}, 0, "0x00000012\n");
+    expect({"dump", "0x1000", "2", "-"}, 0, "@00001000\n00000012\n00000000\n");
     // A skipped packet is said, not silent.
     expect({"load", writeFile("s.lod", "@1000\n1\n\n@F0000000\n1\n2\n")}, 0, "",
-           "line 4: packet at 0xF0000000 (2 words) skipped");
+           {"line 4: packet at 0xF0000000 (2 words) skipped"});
+
+    QByteArray data;
+    for (int i = 0; i < 100 * 1024 + 3; ++i)
+        data += char(i * 7 + i / 256);
+    // Summaries go to stderr: stdout carries data only.
+    EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, "")
+                    .err.startsWith("write: 100.00 KiB in "));
+    expect({"read", "0x40001", "102403", "--out", "out.bin"}, 0, nullptr);
+    EXPECT_TRUE(readFile("out.bin") == data);
+    // A file the tool reads or writes itself: exit 3 with the system's reason.
+    expect({"write", "0x1000", "missing.bin"}, 3, "", {"cannot open 'missing.bin': No such file"});
+
+    const QString good =
+        writeFile("good.lod", "# two packets\n@00001000\n11111111\n22222222\n33333333\n\n"
+                              "@00002000\nABCDEF01\n@F0000000\n99999999\n");
+    expect({"load", good, "--verify"}, 0, "", {": 16 B written in ", ": 16 B match in "});
+    expect({"dump", "0x1000", "3", "-"}, 0, "@00001000\n11111111\n22222222\n33333333\n");
+    // --progress draws the bar even into a pipe, ending at 100%.
+    expect({"--progress", "load", good}, 0, nullptr, {"load [", "100%"});
+    expect({"write32", "0x1008", "0"}, 0);
+    expect({"write32", "0x2000", "0"}, 0);
+    expect({"verify", good, "--max-report", "1"}, 1,
+           "0x00001008: expected 0x33333333, read 0x00000000\n",
+           {"error 17: " + QString(PXST_ResultText(17)) +
+            " (2 words differ; first 0x00001008: expected 0x33333333, read 0x00000000)"});
 }
 
-// Outputs: every write error fails, nothing half-written is left, a closed pipe ends at once.
-TEST_F(ToolTest, OutputsFailLoudlyAndLeaveNoPartialFile)
+// Outputs: every write error fails, nothing half-written is left, a closed pipe ends a command
+// at once. Scripts: one JSON object per result and per failure, "-" for standard input and
+// output.
+TEST_F(ToolTest, OutputsFailLoudlyAndServeScripts)
 {
-    expect({"dump", "0", "64", "/dev/full"}, 3, "", "cannot write '/dev/full': No space left");
-    expect({"dump", "0", "1", file("x.lod")}, 0, "");
-    expect({"dump", "0xFFFFFFFC", "2", file("x.lod")}, 2, "", "runs past the end");
+    expect({"dump", "0", "64", "/dev/full"}, 3, "", {"cannot write '/dev/full': No space left"});
+    expect({"dump", "0", "1", "x.lod"}, 0, "");
+    expect({"dump", "0xFFFFFFFC", "2", "x.lod"}, 2, "", {"runs past the end"});
     EXPECT_EQ(readFile("x.lod"), QByteArray("@00000000\n00000000\n"));
     // A stop signal in the middle of a long dump: error 21, and no file at all.
+    const auto files = [&] { return QDir(folder.path()).entryList(QDir::Files | QDir::Hidden); };
     QProcess dump;
-    dump.start(SimulatorProcess::binaryFolder() + "/pxtool",
-               {"--tcp-port", QString::number(simulator.port()), "dump", "0", "0x40000000",
-                file("big.bin"), "--binary"});
+    dump.start(tool, server + QStringList{"dump", "0", "0x40000000", "big.bin", "--binary"});
     // Once its temporary file is there, the dump is under way.
-    ASSERT_TRUE(waitUntil(
-        [&] { return QDir(folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 2; },
-        20000));
+    ASSERT_TRUE(waitUntil([&] { return files().size() == 2; }, 20000));
     dump.terminate();
     ASSERT_TRUE(dump.waitForFinished(20000));
     EXPECT_EQ(dump.exitCode(), 1);
     EXPECT_TRUE(dump.readAllStandardError().contains("error 21: "));
-    EXPECT_EQ(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden).join(' '), "x.lod");
-}
+    EXPECT_EQ(files().join(' '), "x.lod");
+    // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
+    const QString read =
+        "timeout 10 '" + tool + "' " + server.join(' ') + " read 0 0x10000000 | head -c1";
+    expectRun({"-c", read + " >/dev/null; echo ${PIPESTATUS[0]}"}, 0, "3\n", {}, "/bin/bash");
 
-// Scripts: one JSON object per result and per failure, "-" for standard input and output, a
-// closed pipe ends a command at once.
-TEST_F(ToolTest, ScriptableOutput)
-{
     writeFile("in.bin", "\x08");
-    const std::pair<QStringList, const char*> cases[] = {
+    const std::tuple<QStringList, int, const char*> cases[] = {
         // clang-format off
-        {{"write32", "0x10", "7"}, R"({"command":"write32","ok":true})"},
-        {{"read32", "0x10"}, R"({"command":"read32","ok":true,"address":16,"value":7})"},
-        {{"read", "0x10", "2"}, R"({"command":"read","ok":true,"address":16,"data":"07 00"})"},
-        {{"read32", "x"}, R"({"command":"read32","ok":false,"exit":2,"error":"bad address 'x')"},
-        {{"verify", file("in.bin"), "--format", "binary", "--address", "0x10"},
+        {{"write32", "0x10", "7"}, 0, R"({"command":"write32","ok":true})"},
+        {{"read32", "0x10"}, 0, R"({"command":"read32","ok":true,"address":16,"value":7})"},
+        {{"read", "0x10", "2"}, 0, R"({"command":"read","ok":true,"address":16,"data":"07 00"})"},
+        {{"read32", "x"}, 2, R"({"command":"read32","ok":false,"exit":2,"error":"bad address 'x')"},
+        {{"verify", "in.bin", "--format", "binary", "--address", "0x10"}, 1,
          R"({"command":"verify","ok":false,"exit":1,"code":17,"error":)"},
         // clang-format on
     };
-    for (const auto& [arguments, line] : cases)
-        EXPECT_TRUE(expect(QStringList{"--json"} + arguments,
-                           arguments[0] == "verify" ? 1
-                           : arguments[1] == "x"    ? 2
-                                                    : 0,
-                           nullptr)
-                        .out.startsWith(line))
+    for (const auto& [args, code, line] : cases)
+        EXPECT_TRUE(expect(QStringList{"--json"} + args, code, nullptr).out.startsWith(line))
             << line;
-    // Standard input in, standard output out.
-    QProcess write;
-    write.start(SimulatorProcess::binaryFolder() + "/pxtool",
-                {"--tcp-port", QString::number(simulator.port()), "write", "0x20", "-"});
-    write.write("\x01\x02\x03\x04");
-    write.closeWriteChannel();
-    ASSERT_TRUE(write.waitForFinished(10000));
+    expect({"write", "0x20", "-"}, 0, "", {}, "\x01\x02\x03\x04");
     expect({"dump", "0x20", "1", "-"}, 0, "@00000020\n04030201\n");
-    // A reader that goes away ends a read of 256 MiB long before it could be done: exit 3.
-    QProcess pipe;
-    pipe.start("bash", {"-c", "'" + SimulatorProcess::binaryFolder() + "/pxtool' --tcp-port " +
-                                  QString::number(simulator.port()) +
-                                  " read 0 0x10000000 | head -c 1 >/dev/null; "
-                                  "echo ${PIPESTATUS[0]}"});
-    ASSERT_TRUE(pipe.waitForFinished(10000));
-    EXPECT_EQ(pipe.readAllStandardOutput(), "3\n");
 }
 
 // Every format, made by the standard tools: each loads and verifies at its own address, a
@@ -327,63 +291,33 @@ TEST_F(ToolTest, FirmwareFormatsOfTheStandardTools)
         blob += char(i * 13 + 5);
     writeFile("blob.bin", blob);
     writeFile("s.ld", "SECTIONS { .data 0x2000 : AT(0x13000) { *(.data) } }\n");
-    const auto run = [&](const QString& program, const QStringList& arguments) {
-        QProcess process;
-        process.setWorkingDirectory(folder.path());
-        process.start(program, arguments);
-        return process.waitForFinished(20000) && process.exitCode() == 0;
+    const auto make = [](const QString& program, const QString& arguments) {
+        return QProcess::execute(program, arguments.split(' ')) == 0;
     };
     ASSERT_TRUE(
-        run("objcopy", {"-I", "binary", "-O", "ihex", "--change-addresses", "0x11000", "blob.bin",
-                        "blob.hex"}) &&
-        run("objcopy", {"-I", "binary", "-O", "srec", "--change-addresses", "0x12000", "blob.bin",
-                        "blob.srec"}) &&
-        run("objcopy", {"-I", "binary", "-O", "elf32-i386", "-B", "i386", "blob.bin", "blob.o"}) &&
-        run("ld", {"-m", "elf_i386", "-T", "s.ld", "blob.o", "-o", "blob.elf"}));
+        make("objcopy", "-I binary -O ihex --change-addresses 0x11000 blob.bin blob.hex") &&
+        make("objcopy", "-I binary -O srec --change-addresses 0x12000 blob.bin blob.srec") &&
+        make("objcopy", "-I binary -O elf32-i386 -B i386 blob.bin blob.o") &&
+        make("ld", "-m elf_i386 -T s.ld blob.o -o blob.elf"));
     for (const char* name : {"blob.hex", "blob.srec", "blob.elf"})
-        expect({"load", file(name), "--verify"}, 0, "");
-    expect({"load", file("blob.bin"), "--format", "binary", "--address", "0x14000"}, 0, "");
+        expect({"load", name, "--verify"}, 0, "");
+    expect({"load", "blob.bin", "--format", "binary", "--address", "0x14000"}, 0, "");
     for (const char* address : {"0x11000", "0x12000", "0x13000", "0x14000"})
-        expect({"dump", address, "251", file("d.lod")}, 0, "");
-    expect({"dump", "0x13000", "250", file("d.hex"), "--format", "hex"}, 0, "");
-    expect({"dump", "0x13000", "250", file("d.srec"), "--format", "srec"}, 0, "");
-    for (const char* name : {"d.hex", "d.srec"}) {
-        ASSERT_TRUE(run("objcopy", {"-I", QString(name).endsWith("hex") ? "ihex" : "srec", "-O",
-                                    "binary", name, "back.bin"}));
-        EXPECT_EQ(readFile("back.bin"), blob.left(1000)) << name;
+        expect({"verify", "blob.bin", "--format", "binary", "--address", address}, 0, "");
+    const std::pair<QString, QString> dumps[] = {{"hex", "ihex"}, {"srec", "srec"}};
+    for (const auto& [format, objcopyName] : dumps) {
+        expect({"dump", "0x13000", "250", "d." + format, "--format", format}, 0, "");
+        ASSERT_TRUE(make("objcopy", "-I " + objcopyName + " -O binary d." + format + " back.bin"));
+        EXPECT_EQ(readFile("back.bin"), blob.left(1000)) << format.toStdString();
     }
-    expect({"convert", file("blob.elf"), file("c.srec")}, 0, "");
-    expect({"convert", file("c.srec"), file("c.bin")}, 0, "");
+    expect({"convert", "blob.elf", "c.srec"}, 0, "");
+    expect({"convert", "c.srec", "c.bin"}, 0, "");
     EXPECT_EQ(readFile("c.bin"), blob);
     // The wrong format named: a hint. A cut file: its own problem, nothing loaded.
-    expect({"verify", file("blob.hex"), "--format", "lod"}, 3, "", "(this looks like Intel HEX)");
+    expect({"verify", "blob.hex", "--format", "lod"}, 3, "", {"(this looks like Intel HEX)"});
     const QByteArray hex = readFile("blob.hex");
     writeFile("cut.hex", hex.left(hex.lastIndexOf(":00000001FF")));
-    expect({"load", file("cut.hex")}, 3, "", "Intel HEX: no end-of-file record");
-}
-
-// --trace: each frame in hexadecimal with its direction and handle, on stderr.
-TEST_F(ToolTest, TraceLogsEveryFrame)
-{
-    const ToolRun run = expect({"--trace", "read8", "0x10"}, 0, "0x00\n");
-    EXPECT_TRUE(run.err.contains("pellix.frames: [1] > bb 00 05 ff 00 10 00 00 00\n") &&
-                run.err.contains("pellix.frames: [1] < bb 00 05 7f 10 00 00 00 00\n"))
-        << run.err.toStdString();
-}
-
-// Followers: --count 0 ends after enabling; a server that goes away ends them with an error.
-TEST_F(ToolTest, FollowersEndWhenTheServerGoes)
-{
-    expect({"events", "--count", "0"}, 0, "");
-    QProcess listen;
-    listen.start(SimulatorProcess::binaryFolder() + "/pxtool",
-                 {"--tcp-port", QString::number(simulator.port()), "bypass-listen", "0x21"});
-    listen.setReadChannel(QProcess::StandardError);
-    ASSERT_TRUE(listen.waitForReadyRead(10000)); // "listening on 1 flow(s)"
-    expect({"kill"}, 0);
-    ASSERT_TRUE(listen.waitForFinished(15000));
-    EXPECT_EQ(listen.exitCode(), 1);
-    EXPECT_TRUE(listen.readAllStandardError().contains("(the server has gone)"));
+    expect({"load", "cut.hex"}, 3, "", {"Intel HEX: no end-of-file record"});
 }
 
 } // namespace

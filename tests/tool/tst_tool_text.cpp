@@ -14,7 +14,7 @@ using namespace pxtool;
 
 namespace {
 
-TEST(PXToolText, ParseUnsignedAndHexBytes)
+TEST(PXToolText, ParseUnsignedHexBytesAndTheProgressLine)
 {
     // A failed parse leaves the value as it was: `bad`. Decimal "0100" is never octal.
     constexpr std::uint64_t u32 = 0xFFFFFFFF, u64 = ~0ull, bad = 12345;
@@ -47,11 +47,8 @@ TEST(PXToolText, ParseUnsignedAndHexBytes)
         EXPECT_EQ(parseHexBytes(text, &bytes), ok) << text;
         EXPECT_EQ(bytes, expected) << text;
     }
-}
 
-TEST(PXToolText, ProgressLine)
-{
-    // More done than the total (a callback overshooting) is drawn as complete.
+    // The progress line: more done than the total (a callback overshooting) is drawn as complete.
     EXPECT_EQ(progressLine("x", 9, 4, 0.0, 2), "x [==] 100%  4 B / 4 B  -");
     EXPECT_EQ(progressLine("x", 0, 0, 0.0, 2), "x [==] 100%  0 B / 0 B  -");
     EXPECT_EQ(progressLine("load", 512, 1024, 1.0, 10),
