@@ -1,8 +1,8 @@
-// Shared by the fuzz targets: failing with a message; the server end of one TCP connection
-// for the connection fuzzers (a listening socket on 127.0.0.1, any free port, opened once per
-// process, and the accepted peer of each client; plain POSIX sockets, used from the fuzzing
-// thread only, with poll() deadlines so that no input can hang the fuzzer), the requests the
-// connection fuzzers make, and cutting a stream into frames.
+// Shared by the fuzz targets: failing with a message; the ends of TCP connections (for the
+// connection fuzzers a listening socket on 127.0.0.1, any free port, opened once per process,
+// and the accepted peer of each client; for the simulator fuzzer its client; plain POSIX
+// sockets, used from the fuzzing thread only, with poll() deadlines so that no input can hang
+// the fuzzer), the requests the connection fuzzers make, and cutting a stream into frames.
 
 #ifndef PELLIX_FUZZ_FUZZPEER_H
 #define PELLIX_FUZZ_FUZZPEER_H
@@ -12,6 +12,7 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <QElapsedTimer>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -24,7 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
+#include <functional>
 #include <vector>
 
 namespace fuzzpeer {
@@ -39,8 +40,7 @@ namespace fuzzpeer {
 inline void ensureApplication()
 {
     static int argc = 1;
-    static char name[] = "fuzz";
-    static char* argv[] = {name, nullptr};
+    static char* argv[] = {const_cast<char*>("fuzz"), nullptr};
     if (!QCoreApplication::instance())
         new QCoreApplication(argc, argv);
 }
@@ -79,26 +79,26 @@ void forEachFrame(const QByteArray& stream, F f)
 // The listening socket (created on first use) and its port.
 struct Listener
 {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    quint16 port = 0;
-    Listener()
-    {
+    int fd;
+    quint16 port;
+};
+inline const Listener& listener()
+{
+    static const Listener instance = [] {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address = loopback(0);
         socklen_t size = sizeof address;
         if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
             ::listen(fd, 16) != 0 ||
             ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
             fail("socket/bind/listen");
-        port = ntohs(address.sin_port);
-    }
-};
-inline const Listener& listener()
-{
-    static const Listener instance;
+        return Listener{fd, ntohs(address.sin_port)};
+    }();
     return instance;
 }
 
-// One accepted client.
+// One end of a TCP connection on 127.0.0.1: a client accepted from the listener, or a client
+// of a server.
 class Peer
 {
 public:
@@ -114,43 +114,57 @@ public:
         const int one = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     }
+    // Connects to the server listening at `port`.
+    explicit Peer(quint16 port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        const sockaddr_in address = loopback(port);
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            fail("connect");
+    }
     ~Peer() { close(true); }
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
-    // Reads client frames until one with flow id `flow` has come; false after timeoutMs or
-    // when the client has closed.
+    // Appends to `bytes` what has come within timeoutMs; false once the other end has closed.
+    bool receive(QByteArray& bytes, int timeoutMs)
+    {
+        pollfd p{fd, POLLIN, 0};
+        if (retry([&] { return ::poll(&p, 1, timeoutMs); }) != 1)
+            return true;
+        char buffer[65536];
+        const ssize_t n = retry([&] { return ::read(fd, buffer, sizeof buffer); });
+        bytes.append(buffer, n > 0 ? int(n) : 0);
+        return n > 0;
+    }
+
+    // Reads frames until one with flow id `flow` has come; false after timeoutMs or when the
+    // other end has closed.
     bool waitForFrame(unsigned char flow, int timeoutMs)
     {
-        for (;;) {
+        for (QByteArray bytes;; bytes.clear()) {
             for (QByteArray f = parser.getPacket(false); !f.isEmpty(); f = parser.getPacket(false))
                 if (pxproto::flowId(f) == flow)
                     return true;
-            pollfd p{fd, POLLIN, 0};
-            unsigned char bytes[4096];
-            const ssize_t n = retry([&] { return ::poll(&p, 1, timeoutMs); }) == 1
-                                  ? retry([&] { return ::read(fd, bytes, sizeof bytes); })
-                                  : 0;
-            if (n <= 0)
+            if (!receive(bytes, timeoutMs) || bytes.isEmpty())
                 return false;
-            parser.feedData(bytes, int(n));
+            parser.feedData(bytes);
         }
     }
 
-    // Writes everything (blocking); false when the client has gone.
-    bool send(const QByteArray& bytes)
+    // Writes `bytes` from `done` on: all of them (blocking) or, without `wait`, as many as the
+    // socket takes now. Returns how far it got; it stops when the other end has gone.
+    qsizetype send(const QByteArray& bytes, qsizetype done = 0, bool wait = true)
     {
-        for (qsizetype done = 0, n = 1; done < bytes.size(); done += n)
-            if ((n = retry([&] {
-                     return ::send(fd, bytes.constData() + done, size_t(bytes.size() - done),
-                                   MSG_NOSIGNAL);
-                 })) <= 0)
-                return false;
-        return true;
+        const int flags = MSG_NOSIGNAL | (wait ? 0 : MSG_DONTWAIT);
+        for (ssize_t n = 1; n > 0 && done < bytes.size(); done += qMax<ssize_t>(n, 0))
+            n = retry([&] {
+                return ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), flags);
+            });
+        return done;
     }
 
-    // Closes: orderly (the client sees the end of the stream), or with a reset that leaves no
-    // TIME_WAIT entry behind (many inputs per second).
+    // Closes: orderly (the other end sees the end of the stream), or with a reset that leaves
+    // no TIME_WAIT entry behind (many inputs per second).
     void close(bool reset)
     {
         if (fd < 0)
@@ -179,72 +193,73 @@ inline QByteArray completion(const QByteArray& stream)
         while (!parser.getPacket(false).isEmpty()) {
         }
         const int buffered = parser.bufferedSize();
-        if (buffered == 0)
-            break;
-        const QByteArray head = parser.buffered();
-        const QByteArray zeros((buffered < pxproto::HeaderSize ? 0 : pxproto::payloadLength(head)) +
-                                   pxproto::HeaderSize - buffered,
-                               '\0');
+        const int length =
+            buffered < pxproto::HeaderSize ? 0 : pxproto::payloadLength(parser.buffered());
+        const QByteArray zeros(buffered == 0 ? 0 : length + pxproto::HeaderSize - buffered, '\0');
         parser.feedData(zeros);
         filler += zeros;
     }
     return filler;
 }
 
+// Fails unless a request timed by `clock` ended at once with 0, 13 or (when `closedEnds`) 12:
+// the reply sent after the input ends it, so a request that waited out its time-out missed a
+// frame.
+inline void checkEnded(const QElapsedTimer& clock, unsigned int result, bool closedEnds)
+{
+    if (clock.elapsed() > 3000)
+        fail("request waited for its time-out");
+    if (result != 0 && result != 13 && !(closedEnds && result == 12))
+        fail("unexpected result code");
+}
+
 // The requests of the connection fuzzers: an input byte picks one from the target's list.
 enum class Op { Read, ReadInternal, Write, Status, Ping, Break, Reconnect, None };
 constexpr unsigned int ReadAddress = 0x1000;
 
-// A request as it reaches the server (flow id 0: none), the reply that ends it at once (a read
-// data frame without data fails a read), and the size a read asks for.
+// A request on a PXConnection or a PXNSConnection: its flow id as it reaches the server (0:
+// none), the reply that ends it at once (a read data frame without data fails a read), and
+// the call (None gives 0).
+template <class Connection>
 struct Request
 {
     unsigned char flow;
     QByteArray terminator;
-    int readSize;
+    std::function<unsigned int(Connection&)> call;
 };
 
-inline Request request(Op op, int sizeIndex)
+template <class Connection>
+Request<Connection> request(Op op, int sizeIndex)
 {
     using namespace pxproto;
     constexpr int ReadSizes[] = {1, 2, 4, 8, 16, 64, 300};
-    int size = ReadSizes[sizeIndex % 7];
-    if (op == Op::ReadInternal && size <= 4)
-        size = 1; // internal single read
-    if (op == Op::Read || op == Op::ReadInternal)
-        return {size > 4 ? request::BlockRead : request::Read, emptyFrame(reply::ReadData), size};
-    // clang-format off
-    const std::pair<unsigned char, QByteArray> others[] = { // from Op::Write on
-        {request::Write, writeAck()}, {request::Status, statusReply(1)},
-        {request::Ping, pingReply()}, {request::Break, pxproto::completion()},
-        {request::ForceReconnect, pxproto::completion()}, {0, QByteArray()}};
-    // clang-format on
-    const auto& [flow, terminator] = others[int(op) - int(Op::Write)];
-    return {flow, terminator, size};
-}
-
-// Makes the request on a PXConnection or a PXNSConnection; None gives 0.
-template <class Connection>
-unsigned int perform(Connection& connection, Op op, int readSize)
-{
-    std::vector<unsigned char> buffer(size_t(readSize), 0);
-    unsigned char status = 0;
+    const bool internal = op == Op::ReadInternal;
+    // An internal read of up to 4 bytes is an internal single read.
+    const int size = internal && ReadSizes[sizeIndex % 7] <= 4 ? 1 : ReadSizes[sizeIndex % 7];
     switch (op) {
     case Op::Read:
     case Op::ReadInternal:
-        return connection.genericRead(ReadAddress, op == Op::ReadInternal, buffer.data(), readSize);
+        return {size > 4 ? request::BlockRead : request::Read, emptyFrame(reply::ReadData),
+                [=](Connection& connection) {
+                    std::vector<unsigned char> buffer(size_t(size), 0);
+                    return connection.genericRead(ReadAddress, internal, buffer.data(), size);
+                }};
     case Op::Write:
-        return connection.write32(ReadAddress, 0x12345678);
+        return {request::Write, writeAck(),
+                [](Connection& connection) { return connection.write32(ReadAddress, 0x12345678); }};
     case Op::Status:
-        return connection.getStatus(&status);
+        return {request::Status, statusReply(1), [](Connection& connection) {
+                    unsigned char status = 0;
+                    return connection.getStatus(&status);
+                }};
     case Op::Ping:
-        return connection.ping();
+        return {request::Ping, pingReply(), &Connection::ping};
     case Op::Break:
-        return connection.comBreak();
+        return {request::Break, pxproto::completion(), &Connection::comBreak};
     case Op::Reconnect:
-        return connection.forcePellixReconnect();
+        return {request::ForceReconnect, pxproto::completion(), &Connection::forcePellixReconnect};
     default:
-        return 0;
+        return {0, QByteArray(), [](Connection&) { return 0u; }};
     }
 }
 

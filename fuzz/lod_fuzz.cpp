@@ -17,7 +17,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -40,52 +39,54 @@ struct MemoryFile
     std::string path;
 };
 
-bool samePacket(const LodPacket* a, const LodPacket* b)
+struct Packet
 {
-    if (a->address != b->address || a->wordCount != b->wordCount)
-        return false;
-    if (a->wordCount == 0)
-        return a->words == nullptr && b->words == nullptr;
-    return std::memcmp(a->words, b->words, size_t(a->wordCount) * 4) == 0;
+    uint32_t address;
+    std::vector<uint32_t> words;
+};
+
+// A copy of a packet whose shape holds: a word array exactly when it has words.
+Packet copyOf(const LodPacket* packet)
+{
+    if (packet->wordCount < 0 || (packet->wordCount == 0) != (packet->words == nullptr))
+        fail("packet shape");
+    return {packet->address, {packet->words, packet->words + packet->wordCount}};
 }
 
-void checkRoundTrip(LodPacket* packet)
+// What `dump` writes for `packet`.
+template <class Dump>
+std::string dumped(Dump dump, LodPacket* packet)
 {
     char* text = nullptr;
-    size_t textSize = 0;
-    FILE* out = open_memstream(&text, &textSize);
-    LOD_DumpPacketLodFormat(out, packet);
+    size_t size = 0;
+    FILE* out = open_memstream(&text, &size);
+    dump(out, packet);
     std::fclose(out);
-    MemoryFile copy(text, textSize);
+    std::string result(text, size);
     std::free(text);
+    return result;
+}
+
+void checkRoundTrip(LodPacket* packet, const Packet& expected)
+{
+    const std::string text = dumped(LOD_DumpPacketLodFormat, packet);
+    MemoryFile copy(text.data(), text.size());
     LodFile* again = LOD_Open(copy.path.c_str());
     if (!again)
         fail("cannot reopen the dump");
     LodPacket* back = nullptr;
-    if (LOD_NextLodPacket(again, &back) != 0 || !back || !samePacket(packet, back))
+    if (LOD_NextLodPacket(again, &back) != 0 || !back || back->address != expected.address ||
+        copyOf(back).words != expected.words)
         fail("a dumped packet reads back differently");
     LOD_FreeLodPacket(back);
     back = nullptr;
     if (LOD_NextLodPacket(again, &back) != 0 || back)
         fail("a dump of one packet holds more");
     LOD_Close(again);
-
-    char* binary = nullptr;
-    size_t binarySize = 0;
-    out = open_memstream(&binary, &binarySize);
-    LOD_DumpPacketBinaryFormat(out, packet);
-    std::fclose(out);
-    if (binarySize != size_t(packet->wordCount) * 4 ||
-        (binarySize && std::memcmp(binary, packet->words, binarySize) != 0))
+    const auto* words = reinterpret_cast<const char*>(expected.words.data());
+    if (dumped(LOD_DumpPacketBinaryFormat, packet) != std::string(words, expected.words.size() * 4))
         fail("binary dump differs from the words");
-    std::free(binary);
 }
-
-struct Packet
-{
-    uint32_t address;
-    std::vector<uint32_t> words;
-};
 
 // The packets `expected` (then the end, or a data line outside a packet when `stray`) read
 // again by PacketReader in pieces.
@@ -137,32 +138,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     LodFile* lod = LOD_Open(file.path.c_str());
     if (!lod)
         fail("open");
-    // A file of n bytes holds at most n / 2 + 1 packets (each needs "@" and a line end).
-    const size_t limit = size / 2 + 2;
-    size_t packets = 0;
     std::vector<Packet> seen;
     bool stray = false;
     for (;;) {
         LodPacket* packet = reinterpret_cast<LodPacket*>(uintptr_t(1));
         const int result = LOD_NextLodPacket(lod, &packet);
-        if (result == 1) {
-            if (packet)
-                fail("result 1 with a packet");
-            stray = true;
-            break;
-        }
-        if (result != 0)
+        if (result == 1 && packet)
+            fail("result 1 with a packet");
+        if (result != 0 && result != 1)
             fail("result other than 0 and 1");
+        stray = result == 1;
         if (!packet)
             break;
-        if (packet->wordCount < 0 || (packet->wordCount == 0) != (packet->words == nullptr) ||
-            size_t(packet->wordCount) > size)
+        seen.push_back(copyOf(packet));
+        if (seen.back().words.size() > size)
             fail("packet shape");
-        checkRoundTrip(packet);
-        seen.push_back({packet->address,
-                        std::vector<uint32_t>(packet->words, packet->words + packet->wordCount)});
+        checkRoundTrip(packet, seen.back());
         LOD_FreeLodPacket(packet);
-        if (++packets > limit)
+        // A file of n bytes holds at most n / 2 + 1 packets (each needs "@" and a line end).
+        if (seen.size() > size / 2 + 2)
             fail("more packets than the file can hold");
     }
     LOD_Close(lod);

@@ -2,6 +2,7 @@
 // rest is cut into feeds; every packet cut must be a whole frame by its own length field, and
 // a second parser fed the same arrays must hand out the same packets in place (nextPacket).
 
+#include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
 
 #include <cstdint>
@@ -51,8 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 break;
             if (packet.size() < 4)
                 std::abort();
-            const int length = (uchar(packet[1]) << 8) | uchar(packet[2]);
-            if (packet.size() != length + 4 || uchar(packet[0]) != parser.getStartByte())
+            if (packet.size() != pxproto::payloadLength(packet) + 4 ||
+                uchar(packet[0]) != parser.getStartByte())
                 std::abort();
         }
         (void)parser.isNestedWaiting();

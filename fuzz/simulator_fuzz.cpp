@@ -12,11 +12,8 @@
 
 #include <QElapsedTimer>
 
-#include <fcntl.h>
-
-#include <algorithm>
 #include <cstdint>
-#include <iterator>
+#include <cstring>
 
 namespace {
 
@@ -54,12 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!server->listen(&error))
         fail("listen");
 
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = fuzzpeer::loopback(server->serverPort());
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        fail("connect");
-    ::fcntl(fd, F_SETFL, O_NONBLOCK);
-
+    auto* client = new fuzzpeer::Peer(server->serverPort());
     PXParser replies(PXParser::ServerFrames);
     qint64 written = 0, received = 0;
     bool ended = false, answered = false;
@@ -69,23 +61,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (clock.elapsed() > 5000)
             fail("no answer to the final ping");
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        if (written < stream.size()) {
-            const ssize_t n = ::send(fd, stream.constData() + written,
-                                     size_t(stream.size() - written), MSG_NOSIGNAL);
-            if (n > 0)
-                written += n;
-            else if (n < 0 && errno != EAGAIN && errno != EINTR)
-                ended = true;
-        }
-        unsigned char bytes[65536];
-        for (;;) {
-            const ssize_t n = fuzzpeer::retry([&] { return ::read(fd, bytes, sizeof bytes); });
-            if (n == 0 || (n < 0 && errno != EAGAIN))
-                ended = true;
-            if (n <= 0)
+        written = client->send(stream, written, false);
+        for (QByteArray bytes; !ended; bytes.clear()) {
+            ended = !client->receive(bytes, 0);
+            if (bytes.isEmpty())
                 break;
-            received += n;
-            replies.feedData(bytes, int(n));
+            received += bytes.size();
+            replies.feedData(bytes);
             if (!replies.logs().isEmpty())
                 fail("bytes outside reply frames");
             for (;;) {
@@ -95,8 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 if (frame.isEmpty())
                     break;
                 const unsigned char flow = pxproto::flowId(frame);
-                if (std::find(std::begin(ReplyFlows), std::end(ReplyFlows), flow) ==
-                    std::end(ReplyFlows))
+                if (!std::memchr(ReplyFlows, flow, sizeof ReplyFlows))
                     fail("a frame of a flow the server never sends");
                 if (flow == pxproto::reply::ReadData && pxproto::payloadLength(frame) <= 4)
                     fail("a read-data frame without data");
@@ -107,9 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
 
     // Leave with a reset in the middle of whatever the server is still producing.
-    linger off{1, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
-    ::close(fd);
+    delete client;
     for (int i = 0; i < 3; ++i)
         QCoreApplication::processEvents();
     delete server;

@@ -60,11 +60,11 @@ void FakeServer::run()
     CommandContext localContext([this] { drainCommands(); });
     QTcpServer localServer;
     localServer.listen(QHostAddress::LocalHost, 0);
-    QObject::connect(&localServer, &QTcpServer::newConnection, &localContext, [this] { accept(); });
+    QObject::connect(&localServer, &QTcpServer::newConnection, &localContext,
+                     [this, &localServer] { accept(localServer); });
     {
         std::lock_guard<std::mutex> lock(mutex);
         context = &localContext;
-        server = &localServer;
         listenPort = localServer.serverPort();
         ready = true;
     }
@@ -75,10 +75,9 @@ void FakeServer::run()
     std::lock_guard<std::mutex> lock(mutex);
     context = nullptr;
     commands.clear();
-    // The sockets are children of the server and go with it.
+    // The sockets are children of the server and go with it, their parsers with their
+    // connections.
     sockets.clear();
-    parsers.clear();
-    server = nullptr;
 }
 
 void FakeServer::post(std::function<void()> command)
@@ -120,20 +119,25 @@ int FakeServer::resolve(int client) const
     return clients - 1;
 }
 
-QTcpSocket* FakeServer::socketFor(int client) const
+void FakeServer::withSocket(int client, std::function<void(QTcpSocket*)> action)
 {
-    return client >= 0 && client < int(sockets.size()) ? sockets[size_t(client)] : nullptr;
+    const int index = resolve(client);
+    post([this, index, action] {
+        if (index >= 0 && index < int(sockets.size()))
+            action(sockets[size_t(index)]);
+    });
 }
 
-void FakeServer::accept()
+void FakeServer::accept(QTcpServer& server)
 {
-    while (QTcpSocket* socket = server->nextPendingConnection()) {
+    while (QTcpSocket* socket = server.nextPendingConnection()) {
         socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        const int index = int(sockets.size());
-        sockets.push_back(socket);
-        parsers.push_back(std::make_unique<PXParser>(PXParser::ServerFrames));
+        auto parser = std::make_shared<PXParser>(PXParser::ServerFrames);
         QObject::connect(socket, &QTcpSocket::readyRead, context,
-                         [this, index] { readClient(index); });
+                         [this, socket, parser, index = int(sockets.size())] {
+                             readClient(index, socket, *parser);
+                         });
+        sockets.push_back(socket);
         {
             std::lock_guard<std::mutex> lock(mutex);
             clients = int(sockets.size());
@@ -142,12 +146,8 @@ void FakeServer::accept()
     }
 }
 
-void FakeServer::readClient(int client)
+void FakeServer::readClient(int client, QTcpSocket* socket, PXParser& parser)
 {
-    QTcpSocket* socket = socketFor(client);
-    if (!socket)
-        return;
-    PXParser& parser = *parsers[size_t(client)];
     parser.feedData(socket->readAll());
     QList<QByteArray> cut;
     Responder current;
@@ -172,32 +172,24 @@ void FakeServer::setResponder(Responder newResponder)
     responder = std::move(newResponder);
 }
 
-void FakeServer::write(int index, const QByteArray& bytes) const
-{
-    if (QTcpSocket* socket = socketFor(index)) {
-        socket->write(bytes);
-        socket->flush();
-    }
-}
-
 void FakeServer::sendLater(const QByteArray& bytes, int delayMs, int client)
 {
-    const int index = resolve(client);
-    post([this, bytes, delayMs, index] {
+    withSocket(client, [bytes, delayMs](QTcpSocket* socket) {
+        const auto write = [socket, bytes] {
+            socket->write(bytes);
+            socket->flush();
+        };
         if (delayMs == 0)
-            return write(index, bytes);
-        QTimer::singleShot(delayMs, context, [this, bytes, index] { write(index, bytes); });
+            return write();
+        QTimer::singleShot(delayMs, socket, write);
     });
 }
 
 void FakeServer::closeClient(int client)
 {
-    const int index = resolve(client);
-    post([this, index] {
-        if (QTcpSocket* socket = socketFor(index)) {
-            socket->flush();
-            socket->close();
-        }
+    withSocket(client, [](QTcpSocket* socket) {
+        socket->flush();
+        socket->close();
     });
 }
 

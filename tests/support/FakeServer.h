@@ -71,11 +71,11 @@ private:
     void run();
     void post(std::function<void()> command);
     void drainCommands();
-    void accept();
-    void readClient(int client);
-    QTcpSocket* socketFor(int client) const;
-    void write(int client, const QByteArray& bytes) const;
+    void accept(QTcpServer& server);
+    void readClient(int client, QTcpSocket* socket, PXParser& parser);
     int resolve(int client) const;
+    // Runs `action` on the server's thread with the client's socket, if it has one.
+    void withSocket(int client, std::function<void(QTcpSocket*)> action);
 
     // The server's thread: a std::thread running a QEventLoop (joined, unlike a QThread, so
     // ThreadSanitizer sees its end).
@@ -83,9 +83,7 @@ private:
     QEventLoop* loop = nullptr; // server thread only
     quint16 listenPort = 0;
     QObject* context = nullptr;
-    QTcpServer* server = nullptr;
-    std::vector<QTcpSocket*> sockets;               // server thread only
-    std::vector<std::unique_ptr<PXParser>> parsers; // server thread only
+    std::vector<QTcpSocket*> sockets; // server thread only
 
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
