@@ -16,7 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
+#include <future>
 #include <set>
 #include <thread>
 #include <vector>
@@ -31,9 +31,18 @@ struct Opened
     PXConnection connection;
 };
 
-void count(void* calls)
+// Callback user data: calls, and calls after `destroyed` was set.
+struct Watch
 {
-    ++*static_cast<std::atomic<int>*>(calls);
+    std::atomic<int> calls{0}, lateCalls{0};
+    std::atomic<bool> destroyed{false};
+};
+
+void watch(void* data)
+{
+    auto* w = static_cast<Watch*>(data);
+    ++w->calls;
+    w->lateCalls += w->destroyed.load() ? 1 : 0;
 }
 
 } // namespace
@@ -57,20 +66,18 @@ TEST(ConnectionThreads, EachEventWakesOneWaiter)
 {
     Opened o;
     o.connection.enableEvents(true);
-    std::mutex mutex;
-    std::multiset<unsigned int> got;
-    std::vector<std::thread> threads;
+    std::vector<std::future<unsigned int>> waiters;
     for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&] {
+        waiters.push_back(std::async(std::launch::async, [&] {
             unsigned int event = 0;
             const unsigned int result = o.connection.waitEvent(&event, 20000);
-            std::lock_guard<std::mutex> lock(mutex);
-            got.insert(result == 0 ? event : result);
-        });
+            return result == 0 ? event : result;
+        }));
     for (int i = 0; i < 4; ++i)
         o.server.sendLater(pxproto::event(0x100 + quint32(i)), 100 * (i + 1));
-    for (auto& t : threads)
-        t.join();
+    std::multiset<unsigned int> got;
+    for (auto& waiter : waiters)
+        got.insert(waiter.get());
     EXPECT_EQ(got, (std::multiset<unsigned int>{0x100, 0x101, 0x102, 0x103}));
 }
 
@@ -115,40 +122,30 @@ TEST(ConnectionThreads, ConsumerRacingAWaiter)
 TEST(ConnectionThreads, DestroyWhileServerSends)
 {
     FakeServer server;
-    struct Watch
-    {
-        std::atomic<int> calls{0}, lateCalls{0};
-        std::atomic<bool> destroyed{false};
-    } watch;
-    auto onCall = [](void* p) {
-        auto* w = static_cast<Watch*>(p);
-        ++w->calls;
-        w->lateCalls += w->destroyed.load() ? 1 : 0;
-    };
+    Watch dying, witnessed;
     unsigned char ids[] = {0x21};
     auto* connection = new PXConnection;
     ASSERT_TRUE(connection->open("127.0.0.1", server.port()));
     connection->enableEvents(true);
-    connection->setEventCallback(onCall, &watch);
+    connection->setEventCallback(watch, &dying);
     connection->setBypassFlowIds(ids, 1);
-    connection->setBypassDelayCallback(onCall, &watch, 30);
+    connection->setBypassDelayCallback(watch, &dying, 30);
     QByteArray flood;
     for (int i = 0; i < 20000; ++i)
         flood += pxproto::event(quint32(i));
     server.send(flood + pxproto::bypassFrame(pxproto::debugPacket(0x21, "q", 1)));
-    waitUntil([&] { return watch.calls.load() > 0; });
+    waitUntil([&] { return dying.calls.load() > 0; });
     delete connection;
-    watch.destroyed = true;
-    const int atDestruction = watch.calls.load();
+    dying.destroyed = true;
+    const int atDestruction = dying.calls.load();
 
     PXConnection witness;
     ASSERT_TRUE(witness.open("127.0.0.1", server.port()));
     ASSERT_TRUE(server.waitForConnections(2)); // so that "the most recent client" is the witness
     witness.setBypassFlowIds(ids, 1);
-    std::atomic<int> witnessCalls{0};
-    witness.setBypassDelayCallback(count, &witnessCalls, 100);
+    witness.setBypassDelayCallback(watch, &witnessed, 100);
     server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "w", 1)));
-    EXPECT_TRUE(waitUntil([&] { return witnessCalls.load() == 1; }));
-    EXPECT_EQ(watch.lateCalls.load(), 0);
-    EXPECT_EQ(watch.calls.load(), atDestruction);
+    EXPECT_TRUE(waitUntil([&] { return witnessed.calls.load() == 1; }));
+    EXPECT_EQ(dying.lateCalls.load(), 0);
+    EXPECT_EQ(dying.calls.load(), atDestruction);
 }
