@@ -3,6 +3,7 @@
 // (Mixed requests from many threads on one and on several connections:
 // tests/robustness/tst_stress.)
 
+#include "ConnectionChecks.h"
 #include "FakeServer.h"
 #include "WaitUntil.h"
 
@@ -21,34 +22,10 @@
 #include <thread>
 #include <vector>
 
-namespace {
-
-struct Opened
-{
-    Opened() { EXPECT_TRUE(connection.open("127.0.0.1", server.port())); }
-
-    FakeServer server;
-    PXConnection connection;
-};
-
-// Callback user data: calls, and calls after `destroyed` was set.
-struct Watch
-{
-    std::atomic<int> calls{0}, lateCalls{0};
-    std::atomic<bool> destroyed{false};
-};
-
-void watch(void* data)
-{
-    auto* w = static_cast<Watch*>(data);
-    ++w->calls;
-    w->lateCalls += w->destroyed.load() ? 1 : 0;
-}
-
-} // namespace
+using ConnectionThreads = Connected<PXConnection>;
 
 // The manager is made once even when the first calls race (its creation is hand-locked).
-TEST(ConnectionThreads, InstanceRaceGivesOneManager)
+TEST(ClientManagerThreads, InstanceRaceGivesOneManager)
 {
     std::vector<std::thread> threads;
     std::vector<PXClientManager*> seen(8, nullptr);
@@ -62,19 +39,18 @@ TEST(ConnectionThreads, InstanceRaceGivesOneManager)
 
 // Each arriving event wakes one waiter: with wake-all, the waiters that lose the race would
 // return 19 (which would show among the results).
-TEST(ConnectionThreads, EachEventWakesOneWaiter)
+TEST_F(ConnectionThreads, EachEventWakesOneWaiter)
 {
-    Opened o;
-    o.connection.enableEvents(true);
+    connection.enableEvents(true);
     std::vector<std::future<unsigned int>> waiters;
     for (int i = 0; i < 4; ++i)
         waiters.push_back(std::async(std::launch::async, [&] {
             unsigned int event = 0;
-            const unsigned int result = o.connection.waitEvent(&event, 20000);
+            const unsigned int result = connection.waitEvent(&event, 20000);
             return result == 0 ? event : result;
         }));
     for (int i = 0; i < 4; ++i)
-        o.server.sendLater(pxproto::event(0x100 + quint32(i)), 100 * (i + 1));
+        server.sendLater(pxproto::event(0x100 + quint32(i)), 100 * (i + 1));
     std::multiset<unsigned int> got;
     for (auto& waiter : waiters)
         got.insert(waiter.get());
@@ -83,11 +59,10 @@ TEST(ConnectionThreads, EachEventWakesOneWaiter)
 
 // A consumer that polls the bypass queue races a waiter: the packet is taken exactly once,
 // and a waiter that loses does not wait again (one wait, not repeated until its time-out).
-TEST(ConnectionThreads, ConsumerRacingAWaiter)
+TEST_F(ConnectionThreads, ConsumerRacingAWaiter)
 {
-    Opened o;
     unsigned char ids[] = {0x21};
-    o.connection.setBypassFlowIds(ids, 1);
+    connection.setBypassFlowIds(ids, 1);
     for (int round = 0; round < 5; ++round) {
         std::atomic<bool> stop{false};
         std::atomic<int> popped{0};
@@ -97,14 +72,14 @@ TEST(ConnectionThreads, ConsumerRacingAWaiter)
             // Yields between polls: a loop that retakes dataMutex at once can starve the
             // network thread, which needs the same mutex to queue the packet.
             for (; !stop.load(); std::this_thread::yield())
-                popped += o.connection.getBypassPacket(&flow, buffer, 16, &length) == 0;
+                popped += connection.getBypassPacket(&flow, buffer, 16, &length) == 0;
         });
         unsigned char flow, buffer[16];
         int length = -1;
-        o.server.sendLater(pxproto::bypassFrame(pxproto::debugPacket(0x21, "z", 1)), 50);
+        server.sendLater(pxproto::bypassFrame(pxproto::debugPacket(0x21, "z", 1)), 50);
         QElapsedTimer clock;
         clock.start();
-        const unsigned int result = o.connection.waitBypassPacket(&flow, buffer, 16, &length, 8000);
+        const unsigned int result = connection.waitBypassPacket(&flow, buffer, 16, &length, 8000);
         const qint64 waited = clock.elapsed();
         if (result != 0)
             waitUntil([&] { return popped.load() > 0; });
@@ -119,33 +94,30 @@ TEST(ConnectionThreads, ConsumerRacingAWaiter)
 // Destroying a connection while the server floods it: the destructor returns only after the
 // dispatch in progress, and no callback of the destroyed connection runs afterwards, the
 // delayed one included (a second connection's later delayed call marks when it would have).
-TEST(ConnectionThreads, DestroyWhileServerSends)
+TEST_F(ConnectionThreads, DestroyWhileServerSends)
 {
-    FakeServer server;
-    Watch dying, witnessed;
+    Calls dying, witnessed;
     unsigned char ids[] = {0x21};
-    auto* connection = new PXConnection;
-    ASSERT_TRUE(connection->open("127.0.0.1", server.port()));
-    connection->enableEvents(true);
-    connection->setEventCallback(watch, &dying);
-    connection->setBypassFlowIds(ids, 1);
-    connection->setBypassDelayCallback(watch, &dying, 30);
+    auto* flooded = new PXConnection;
+    ASSERT_TRUE(flooded->open("127.0.0.1", server.port()));
+    ASSERT_TRUE(server.waitForConnections(2));
+    flooded->enableEvents(true);
+    flooded->setEventCallback(record, &dying);
+    flooded->setBypassFlowIds(ids, 1);
+    flooded->setBypassDelayCallback(record, &dying, 30);
     QByteArray flood;
     for (int i = 0; i < 20000; ++i)
         flood += pxproto::event(quint32(i));
-    server.send(flood + pxproto::bypassFrame(pxproto::debugPacket(0x21, "q", 1)));
-    waitUntil([&] { return dying.calls.load() > 0; });
-    delete connection;
+    server.send(flood + pxproto::bypassFrame(pxproto::debugPacket(0x21, "q", 1)), 1);
+    waitUntil([&] { return dying.count.load() > 0; });
+    delete flooded;
     dying.destroyed = true;
-    const int atDestruction = dying.calls.load();
-
-    PXConnection witness;
-    ASSERT_TRUE(witness.open("127.0.0.1", server.port()));
-    ASSERT_TRUE(server.waitForConnections(2)); // so that "the most recent client" is the witness
-    witness.setBypassFlowIds(ids, 1);
-    witness.setBypassDelayCallback(watch, &witnessed, 100);
-    server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "w", 1)));
-    EXPECT_TRUE(waitUntil([&] { return witnessed.calls.load() == 1; }));
-    EXPECT_EQ(dying.lateCalls.load(), 0);
-    EXPECT_EQ(dying.calls.load(), atDestruction);
+    const int atDestruction = dying.count.load();
+    // The fixture's connection (client 0) is the witness.
+    connection.setBypassFlowIds(ids, 1);
+    connection.setBypassDelayCallback(record, &witnessed, 100);
+    server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "w", 1)), 0);
+    EXPECT_TRUE(waitUntil([&] { return witnessed.count.load() == 1; }));
+    EXPECT_EQ(dying.late.load(), 0);
+    EXPECT_EQ(dying.count.load(), atDestruction);
 }

@@ -3,16 +3,20 @@
 
 // Checks that PXConnection and PXNSConnection must both pass against FakeServer, run by the
 // tests of each: how reads are forwarded and assembled, which read-data replies end a read,
-// and which sizes are refused before anything is sent.
+// which sizes are refused before anything is sent, how writes go out. Also the fixture both
+// use, and the callback record of the PXConnection tests.
 
 #include "FakeServer.h"
 
+#include "pellix/connection/PXConnection.h"
 #include "pellix/protocol/PXFrames_p.h"
 
 #include <QElapsedTimer>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
 #include <numeric>
 #include <tuple>
@@ -49,6 +53,29 @@ protected:
     FakeServer server;
     Connection connection;
 };
+
+// Callback user data for PXConnection: how often, and on which thread, the callback ran, and
+// how often once `destroyed` was set. With `take` set (for the delayed callback only: it holds
+// no lock) it first takes every queued packet.
+struct Calls
+{
+    PXConnection* take = nullptr;
+    std::atomic<int> count{0}, taken{0}, late{0};
+    std::atomic<bool> destroyed{false};
+    std::atomic<QThread*> thread{nullptr};
+};
+
+inline void record(void* data)
+{
+    auto* calls = static_cast<Calls*>(data);
+    unsigned char flow, buffer[16];
+    int length;
+    while (calls->take && calls->take->getBypassPacket(&flow, buffer, 16, &length) == 0)
+        ++calls->taken;
+    calls->thread = QThread::currentThread();
+    calls->late += calls->destroyed.load() ? 1 : 0;
+    ++calls->count;
+}
 
 // Each read as the requests it sends, its result and what it delivers: the target's bytes
 // (FakeServer::memoryBytes), and never a byte past the caller's buffer. The cuts themselves are
