@@ -1,7 +1,7 @@
 // PXConnection against the scripted fake server: how requests are cut, replies split,
-// delayed, misfit or missing, the event and bypass queues, reopening, and the resolution of the
-// server address. (Queue caps under a flood, and every request against a server that dies
-// or stalls: tests/robustness/tst_faults. Handle numbering: tests/api/tst_api_noapp.)
+// delayed, misfit or missing, the event and bypass queues and their caps, reopening, and the
+// resolution of the server address. (Every request against a server that dies or stalls:
+// tests/robustness/tst_faults. Handle numbering: tests/api/tst_api_noapp.)
 
 #include "ConnectionChecks.h"
 #include "FakeServer.h"

@@ -16,13 +16,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <functional>
-#include <numeric>
 #include <vector>
-
-namespace {
 
 // Every case connects to the address it names: a forced address from the environment is cleared.
 [[maybe_unused]] const bool unforced =
@@ -32,8 +27,6 @@ using pxproto::flowId;
 namespace request = pxproto::request;
 
 using NSConnectionFake = Connected<PXNSConnection>;
-
-} // namespace
 
 // Reads, sizes and writes: see checkReads (the time-out here is 1000 ms) and
 // checkSizesAndWrites (writes and commands are written at once, unanswered).
