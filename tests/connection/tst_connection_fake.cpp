@@ -52,8 +52,7 @@ TEST_F(ConnectionFake, TimeOutCountsFromTheLastProgress)
     clock.start();
     EXPECT_EQ(connection.write32(0x10, 0xAABBCCDD), 13u);
     EXPECT_GE(clock.elapsed(), 4900);
-    server.send(pxproto::writeAck());
-    sync();
+    arrive(pxproto::writeAck());
     server.setResponder([](FakeServer& server, int client, const QByteArray& frame) {
         if (pxproto::flowId(frame) == pxproto::request::Write)
             return server.sendLater(pxproto::writeAck(), 50, client);
@@ -101,11 +100,7 @@ TEST_F(ConnectionFake, EventAndBypassQueues)
     ASSERT_EQ(connection.enableEvents(false), 0u);
     EXPECT_EQ(connection.popEvent(&e), 20u);
     ASSERT_EQ(connection.enableEvents(true), 0u);
-    for (unsigned int expected : {3u, 4u}) {
-        EXPECT_EQ(connection.popEvent(&e), 0u);
-        EXPECT_EQ(e, expected);
-    }
-    EXPECT_EQ(connection.popEvent(&e), 19u);
+    EXPECT_EQ(popEvents(), (std::vector<unsigned int>{3, 4}));
     arrive(pxproto::event(5));
     EXPECT_EQ(connection.flushEvents(), 0u);
     EXPECT_EQ(connection.popEvent(&e), 19u);
@@ -163,12 +158,9 @@ TEST_F(ConnectionFake, QueuesAreCappedAt1001)
                       pxproto::bypassFrame(pxproto::debugPacket(0x21, &id, 1));
         }
         arrive(stream);
-        std::vector<unsigned int> events;
+        const std::vector<unsigned int> events = popEvents();
         std::vector<int> packets;
-        unsigned int e = 0;
         int length = 0;
-        while (connection.popEvent(&e) == 0)
-            events.push_back(e);
         while (connection.getBypassPacket(&flow, buffer, 16, &length) == 0)
             packets.push_back(buffer[0]);
         const size_t kept = count == 1001 ? 1001 : 1;
@@ -199,11 +191,8 @@ TEST_F(ConnectionFake, ReopenKeepsQueuesAndTheDelayedCallbackCoalescesBursts)
     server.send(pxproto::event(99), 0); // the old socket: reaches nobody
     const QByteArray packet = pxproto::bypassFrame(pxproto::debugPacket(0x21, "a", 1));
     arrive(packet); // queued; no delayed call
+    EXPECT_EQ(popEvents(), (std::vector<unsigned int>{7, 8}));
     unsigned int event = 0;
-    for (unsigned int expected : {7u, 8u}) {
-        EXPECT_EQ(connection.popEvent(&event), 0u);
-        EXPECT_EQ(event, expected);
-    }
     // Waits 50 ms: a delayed callback that survived the open would have fired for "a" by now.
     EXPECT_EQ(connection.waitEvent(&event, 50), 19u);
     connection.setBypassDelayCallback(record, &delayed, 200);

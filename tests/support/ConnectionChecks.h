@@ -49,6 +49,14 @@ protected:
         server.send(bytes);
         sync();
     }
+    // Takes every queued event, in order (PXConnection).
+    std::vector<unsigned int> popEvents()
+    {
+        std::vector<unsigned int> events;
+        for (unsigned int e = 0; connection.popEvent(&e) == 0;)
+            events.push_back(e);
+        return events;
+    }
 
     FakeServer server;
     Connection connection;
