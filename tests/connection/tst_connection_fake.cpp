@@ -1,7 +1,7 @@
 // PXConnection against the scripted fake server: how requests are cut, replies split,
-// delayed, misfit or missing, the event and bypass queues, reopening, and the resolution of the
-// server address. (Queue caps under a flood, and every request against a server that dies
-// or stalls: tests/robustness/tst_faults. Handle numbering: tests/api/tst_api_noapp.)
+// delayed, misfit or missing, the event and bypass queues and their caps, reopening, and the
+// resolution of the server address. (Every request against a server that dies or stalls:
+// tests/robustness/tst_faults. Handle numbering: tests/api/tst_api_noapp.)
 
 #include "ConnectionChecks.h"
 #include "FakeServer.h"
@@ -17,240 +17,139 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <numeric>
 #include <string>
+#include <tuple>
 #include <vector>
 
-namespace {
+using ConnectionFake = Connected<PXConnection>;
 
-// Answers requests with flow id `flow` with `reply`, and a `tail` 50 ms later. Answers pings
-// too, so that a ping round trip proves that everything sent before it has been dispatched
-// (the server's bytes arrive in order on one socket).
-FakeServer::Responder answer(int flow = -1, const QByteArray& reply = {},
-                             const QByteArray& tail = {})
-{
-    return [=](FakeServer& server, int client, const QByteArray& frame) {
-        if (pxproto::flowId(frame) == pxproto::request::Ping)
-            server.send(pxproto::pingReply(), client);
-        if (pxproto::flowId(frame) != flow)
-            return;
-        server.send(reply, client);
-        if (!tail.isEmpty())
-            server.sendLater(tail, 50, client);
-    };
-}
-
-struct Connected
-{
-    Connected()
-    {
-        server.setResponder(answer());
-        EXPECT_TRUE(connection.open("127.0.0.1", server.port()));
-        EXPECT_TRUE(server.waitForConnections(1));
-    }
-    // Everything the server sent so far has been dispatched once this returns.
-    void sync() { ASSERT_EQ(connection.ping(), 0u); }
-
-    FakeServer server;
-    PXConnection connection;
-};
-
-// Callback user data: how often, and on which thread, the callback ran. With `take` set (for
-// the delayed callback only: it holds no lock) it first takes every queued packet.
-struct Calls
-{
-    PXConnection* take = nullptr;
-    std::atomic<int> count{0}, taken{0};
-    std::atomic<QThread*> thread{nullptr};
-};
-
-void record(void* data)
-{
-    auto* calls = static_cast<Calls*>(data);
-    unsigned char flow, buffer[16];
-    int length;
-    while (calls->take && calls->take->getBypassPacket(&flow, buffer, 16, &length) == 0)
-        ++calls->taken;
-    calls->thread = QThread::currentThread();
-    ++calls->count;
-}
-
-} // namespace
-
-// Without a socket requests fail at once and commands return 0; with one, see checkSizes.
-// A refused flow id list does not switch bypass reception on; a negative buffer size takes
-// nothing.
-TEST(ConnectionFake, RequestsWithoutSocketOrWithInvalidSizesSendNothing)
+// Without a socket requests fail at once and commands return 0. With one: reads, sizes and
+// writes as checkReads and checkSizesAndWrites tell.
+TEST_F(ConnectionFake, RequestsWithoutSocketAndCutByAlignmentAndSize)
 {
     PXConnection lone;
     QElapsedTimer clock;
     clock.start();
     EXPECT_FALSE(lone.open("127.0.0.1", refusedPort()));
-    unsigned char byte = 0, ids[] = {1}, buffer[64];
-    for (unsigned int result : {lone.read8(0, &byte), lone.write32(0, 1), lone.getStatus(&byte),
-                                lone.ping(), lone.forcePellixReconnect()})
-        EXPECT_EQ(result, 13u);
-    for (unsigned int result : {lone.enableEvents(true), lone.setBypassFlowIds(ids, 1),
-                                lone.comBreak(), lone.sendBypassPacket(1, &byte, 1)})
-        EXPECT_EQ(result, 0u);
+    unsigned char byte = 0, ids[] = {1};
+    QList<unsigned int> results{lone.read8(0, &byte), lone.write32(0, 1), lone.getStatus(&byte)};
+    results << lone.ping() << lone.forcePellixReconnect() << lone.enableEvents(true)
+            << lone.setBypassFlowIds(ids, 1) << lone.comBreak()
+            << lone.sendBypassPacket(1, &byte, 1);
+    EXPECT_EQ(results, (QList<unsigned int>{13, 13, 13, 13, 13, 0, 0, 0, 0}));
     EXPECT_LT(clock.elapsed(), 2500);
-
-    Connected c;
-    checkSizes(c.server, c.connection);
-    int length = 5;
-    EXPECT_EQ(c.connection.getBypassPacket(&byte, buffer, -1, &length), 8u);
-    c.server.send(pxproto::bypassFrame(pxproto::debugPacket(1, "x", 1)));
-    c.sync();
-    EXPECT_EQ(c.connection.getBypassData(buffer, 64, &length), 8u);
-}
-
-// Reads: see checkReads. A block write is cut into pieces of at most 32768 bytes, each
-// waiting for its acknowledgement.
-TEST(ConnectionFake, ReadsAndWritesAreCutByAlignmentAndSize)
-{
-    Connected c;
-    checkReads(c.server, c.connection);
-    std::vector<unsigned int> out(10000);
-    std::iota(out.begin(), out.end(), 0x5A5A0000u);
-    const auto* bytes = reinterpret_cast<const char*>(out.data());
-    c.server.clearReceived();
-    EXPECT_EQ(c.connection.writeBlock(0x101, out.data(), 40000), 0u);
-    EXPECT_EQ(c.server.frames(),
-              (QList<QByteArray>{pxproto::writeRequest(0x101, false, bytes, 32768),
-                                 pxproto::writeRequest(0x8101, false, bytes + 32768, 7232)}));
+    checkReads(server, connection);
+    checkSizesAndWrites(server, connection);
 }
 
 // Waits out the 5000 ms time-out once. A late acknowledgement finds no write pending and is
-// dropped: the next write still waits for its own.
-TEST(ConnectionFake, WriteWithoutAckTimesOutAndALateAckIsDropped)
+// dropped: the next write still waits for its own. A reply stream that keeps progressing is
+// waited for however long it takes in all: 16 bytes in four frames, 1800 ms apart, 7.2 s in
+// all, never 5 s without progress.
+TEST_F(ConnectionFake, TimeOutCountsFromTheLastProgress)
 {
-    Connected c;
     QElapsedTimer clock;
     clock.start();
-    EXPECT_EQ(c.connection.write32(0x10, 0xAABBCCDD), 13u);
+    EXPECT_EQ(connection.write32(0x10, 0xAABBCCDD), 13u);
     EXPECT_GE(clock.elapsed(), 4900);
-    c.server.send(pxproto::writeAck());
-    c.sync();
-    c.server.setResponder(answer(pxproto::request::Write, {}, pxproto::writeAck()));
-    clock.restart();
-    EXPECT_EQ(c.connection.write8(0x10, 1), 0u);
-    EXPECT_GE(clock.elapsed(), 40);
-}
-
-TEST(ConnectionFake, SlowReplyStreamThatKeepsProgressingSucceeds)
-{
-    Connected c;
-    c.server.setResponder([](FakeServer& server, int client, const QByteArray& frame) {
-        // 16 bytes in four frames, 1800 ms apart: 7.2 s in all, never 5 s without progress.
-        for (int i = 0; pxproto::flowId(frame) == pxproto::request::BlockRead && i < 4; ++i)
+    arrive(pxproto::writeAck());
+    server.setResponder([](FakeServer& server, int client, const QByteArray& frame) {
+        if (pxproto::flowId(frame) == pxproto::request::Write)
+            return server.sendLater(pxproto::writeAck(), 50, client);
+        for (int i = 0; i < 4; ++i)
             server.sendLater(pxproto::readData(0x100 + 4 * i, "abcd", 4), 1800 * (i + 1), client);
     });
+    clock.restart();
+    EXPECT_EQ(connection.write8(0x10, 1), 0u);
+    EXPECT_GE(clock.elapsed(), 40);
     unsigned char data[16] = {};
-    QElapsedTimer clock;
-    clock.start();
-    EXPECT_EQ(c.connection.genericRead(0x100, false, data, 16), 0u);
+    clock.restart();
+    EXPECT_EQ(connection.genericRead(0x100, false, data, 16), 0u);
     EXPECT_GE(clock.elapsed(), 5500); // longer than one time-out (timers may fire 5% early)
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(data), 16), QByteArray("abcdabcdabcdabcd"));
 }
 
-// 20 while not enabled (arrivals then are dropped; disabling keeps the queue for the next
-// enable), 19 for an empty queue, also after a wait; a waiter wakes for an arrival; event
-// frames of the wrong length are dropped. The callback runs on the network thread.
-TEST(ConnectionFake, EventQueue)
+// Events: 20 while not enabled (arrivals then are dropped; disabling keeps the queue for the
+// next enable), 19 for an empty queue, also after a wait; a waiter wakes for an arrival; event
+// frames of the wrong length are dropped.
+// Bypass packets are queued only once flow ids were set (a refused list sets none). The three
+// takes as "result/length": getBypassPacket gives data and checksum, cut (and consumed) to the
+// buffer, nothing for a negative size; getBypassData the whole packet, or nothing when it does
+// not fit (kept); waitBypassPacket the whole packet, cut and consumed. Stored packets shorter
+// than their inner header are dropped. Both callbacks run on the network thread.
+TEST_F(ConnectionFake, EventAndBypassQueues)
 {
-    Connected c;
-    PXConnection& x = c.connection;
-    Calls calls;
-    x.setEventCallback(record, &calls);
+    Calls events, packets;
+    connection.setEventCallback(record, &events);
     unsigned int e = 0;
-    c.server.send(pxproto::event(1));
-    c.sync();
-    EXPECT_EQ(x.popEvent(&e), 20u);
-    EXPECT_EQ(x.waitEvent(&e, 0), 20u);
-    ASSERT_EQ(x.enableEvents(true), 0u);
-    EXPECT_EQ(x.popEvent(&e), 19u);
+    arrive(pxproto::event(1));
+    EXPECT_EQ(connection.popEvent(&e), 20u);
+    EXPECT_EQ(connection.waitEvent(&e, 0), 20u);
+    ASSERT_EQ(connection.enableEvents(true), 0u);
+    EXPECT_EQ(connection.popEvent(&e), 19u);
     QElapsedTimer clock;
     clock.start();
-    EXPECT_EQ(x.waitEvent(&e, 200), 19u);
+    EXPECT_EQ(connection.waitEvent(&e, 200), 19u);
     EXPECT_GE(clock.elapsed(), 190);
-    c.server.sendLater(pxproto::event(2), 100);
-    EXPECT_EQ(x.waitEvent(&e, 5000), 0u);
+    server.sendLater(pxproto::event(2), 100);
+    EXPECT_EQ(connection.waitEvent(&e, 5000), 0u);
     EXPECT_EQ(e, 2u);
-    c.server.send(pxproto::frame(pxproto::reply::Event, "\x11\x00\x00\x00", 4) + pxproto::event(3) +
-                  pxproto::frame(pxproto::reply::Event, "\x12\x00\x00\x00\x00\x00", 6) +
-                  pxproto::event(4));
-    c.sync();
-    ASSERT_EQ(x.enableEvents(false), 0u);
-    EXPECT_EQ(x.popEvent(&e), 20u);
-    ASSERT_EQ(x.enableEvents(true), 0u);
-    for (unsigned int expected : {3u, 4u}) {
-        EXPECT_EQ(x.popEvent(&e), 0u);
-        EXPECT_EQ(e, expected);
-    }
-    EXPECT_EQ(x.popEvent(&e), 19u);
-    c.server.send(pxproto::event(5));
-    c.sync();
-    EXPECT_EQ(x.flushEvents(), 0u);
-    EXPECT_EQ(x.popEvent(&e), 19u);
-    EXPECT_EQ(calls.count.load(), 4);
-    EXPECT_EQ(calls.thread.load(), PXClientManager::Instance());
-}
+    arrive(pxproto::frame(pxproto::reply::Event, "\x11\x00\x00\x00", 4) + pxproto::event(3) +
+           pxproto::frame(pxproto::reply::Event, "\x12\x00\x00\x00\x00\x00", 6) +
+           pxproto::event(4));
+    ASSERT_EQ(connection.enableEvents(false), 0u);
+    EXPECT_EQ(connection.popEvent(&e), 20u);
+    ASSERT_EQ(connection.enableEvents(true), 0u);
+    EXPECT_EQ(popEvents(), (std::vector<unsigned int>{3, 4}));
+    arrive(pxproto::event(5));
+    EXPECT_EQ(connection.flushEvents(), 0u);
+    EXPECT_EQ(connection.popEvent(&e), 19u);
 
-// Packets are queued only once flow ids were set. The three takes as "result/length":
-// getBypassPacket gives data and checksum, cut (and consumed) to the buffer; getBypassData
-// the whole packet, or nothing when it does not fit (kept); waitBypassPacket the whole
-// packet, cut and consumed. Stored packets shorter than their inner header are dropped.
-// The callback runs on the network thread.
-TEST(ConnectionFake, BypassQueue)
-{
-    Connected c;
-    PXConnection& x = c.connection;
     const QByteArray packet = pxproto::debugPacket(0x21, "\x01\x02\x03\x04\x05\x06", 6);
-    c.server.send(pxproto::bypassFrame(packet));
-    c.sync();
-    unsigned char flow = 0, buffer[64];
+    const QByteArray p = pxproto::bypassFrame(packet);
+    unsigned char flow = 0, buffer[64], ids[] = {0x21};
+    ASSERT_EQ(connection.setBypassFlowIds(ids, -1), 6u);
+    arrive(p);
     int length = -1;
     auto take = [&](unsigned int result) {
         return std::to_string(result) + "/" + std::to_string(length);
     };
     auto got = [&](int n) { return QByteArray(reinterpret_cast<char*>(buffer), n); };
-    EXPECT_EQ(take(x.getBypassPacket(&flow, buffer, 64, &length)), "8/0");
-    Calls calls;
-    x.setBypassCallback(record, &calls);
-    unsigned char ids[] = {0x21};
-    ASSERT_EQ(x.setBypassFlowIds(ids, 1), 0u);
-    c.server.sendLater(pxproto::bypassFrame(packet), 100);
-    EXPECT_EQ(take(x.waitBypassPacket(&flow, buffer, 64, &length, 5000)), "0/11");
+    EXPECT_EQ(take(connection.getBypassPacket(&flow, buffer, 64, &length)), "8/0");
+    connection.setBypassCallback(record, &packets);
+    ASSERT_EQ(connection.setBypassFlowIds(ids, 1), 0u);
+    server.sendLater(p, 100);
+    EXPECT_EQ(take(connection.waitBypassPacket(&flow, buffer, 64, &length, 5000)), "0/11");
     EXPECT_EQ(flow, 0x21);
     EXPECT_EQ(got(11), packet);
-    const QByteArray p = pxproto::bypassFrame(packet);
-    c.server.send(pxproto::bypassFrame(QByteArray("\xAD\x00\x01", 3)) + p + p + p + p +
-                  pxproto::bypassFrame("\xAD") + p);
-    c.sync();
-    EXPECT_EQ(take(x.getBypassPacket(&flow, buffer, 64, &length)), "8/0"); // too short
-    EXPECT_EQ(take(x.getBypassPacket(&flow, buffer, 16, &length)), "0/7");
+    arrive(pxproto::bypassFrame(QByteArray("\xAD\x00\x01", 3)) + p.repeated(5) +
+           pxproto::bypassFrame("\xAD") + p);
+    EXPECT_EQ(take(connection.getBypassPacket(&flow, buffer, 64, &length)), "8/0"); // too short
+    EXPECT_EQ(take(connection.getBypassPacket(&flow, buffer, 16, &length)), "0/7");
     EXPECT_EQ(got(7), packet.mid(4));
-    EXPECT_EQ(take(x.getBypassPacket(&flow, buffer, 4, &length)), "5/4");
-    EXPECT_EQ(take(x.getBypassData(buffer, 10, &length)), "5/11");
-    EXPECT_EQ(take(x.getBypassData(buffer, 11, &length)), "0/11");
+    EXPECT_EQ(take(connection.getBypassPacket(&flow, buffer, 4, &length)), "5/4");
+    EXPECT_EQ(take(connection.getBypassPacket(&flow, buffer, -1, &length)), "5/0");
+    EXPECT_EQ(take(connection.getBypassData(buffer, 10, &length)), "5/11");
+    EXPECT_EQ(take(connection.getBypassData(buffer, 11, &length)), "0/11");
     EXPECT_EQ(got(11), packet);
-    EXPECT_EQ(take(x.waitBypassPacket(&flow, buffer, 5, &length, 1000)), "5/5");
+    EXPECT_EQ(take(connection.waitBypassPacket(&flow, buffer, 5, &length, 1000)), "5/5");
     EXPECT_EQ(got(5), packet.left(5));
-    EXPECT_EQ(take(x.waitBypassPacket(&flow, buffer, 64, &length, 0)), "8/0"); // too short
-    EXPECT_EQ(x.flushBypassPackets(), 0u);
-    EXPECT_EQ(take(x.getBypassData(buffer, 64, &length)), "8/0");
-    EXPECT_EQ(calls.count.load(), 8);
-    EXPECT_EQ(calls.thread.load(), PXClientManager::Instance());
+    EXPECT_EQ(take(connection.waitBypassPacket(&flow, buffer, 64, &length, 0)), "8/0"); // too short
+    EXPECT_EQ(connection.flushBypassPackets(), 0u);
+    EXPECT_EQ(take(connection.getBypassData(buffer, 64, &length)), "8/0");
+    EXPECT_EQ(events.count.load(), 4);
+    EXPECT_EQ(packets.count.load(), 9);
+    for (const Calls* calls : {&events, &packets})
+        EXPECT_EQ(calls->thread.load(), PXClientManager::Instance());
 }
 
 // A queue holding 1001 entries is emptied before the next one is appended: 1001 arrivals are
 // all kept, the 1002nd leaves only itself. Both queues follow the rule.
-TEST(ConnectionFake, QueuesAreCappedAt1001)
+TEST_F(ConnectionFake, QueuesAreCappedAt1001)
 {
-    Connected c;
-    unsigned char ids[] = {0x21};
-    c.connection.enableEvents(true);
-    c.connection.setBypassFlowIds(ids, 1);
+    unsigned char ids[] = {0x21}, flow = 0, buffer[16];
+    connection.enableEvents(true);
+    connection.setBypassFlowIds(ids, 1);
     for (const int count : {1001, 1002}) {
         QByteArray stream;
         for (int i = 0; i < count; ++i) {
@@ -258,16 +157,11 @@ TEST(ConnectionFake, QueuesAreCappedAt1001)
             stream += pxproto::event(quint32(count * 10 + i)) +
                       pxproto::bypassFrame(pxproto::debugPacket(0x21, &id, 1));
         }
-        c.server.send(stream);
-        c.sync();
-        std::vector<unsigned int> events;
-        unsigned int e = 0;
-        while (c.connection.popEvent(&e) == 0)
-            events.push_back(e);
+        arrive(stream);
+        const std::vector<unsigned int> events = popEvents();
         std::vector<int> packets;
-        unsigned char flow = 0, buffer[16];
         int length = 0;
-        while (c.connection.getBypassPacket(&flow, buffer, 16, &length) == 0)
+        while (connection.getBypassPacket(&flow, buffer, 16, &length) == 0)
             packets.push_back(buffer[0]);
         const size_t kept = count == 1001 ? 1001 : 1;
         ASSERT_EQ(events.size(), kept) << count;
@@ -280,69 +174,54 @@ TEST(ConnectionFake, QueuesAreCappedAt1001)
 // A second open drops the old socket and connects anew: queued events stay, nothing of the
 // old set-up is sent again, and the delayed callback must be set again. Once set, it is
 // called once per burst, after the burst; it holds no lock and may take the packets itself.
-TEST(ConnectionFake, ReopenKeepsQueuesAndTheDelayedCallbackCoalescesBursts)
+TEST_F(ConnectionFake, ReopenKeepsQueuesAndTheDelayedCallbackCoalescesBursts)
 {
-    Connected c;
-    PXConnection& x = c.connection;
-    x.enableEvents(true);
+    connection.enableEvents(true);
     unsigned char ids[] = {0x21};
-    x.setBypassFlowIds(ids, 1);
+    connection.setBypassFlowIds(ids, 1);
     Calls delayed;
-    delayed.take = &x;
-    x.setBypassDelayCallback(record, &delayed, 1);
-    c.server.send(pxproto::event(7) + pxproto::event(8));
-    c.sync();
-    ASSERT_TRUE(x.open("127.0.0.1", c.server.port()));
-    ASSERT_TRUE(c.server.waitForConnections(2));
-    c.server.clearReceived();
-    c.sync();
-    EXPECT_EQ(c.server.frames(), QList<QByteArray>{pxproto::ping()});
-    c.server.send(pxproto::event(99), 0); // the old socket: reaches nobody
+    delayed.take = &connection;
+    connection.setBypassDelayCallback(record, &delayed, 1);
+    arrive(pxproto::event(7) + pxproto::event(8));
+    ASSERT_TRUE(connection.open("127.0.0.1", server.port()));
+    ASSERT_TRUE(server.waitForConnections(2));
+    server.clearReceived();
+    sync();
+    EXPECT_EQ(server.frames(), QList<QByteArray>{pxproto::ping()});
+    server.send(pxproto::event(99), 0); // the old socket: reaches nobody
     const QByteArray packet = pxproto::bypassFrame(pxproto::debugPacket(0x21, "a", 1));
-    c.server.send(packet); // queued; no delayed call
-    c.sync();
+    arrive(packet); // queued; no delayed call
+    EXPECT_EQ(popEvents(), (std::vector<unsigned int>{7, 8}));
     unsigned int event = 0;
-    for (unsigned int expected : {7u, 8u}) {
-        EXPECT_EQ(x.popEvent(&event), 0u);
-        EXPECT_EQ(event, expected);
-    }
     // Waits 50 ms: a delayed callback that survived the open would have fired for "a" by now.
-    EXPECT_EQ(x.waitEvent(&event, 50), 19u);
-    x.setBypassDelayCallback(record, &delayed, 200);
-    struct Burst
-    {
-        int packets, calls, taken;
-    };
-    for (const Burst& burst : {Burst{10, 1, 11}, Burst{3, 2, 14}}) {
-        c.server.send(packet.repeated(burst.packets));
-        ASSERT_TRUE(waitUntil([&] { return delayed.count.load() == burst.calls; }));
-        EXPECT_EQ(delayed.taken.load(), burst.taken);
+    EXPECT_EQ(connection.waitEvent(&event, 50), 19u);
+    connection.setBypassDelayCallback(record, &delayed, 200);
+    // Bursts of 10 and 3 packets: one call each, which takes the packets queued so far.
+    for (const auto& [burst, calls, taken] : {std::tuple{10, 1, 11}, std::tuple{3, 2, 14}}) {
+        server.send(packet.repeated(burst));
+        ASSERT_TRUE(waitUntil([&, calls = calls] { return delayed.count.load() == calls; }));
+        EXPECT_EQ(delayed.taken.load(), taken);
     }
 }
 
 // An empty host or port 0 keeps the last value. FORCED_PELLIX_HOST and FORCED_PELLIX_PORT
 // override both arguments when both are set and non-empty (the port's low 16 bits); one
-// alone counts as neither.
-TEST(ConnectionFake, ServerAddressResolution)
+// alone counts as neither. Each row: forced host and port, arguments, then what is used.
+TEST(ConnectionAddress, ServerAddressResolution)
 {
-    const struct
-    {
-        const char *forcedHost, *forcedPort, *host;
-        quint16 port;
-        QString usedHost;
-        quint16 usedPort;
-    } cases[] = {{"", "", "127.0.0.1", 7701, "127.0.0.1", 7701},
-                 {"", "", "", 7702, "127.0.0.1", 7702},
-                 {"", "7705", "h.invalid", 0, "h.invalid", 7702},
-                 {"10.1.2.3", "70000", "", 0, "10.1.2.3", 4464}};
-    for (const auto& t : cases) {
-        qputenv("FORCED_PELLIX_HOST", t.forcedHost);
-        qputenv("FORCED_PELLIX_PORT", t.forcedPort);
-        QString host;
-        quint16 port = 1;
-        PXClientManager::resolveServerAddress(t.host, t.port, &host, &port);
-        EXPECT_EQ(host, t.usedHost) << t.host;
-        EXPECT_EQ(port, t.usedPort) << t.host;
+    using Row = std::tuple<const char*, const char*, const char*, quint16, const char*, quint16>;
+    for (const auto& [forcedHost, forcedPort, host, port, usedHost, usedPort] :
+         {Row{"", "", "127.0.0.1", 7701, "127.0.0.1", 7701},
+          Row{"", "", "", 7702, "127.0.0.1", 7702},
+          Row{"", "7705", "h.invalid", 0, "h.invalid", 7702},
+          Row{"10.1.2.3", "70000", "", 0, "10.1.2.3", 4464}}) {
+        qputenv("FORCED_PELLIX_HOST", forcedHost);
+        qputenv("FORCED_PELLIX_PORT", forcedPort);
+        QString resolvedHost;
+        quint16 resolvedPort = 1;
+        PXClientManager::resolveServerAddress(host, port, &resolvedHost, &resolvedPort);
+        EXPECT_EQ(resolvedHost, usedHost) << host;
+        EXPECT_EQ(resolvedPort, usedPort) << host;
     }
     qunsetenv("FORCED_PELLIX_HOST");
     qunsetenv("FORCED_PELLIX_PORT");

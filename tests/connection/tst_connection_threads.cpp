@@ -3,6 +3,7 @@
 // (Mixed requests from many threads on one and on several connections:
 // tests/robustness/tst_stress.)
 
+#include "ConnectionChecks.h"
 #include "FakeServer.h"
 #include "WaitUntil.h"
 
@@ -16,30 +17,15 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
+#include <future>
 #include <set>
 #include <thread>
 #include <vector>
 
-namespace {
-
-struct Opened
-{
-    Opened() { EXPECT_TRUE(connection.open("127.0.0.1", server.port())); }
-
-    FakeServer server;
-    PXConnection connection;
-};
-
-void count(void* calls)
-{
-    ++*static_cast<std::atomic<int>*>(calls);
-}
-
-} // namespace
+using ConnectionThreads = Connected<PXConnection>;
 
 // The manager is made once even when the first calls race (its creation is hand-locked).
-TEST(ConnectionThreads, InstanceRaceGivesOneManager)
+TEST(ClientManagerThreads, InstanceRaceGivesOneManager)
 {
     std::vector<std::thread> threads;
     std::vector<PXClientManager*> seen(8, nullptr);
@@ -53,34 +39,30 @@ TEST(ConnectionThreads, InstanceRaceGivesOneManager)
 
 // Each arriving event wakes one waiter: with wake-all, the waiters that lose the race would
 // return 19 (which would show among the results).
-TEST(ConnectionThreads, EachEventWakesOneWaiter)
+TEST_F(ConnectionThreads, EachEventWakesOneWaiter)
 {
-    Opened o;
-    o.connection.enableEvents(true);
-    std::mutex mutex;
-    std::multiset<unsigned int> got;
-    std::vector<std::thread> threads;
+    connection.enableEvents(true);
+    std::vector<std::future<unsigned int>> waiters;
     for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&] {
+        waiters.push_back(std::async(std::launch::async, [&] {
             unsigned int event = 0;
-            const unsigned int result = o.connection.waitEvent(&event, 20000);
-            std::lock_guard<std::mutex> lock(mutex);
-            got.insert(result == 0 ? event : result);
-        });
+            const unsigned int result = connection.waitEvent(&event, 20000);
+            return result == 0 ? event : result;
+        }));
     for (int i = 0; i < 4; ++i)
-        o.server.sendLater(pxproto::event(0x100 + quint32(i)), 100 * (i + 1));
-    for (auto& t : threads)
-        t.join();
+        server.sendLater(pxproto::event(0x100 + quint32(i)), 100 * (i + 1));
+    std::multiset<unsigned int> got;
+    for (auto& waiter : waiters)
+        got.insert(waiter.get());
     EXPECT_EQ(got, (std::multiset<unsigned int>{0x100, 0x101, 0x102, 0x103}));
 }
 
 // A consumer that polls the bypass queue races a waiter: the packet is taken exactly once,
 // and a waiter that loses does not wait again (one wait, not repeated until its time-out).
-TEST(ConnectionThreads, ConsumerRacingAWaiter)
+TEST_F(ConnectionThreads, ConsumerRacingAWaiter)
 {
-    Opened o;
     unsigned char ids[] = {0x21};
-    o.connection.setBypassFlowIds(ids, 1);
+    connection.setBypassFlowIds(ids, 1);
     for (int round = 0; round < 5; ++round) {
         std::atomic<bool> stop{false};
         std::atomic<int> popped{0};
@@ -90,14 +72,14 @@ TEST(ConnectionThreads, ConsumerRacingAWaiter)
             // Yields between polls: a loop that retakes dataMutex at once can starve the
             // network thread, which needs the same mutex to queue the packet.
             for (; !stop.load(); std::this_thread::yield())
-                popped += o.connection.getBypassPacket(&flow, buffer, 16, &length) == 0;
+                popped += connection.getBypassPacket(&flow, buffer, 16, &length) == 0;
         });
         unsigned char flow, buffer[16];
         int length = -1;
-        o.server.sendLater(pxproto::bypassFrame(pxproto::debugPacket(0x21, "z", 1)), 50);
+        server.sendLater(pxproto::bypassFrame(pxproto::debugPacket(0x21, "z", 1)), 50);
         QElapsedTimer clock;
         clock.start();
-        const unsigned int result = o.connection.waitBypassPacket(&flow, buffer, 16, &length, 8000);
+        const unsigned int result = connection.waitBypassPacket(&flow, buffer, 16, &length, 8000);
         const qint64 waited = clock.elapsed();
         if (result != 0)
             waitUntil([&] { return popped.load() > 0; });
@@ -112,43 +94,30 @@ TEST(ConnectionThreads, ConsumerRacingAWaiter)
 // Destroying a connection while the server floods it: the destructor returns only after the
 // dispatch in progress, and no callback of the destroyed connection runs afterwards, the
 // delayed one included (a second connection's later delayed call marks when it would have).
-TEST(ConnectionThreads, DestroyWhileServerSends)
+TEST_F(ConnectionThreads, DestroyWhileServerSends)
 {
-    FakeServer server;
-    struct Watch
-    {
-        std::atomic<int> calls{0}, lateCalls{0};
-        std::atomic<bool> destroyed{false};
-    } watch;
-    auto onCall = [](void* p) {
-        auto* w = static_cast<Watch*>(p);
-        ++w->calls;
-        w->lateCalls += w->destroyed.load() ? 1 : 0;
-    };
+    Calls dying, witnessed;
     unsigned char ids[] = {0x21};
-    auto* connection = new PXConnection;
-    ASSERT_TRUE(connection->open("127.0.0.1", server.port()));
-    connection->enableEvents(true);
-    connection->setEventCallback(onCall, &watch);
-    connection->setBypassFlowIds(ids, 1);
-    connection->setBypassDelayCallback(onCall, &watch, 30);
+    auto* flooded = new PXConnection;
+    ASSERT_TRUE(flooded->open("127.0.0.1", server.port()));
+    ASSERT_TRUE(server.waitForConnections(2));
+    flooded->enableEvents(true);
+    flooded->setEventCallback(record, &dying);
+    flooded->setBypassFlowIds(ids, 1);
+    flooded->setBypassDelayCallback(record, &dying, 30);
     QByteArray flood;
     for (int i = 0; i < 20000; ++i)
         flood += pxproto::event(quint32(i));
-    server.send(flood + pxproto::bypassFrame(pxproto::debugPacket(0x21, "q", 1)));
-    waitUntil([&] { return watch.calls.load() > 0; });
-    delete connection;
-    watch.destroyed = true;
-    const int atDestruction = watch.calls.load();
-
-    PXConnection witness;
-    ASSERT_TRUE(witness.open("127.0.0.1", server.port()));
-    ASSERT_TRUE(server.waitForConnections(2)); // so that "the most recent client" is the witness
-    witness.setBypassFlowIds(ids, 1);
-    std::atomic<int> witnessCalls{0};
-    witness.setBypassDelayCallback(count, &witnessCalls, 100);
-    server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "w", 1)));
-    EXPECT_TRUE(waitUntil([&] { return witnessCalls.load() == 1; }));
-    EXPECT_EQ(watch.lateCalls.load(), 0);
-    EXPECT_EQ(watch.calls.load(), atDestruction);
+    server.send(flood + pxproto::bypassFrame(pxproto::debugPacket(0x21, "q", 1)), 1);
+    waitUntil([&] { return dying.count.load() > 0; });
+    delete flooded;
+    dying.destroyed = true;
+    const int atDestruction = dying.count.load();
+    // The fixture's connection (client 0) is the witness.
+    connection.setBypassFlowIds(ids, 1);
+    connection.setBypassDelayCallback(record, &witnessed, 100);
+    server.send(pxproto::bypassFrame(pxproto::debugPacket(0x21, "w", 1)), 0);
+    EXPECT_TRUE(waitUntil([&] { return witnessed.count.load() == 1; }));
+    EXPECT_EQ(dying.late.load(), 0);
+    EXPECT_EQ(dying.count.load(), atDestruction);
 }

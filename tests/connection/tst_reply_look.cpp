@@ -24,29 +24,25 @@ int waits(PXReplyLook& look, int count, qint64 nanoseconds, bool replied = true)
 
 } // namespace
 
-TEST(ReplyLook, LooksWhileRepliesComeInTime)
+// Looks while replies come in time: fewer late (or missing) replies in a row than the limit do
+// not stop it, and a reply of exactly LookTime is in time. After LateLimit of them only every
+// ProbeEvery-th wait looks, until one reply in time, though nobody looked for it, brings the
+// look back at once.
+TEST(ReplyLook, StopsAfterLateRepliesButProbes)
 {
-    PXReplyLook look;
-    EXPECT_EQ(look.begin(), PXReplyLook::LookTime);
-    look.end(true, Fast);
-    EXPECT_EQ(waits(look, 100, Fast), 100);
-    // Fewer late replies in a row than the limit do not stop it.
-    EXPECT_EQ(waits(look, PXReplyLook::LateLimit - 1, Slow), PXReplyLook::LateLimit - 1);
-    EXPECT_EQ(waits(look, 1, Fast), 1);
-    EXPECT_EQ(waits(look, PXReplyLook::LateLimit - 1, Slow), PXReplyLook::LateLimit - 1);
-    EXPECT_EQ(waits(look, 1, PXReplyLook::LookTime), 1);
-}
-
-TEST(ReplyLook, SlowLinkStopsLookingButProbes)
-{
+    constexpr int Limit = PXReplyLook::LateLimit;
     for (const bool replied : {true, false}) {
         SCOPED_TRACE(replied ? "late replies" : "no replies");
         PXReplyLook look;
-        EXPECT_EQ(waits(look, PXReplyLook::LateLimit, Slow, replied), PXReplyLook::LateLimit);
-        // From now on only every ProbeEvery-th wait looks.
-        const int many = 10 * int(PXReplyLook::ProbeEvery);
-        EXPECT_EQ(waits(look, many, Slow, replied), 10);
-        // One reply in time, though nobody looked for it, brings the look back at once.
+        EXPECT_EQ(look.begin(), PXReplyLook::LookTime);
+        look.end(true, Fast);
+        EXPECT_EQ(waits(look, 100, Fast), 100);
+        EXPECT_EQ(waits(look, Limit - 1, Slow, replied), Limit - 1);
+        EXPECT_EQ(waits(look, 1, Fast), 1);
+        EXPECT_EQ(waits(look, Limit - 1, Slow, replied), Limit - 1);
+        EXPECT_EQ(waits(look, 1, PXReplyLook::LookTime), 1);
+        EXPECT_EQ(waits(look, Limit, Slow, replied), Limit);
+        EXPECT_EQ(waits(look, 10 * int(PXReplyLook::ProbeEvery), Slow, replied), 10);
         while (look.begin() > 0)
             look.end(replied, Slow);
         look.end(true, Fast);

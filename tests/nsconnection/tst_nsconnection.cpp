@@ -16,13 +16,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <functional>
-#include <numeric>
 #include <vector>
-
-namespace {
 
 // Every case connects to the address it names: a forced address from the environment is cleared.
 [[maybe_unused]] const bool unforced =
@@ -31,102 +26,22 @@ namespace {
 using pxproto::flowId;
 namespace request = pxproto::request;
 
-// Both arrival signals in emission order, so that the order across the two kinds can be
-// checked: "E<id>" for an event, "B<hex>" for a bypass packet, with the stamps alongside.
-struct ArrivalLog
-{
-    explicit ArrivalLog(PXNSConnection& c)
-    {
-        QObject::connect(&c, &PXNSConnection::eventArrived, &context,
-                         [this](qint64 t, uint32_t e) { add(t, QStringLiteral("E%1").arg(e)); });
-        QObject::connect(&c, &PXNSConnection::bypassArrived, &context,
-                         [this](qint64 t, const QByteArray& b) { add(t, name(b)); });
-    }
-    static QString name(const QByteArray& b) { return "B" + QString::fromLatin1(b.toHex()); }
-    void add(qint64 stamp, const QString& what)
-    {
-        names << what;
-        stamps << stamp;
-    }
+using NSConnectionFake = Connected<PXNSConnection>;
 
-    QObject context;
-    QStringList names;
-    QList<qint64> stamps;
-};
-
-// A responder that answers every frame of flow `flow` with `reply`.
-FakeServer::Responder answer(unsigned char flow, const QByteArray& reply, int delayMs = 0)
-{
-    return [flow, reply, delayMs](FakeServer& s, int client, const QByteArray& frame) {
-        if (flowId(frame) == flow)
-            s.sendLater(reply, delayMs, client);
-    };
-}
-
-class NSConnectionFake : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(connection.open(QStringLiteral("127.0.0.1"), server.port()));
-        // send() addresses the most recent client: it must have been accepted.
-        ASSERT_TRUE(server.waitForConnections(1));
-    }
-
-    FakeServer server;
-    PXNSConnection connection;
-};
-
-} // namespace
-
-// Every operation answers 12 on a connection never opened or failed to open, before it
-// checks its arguments: one per kind of path (read, block read, write, command, bypass,
-// query, status).
-TEST(NSConnectionClosed, EveryPathReturns12)
-{
-    PXNSConnection connection;
-    unsigned char byte = 0;
-    unsigned int word = 0;
-    const unsigned int results[] = {connection.genericRead(0, false, &word, 3),
-                                    connection.readBlock(0, &byte, 1),
-                                    connection.writeBlock(0, &word, 4),
-                                    connection.setBypassFlowIds(&byte, 1),
-                                    connection.sendBypassPacket(1, &byte, 65531),
-                                    connection.comBreak(),
-                                    connection.getStatus(&byte)};
-    for (size_t i = 0; i < std::size(results); ++i)
-        EXPECT_EQ(results[i], 12u) << "call " << i;
-    ASSERT_FALSE(connection.open(QStringLiteral("127.0.0.1"), refusedPort()));
-    EXPECT_EQ(connection.ping(), 12u);
-}
-
-// Reads: see checkReads (the time-out here is 1000 ms). Writes and commands are written at
-// once, unanswered; sizes: see checkSizes.
+// Reads, sizes and writes: see checkReads (the time-out here is 1000 ms) and
+// checkSizesAndWrites (writes and commands are written at once, unanswered).
 TEST_F(NSConnectionFake, ReadsWritesAndCommands)
 {
     checkReads(server, connection);
-    checkSizes(server, connection);
-    std::vector<unsigned int> words(10000);
-    std::iota(words.begin(), words.end(), 0x5A5A0000u);
-    const auto* bytes = reinterpret_cast<const char*>(words.data());
-    server.clearReceived();
-    for (const unsigned int result :
-         {connection.writei8(0x20, 0x3C), connection.writeBlock(0x40001, words.data(), 40000),
-          connection.writeBlock(0, nullptr, 0), connection.flushPellixFifos()})
-        EXPECT_EQ(result, 0u);
-    const QList<QByteArray> expected = {
-        pxproto::writeRequest(0x20, true, "\x3C", 1),
-        pxproto::writeRequest(0x40001, false, bytes, 32768),
-        pxproto::writeRequest(0x48001, false, bytes + 32768, 40000 - 32768), pxproto::flushFifos()};
-    ASSERT_TRUE(server.waitForFrames(int(expected.size())));
-    EXPECT_EQ(server.frames(), expected);
+    checkSizesAndWrites(server, connection);
 }
 
 // Each query waits for its own time-out. Status replies of the wrong size are ignored, and so
 // is a right one that comes after getStatus gave up (during the read). A request made from a
-// slot during the ping gives up unsent after its own time-out when the ping's reply never
-// comes.
-TEST_F(NSConnectionFake, QueriesTimeOutWithoutAMatchingReply)
+// slot while a ping waits is sent once the ping's reply is in, and gives up unsent after its
+// own time-out when that reply never comes; close() from a slot lets the request in progress
+// finish.
+TEST_F(NSConnectionFake, QueriesTimeOutAndRequestsFromASlotWaitForTheRequestInProgress)
 {
     server.setResponder([](FakeServer& s, int client, const QByteArray& frame) {
         if (flowId(frame) != request::Status)
@@ -156,33 +71,25 @@ TEST_F(NSConnectionFake, QueriesTimeOutWithoutAMatchingReply)
     EXPECT_EQ(server.frames(),
               (QList<QByteArray>{pxproto::ping(), pxproto::status(), pxproto::singleRead(2, 0),
                                  pxproto::comBreak(), pxproto::forceReconnect()}));
-    server.setResponder(answer(request::Ping, pxproto::pingReply()));
-    EXPECT_EQ(connection.ping(), 0u) << "still usable";
-}
 
-// A request made from a slot while a ping waits is sent once the ping's reply is in; close()
-// from a slot lets the request in progress finish.
-TEST_F(NSConnectionFake, RequestsAndCloseFromASlotWaitForTheRequestInProgress)
-{
     server.setResponder([](FakeServer& s, int client, const QByteArray& frame) {
         if (flowId(frame) == request::Ping)
             s.sendLater(pxproto::pingReply(), 200, client);
         else if (flowId(frame) == request::Status)
             s.send(pxproto::statusReply(7), client);
     });
+    server.clearReceived();
     QElapsedTimer clock;
     clock.start();
-    unsigned int inner = 99;
-    qint64 innerDone = 0;
-    unsigned char status = 0;
+    qint64 nestedDone = 0;
     QTimer::singleShot(20, &connection, [&] {
-        inner = connection.getStatus(&status);
-        innerDone = clock.elapsed();
+        nested = connection.getStatus(&status);
+        nestedDone = clock.elapsed();
     });
-    EXPECT_EQ(connection.ping(), 0u);
-    EXPECT_EQ(inner, 0u);
+    EXPECT_EQ(connection.ping(), 0u) << "still usable";
+    EXPECT_EQ(nested, 0u);
     EXPECT_EQ(status, 7);
-    EXPECT_GE(innerDone, 190) << "the status request went out before the ping's reply";
+    EXPECT_GE(nestedDone, 190) << "the status request went out before the ping's reply";
     EXPECT_EQ(server.frames(), (QList<QByteArray>{pxproto::ping(), pxproto::status()}));
     QTimer::singleShot(20, &connection, [&] { connection.close(); });
     EXPECT_EQ(connection.ping(), 0u);
@@ -209,10 +116,21 @@ TEST_F(NSConnectionFake, ArrivalsAreSignalledAtOnceOrHeldBackEventsFirst)
         s.sendLater(pxproto::bypassFrame(b2) + pxproto::event(2), 50, client);
         s.sendLater(pxproto::pingReply(), 100, client);
     });
-    ArrivalLog log(connection);
+    // Both arrival signals in emission order, so that the order across the two kinds shows:
+    // "E<id>" for an event, "B<hex>" for a bypass packet, with the stamps alongside.
+    QStringList names;
+    QList<qint64> stamps;
     QList<unsigned int> nested;
-    QObject::connect(&connection, &PXNSConnection::eventArrived, &log.context,
-                     [&](qint64, uint32_t event) {
+    const auto bypass = [](const QByteArray& b) { return "B" + QString::fromLatin1(b.toHex()); };
+    const auto add = [&](qint64 t, const QString& name) {
+        names << name;
+        stamps << t;
+    };
+    QObject::connect(&connection, &PXNSConnection::bypassArrived, &connection,
+                     [&](qint64 t, const QByteArray& b) { add(t, bypass(b)); });
+    QObject::connect(&connection, &PXNSConnection::eventArrived, &connection,
+                     [&](qint64 t, uint32_t event) {
+                         add(t, QStringLiteral("E%1").arg(event));
                          if (event == 0xFFFFFFFF || event == 1)
                              nested << connection.ping();
                          if (event == 1)
@@ -226,29 +144,37 @@ TEST_F(NSConnectionFake, ArrivalsAreSignalledAtOnceOrHeldBackEventsFirst)
                 pxproto::bypassFrame(packet) + pxproto::writeAck() + pxproto::frame(0x55, "zz", 2) +
                 pxproto::event(0xFFFFFFFF));
     ASSERT_TRUE(QTest::qWaitFor([&] { return nested.size() == 1; }, 3000));
-    const QStringList idle{"B", "E66", ArrivalLog::name(packet), "E4294967295"};
-    EXPECT_EQ(log.names, idle);
+    const QStringList idle{"B", "E66", bypass(packet), "E4294967295"};
+    EXPECT_EQ(names, idle);
     const qint64 requested = QDateTime::currentMSecsSinceEpoch();
     EXPECT_EQ(connection.ping(), 0u);
     const qint64 returned = QDateTime::currentMSecsSinceEpoch();
-    EXPECT_EQ(log.names, idle);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return log.names.size() == 9; }, 3000));
-    const QStringList held{"E1", "E2", ArrivalLog::name(b1), ArrivalLog::name(b2), "E3"};
-    EXPECT_EQ(log.names, idle + held);
+    EXPECT_EQ(names, idle);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return names.size() == 9; }, 3000));
+    const QStringList held{"E1", "E2", bypass(b1), bypass(b2), "E3"};
+    EXPECT_EQ(names, idle + held);
     EXPECT_EQ(nested, (QList<unsigned int>{0, 0, 0}));
-    const auto stampedWithin = [&](int from, int to, qint64 earliest, qint64 latest) {
-        return std::all_of(log.stamps.begin() + from, log.stamps.begin() + to,
-                           [=](qint64 t) { return t >= earliest && t <= latest; });
-    };
-    EXPECT_TRUE(stampedWithin(0, 4, before, requested));
-    EXPECT_TRUE(stampedWithin(4, 8, requested, returned));
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_GE(stamps[i], i < 4 ? before : requested) << i;
+        EXPECT_LE(stamps[i], i < 4 ? requested : returned) << i;
+    }
 }
 
 // The server closing the socket ends a request at once and leaves the connection closed
 // until it is opened again, also through the last address (empty arguments, a negative
-// number) or the number of the port.
+// number) or the number of the port. Every operation answers 12 on a connection so closed,
+// never opened or failed to open, before it checks its arguments: one per kind of path (read,
+// block read, write, command, bypass, query, status).
 TEST_F(NSConnectionFake, ServerClosingEndsTheConnectionUntilItIsOpenedAgain)
 {
+    const auto everyPathReturns12 = [](PXNSConnection& c) {
+        unsigned char byte = 0;
+        unsigned int word = 0;
+        QList<unsigned int> results{c.genericRead(0, false, &word, 3), c.readBlock(0, &byte, 1)};
+        results << c.writeBlock(0, &word, 4) << c.setBypassFlowIds(&byte, 1) << c.comBreak()
+                << c.sendBypassPacket(1, &byte, 65531) << c.getStatus(&byte) << c.ping();
+        EXPECT_EQ(results, QList<unsigned int>(8, 12u));
+    };
     server.setResponder([](FakeServer& s, int client, const QByteArray& frame) {
         if (flowId(frame) == request::Ping)
             s.closeClient(client);
@@ -258,9 +184,10 @@ TEST_F(NSConnectionFake, ServerClosingEndsTheConnectionUntilItIsOpenedAgain)
     EXPECT_EQ(connection.ping(), 13u);
     EXPECT_LT(timer.elapsed(), 400);
     EXPECT_TRUE(QTest::qWaitFor([&] { return connection.enableEvents(true) == 12u; }, 3000));
-    unsigned int word;
-    EXPECT_EQ(connection.read32(0, &word), 12u);
-    server.setResponder(answer(request::Ping, pxproto::pingReply()));
+    PXNSConnection other;
+    everyPathReturns12(connection);
+    everyPathReturns12(other);
+    server.setResponder(answerPings);
     ASSERT_GE(server.port(), 7700);
     for (int opened = 2; opened <= 4; ++opened) {
         ASSERT_TRUE(opened == 2   ? connection.open(QString(), 0)
@@ -269,4 +196,6 @@ TEST_F(NSConnectionFake, ServerClosingEndsTheConnectionUntilItIsOpenedAgain)
         ASSERT_TRUE(server.waitForConnections(opened));
         EXPECT_EQ(connection.ping(), 0u) << opened;
     }
+    ASSERT_FALSE(other.open(QStringLiteral("127.0.0.1"), refusedPort()));
+    everyPathReturns12(other);
 }

@@ -3,18 +3,87 @@
 
 // Checks that PXConnection and PXNSConnection must both pass against FakeServer, run by the
 // tests of each: how reads are forwarded and assembled, which read-data replies end a read,
-// and which sizes are refused before anything is sent.
+// which sizes are refused before anything is sent, how writes go out. Also the fixture both
+// use, and the callback record of the PXConnection tests.
 
 #include "FakeServer.h"
 
+#include "pellix/connection/PXConnection.h"
 #include "pellix/protocol/PXFrames_p.h"
 
 #include <QElapsedTimer>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
+#include <numeric>
+#include <tuple>
 #include <vector>
+
+// Answers pings only, so that a ping round trip proves that everything the server sent before
+// it has been dispatched (the server's bytes arrive in order on one socket).
+inline void answerPings(FakeServer& server, int client, const QByteArray& frame)
+{
+    if (pxproto::flowId(frame) == pxproto::request::Ping)
+        server.send(pxproto::pingReply(), client);
+}
+
+// A connection of either class opened to a fake server that answers pings.
+template <class Connection>
+class Connected : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        server.setResponder(answerPings);
+        ASSERT_TRUE(connection.open(QStringLiteral("127.0.0.1"), server.port()));
+        // send() addresses the most recent client: it must have been accepted.
+        ASSERT_TRUE(server.waitForConnections(1));
+    }
+    // Everything the server sent so far has been dispatched once this returns.
+    void sync() { ASSERT_EQ(connection.ping(), 0u); }
+    void arrive(const QByteArray& bytes)
+    {
+        server.send(bytes);
+        sync();
+    }
+    // Takes every queued event, in order (PXConnection).
+    std::vector<unsigned int> popEvents()
+    {
+        std::vector<unsigned int> events;
+        for (unsigned int e = 0; connection.popEvent(&e) == 0;)
+            events.push_back(e);
+        return events;
+    }
+
+    FakeServer server;
+    Connection connection;
+};
+
+// Callback user data for PXConnection: how often, and on which thread, the callback ran, and
+// how often once `destroyed` was set. With `take` set (for the delayed callback only: it holds
+// no lock) it first takes every queued packet.
+struct Calls
+{
+    PXConnection* take = nullptr;
+    std::atomic<int> count{0}, taken{0}, late{0};
+    std::atomic<bool> destroyed{false};
+    std::atomic<QThread*> thread{nullptr};
+};
+
+inline void record(void* data)
+{
+    auto* calls = static_cast<Calls*>(data);
+    unsigned char flow, buffer[16];
+    int length;
+    while (calls->take && calls->take->getBypassPacket(&flow, buffer, 16, &length) == 0)
+        ++calls->taken;
+    calls->thread = QThread::currentThread();
+    calls->late += calls->destroyed.load() ? 1 : 0;
+    ++calls->count;
+}
 
 // Each read as the requests it sends, its result and what it delivers: the target's bytes
 // (FakeServer::memoryBytes), and never a byte past the caller's buffer. The cuts themselves are
@@ -33,15 +102,9 @@ void checkReads(FakeServer& server, Connection& connection)
         return pxproto::readData(a, m.constData() + (a - 0x3000), n);
     };
     const QByteArray second = data(0x3004, 4), b8 = b(0x3000, 8), b16 = b(0x3000, 16);
-    const struct
-    {
-        Kind kind;
-        quint32 address;
-        int size;
-        QList<QByteArray> requests;
-        QByteArray reply, tail;
-        unsigned int result;
-    } cases[] = {
+    using Row =
+        std::tuple<Kind, quint32, int, QList<QByteArray>, QByteArray, QByteArray, unsigned int>;
+    const Row cases[] = {
         // clang-format off
         {R8, 0x1234, 1, {r(0, 0x1234)}, {}, {}, 0},
         {Ri8, 0x33, 1, {r(4, 0x33)}, {}, {}, 0},
@@ -60,11 +123,11 @@ void checkReads(FakeServer& server, Connection& connection)
         // clang-format on
     };
     std::vector<unsigned char> in(65536 + 1);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "kind " << c.kind << " at " << c.address << " "
-                                        << c.reply.toHex().constData());
+    for (const auto& [kind, address, size, requests, reply, tail, expected] : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "kind " << kind << " at " << address << " " << reply.toHex().constData());
         server.setResponder(
-            [reply = c.reply, tail = c.tail](FakeServer& s, int client, const QByteArray& frame) {
+            [reply = reply, tail = tail](FakeServer& s, int client, const QByteArray& frame) {
                 if (reply.isEmpty())
                     return FakeServer::memoryResponder(s, client, frame);
                 s.send(reply, client);
@@ -77,19 +140,19 @@ void checkReads(FakeServer& server, Connection& connection)
         QElapsedTimer clock;
         clock.start();
         const unsigned int result =
-            c.kind == R8    ? connection.read8(c.address, d)
-            : c.kind == Ri8 ? connection.readi8(c.address, d)
-            : c.kind == R16 ? connection.read16(c.address, reinterpret_cast<unsigned short*>(d))
-            : c.kind == R32 ? connection.read32(c.address, reinterpret_cast<unsigned int*>(d))
-                            : connection.readBlock(c.address, d, c.size);
-        EXPECT_EQ(result, c.result);
+            kind == R8    ? connection.read8(address, d)
+            : kind == Ri8 ? connection.readi8(address, d)
+            : kind == R16 ? connection.read16(address, reinterpret_cast<unsigned short*>(d))
+            : kind == R32 ? connection.read32(address, reinterpret_cast<unsigned int*>(d))
+                          : connection.readBlock(address, d, size);
+        EXPECT_EQ(result, expected);
         EXPECT_LT(clock.elapsed(), 900);
-        EXPECT_EQ(server.frames(), c.requests);
-        if (c.result == 0) {
-            EXPECT_EQ(QByteArray(reinterpret_cast<char*>(d), c.size),
-                      FakeServer::memoryBytes(c.address, c.size));
+        EXPECT_EQ(server.frames(), requests);
+        if (expected == 0) {
+            EXPECT_EQ(QByteArray(reinterpret_cast<char*>(d), size),
+                      FakeServer::memoryBytes(address, size));
         }
-        EXPECT_EQ(in[size_t(c.size)], 0xEE) << "wrote past the buffer";
+        EXPECT_EQ(in[size_t(size)], 0xEE) << "wrote past the buffer";
     }
     server.setResponder(FakeServer::memoryResponder);
 }
@@ -97,13 +160,17 @@ void checkReads(FakeServer& server, Connection& connection)
 // Sizes and counts that no frame carries are refused before anything is sent: 6 for bypass
 // packets and flow id lists (negative ones would write header bytes outside the frame,
 // oversized ones wrap its 16-bit length field), 13 for reads and writes; the largest that fit
-// are sent, a read of 0 bytes is no request, and a flow mode travels as a 32-bit value, named
-// or not.
+// are sent, a read or write of 0 bytes is no request, and a flow mode travels as a 32-bit
+// value, named or not. Writes go out as given (writes wait for the acknowledgement that
+// memoryResponder sends, where the class waits at all), a block write cut into pieces of at
+// most 32768 bytes whatever the alignment.
 template <class Connection>
-void checkSizes(FakeServer& server, Connection& connection)
+void checkSizesAndWrites(FakeServer& server, Connection& connection)
 {
-    std::vector<unsigned char> bytes(pxproto::MaxPayloadLength);
-    auto* d = bytes.data();
+    std::vector<unsigned int> words(16384);
+    std::iota(words.begin(), words.end(), 0x5A5A0000u);
+    auto* d = reinterpret_cast<unsigned char*>(words.data());
+    server.setResponder(FakeServer::memoryResponder);
     server.clearReceived();
     for (int size : {-9, -2, -1, INT_MIN, pxproto::MaxBypassData + 1, INT_MAX})
         EXPECT_EQ(connection.sendBypassPacket(1, d, size), 6u) << size;
@@ -113,12 +180,20 @@ void checkSizes(FakeServer& server, Connection& connection)
         EXPECT_EQ(connection.genericWrite(0, false, d, size), 13u) << size;
     for (int size : {0, -1, 3})
         EXPECT_EQ(connection.genericRead(0, false, d, size), 13u) << size;
-    EXPECT_EQ(connection.readBlock(0, d, 0), 0u);
-    EXPECT_EQ(connection.sendBypassPacket(3, d, pxproto::MaxBypassData), 0u);
-    EXPECT_EQ(connection.setFlowMode(static_cast<PXLFlowMode>(0x12345678u)), 0u);
-    ASSERT_TRUE(server.waitForFrames(2));
-    EXPECT_EQ(server.frames(), (QList<QByteArray>{pxproto::bypassSend(3, d, pxproto::MaxBypassData),
-                                                  pxproto::setFlowMode(0x12345678u)}));
+    for (const unsigned int result :
+         {connection.readBlock(0, d, 0), connection.writeBlock(0, nullptr, 0),
+          connection.sendBypassPacket(3, d, pxproto::MaxBypassData),
+          connection.setFlowMode(static_cast<PXLFlowMode>(0x12345678u)),
+          connection.writei8(0x20, 0x3C), connection.writeBlock(0x40001, words.data(), 40000),
+          connection.flushPellixFifos()})
+        EXPECT_EQ(result, 0u);
+    QList<QByteArray> expected{pxproto::bypassSend(3, d, pxproto::MaxBypassData)};
+    expected << pxproto::setFlowMode(0x12345678u) << pxproto::writeRequest(0x20, true, "\x3C", 1)
+             << pxproto::writeRequest(0x40001, false, d, 32768)
+             << pxproto::writeRequest(0x48001, false, d + 32768, 40000 - 32768)
+             << pxproto::flushFifos();
+    ASSERT_TRUE(server.waitForFrames(int(expected.size())));
+    EXPECT_EQ(server.frames(), expected);
 }
 
 #endif
