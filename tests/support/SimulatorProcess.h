@@ -20,9 +20,8 @@ public:
     static SimulatorProcess program(const QString& name, const QStringList& arguments);
     ~SimulatorProcess();
 
+    // Movable, not copyable (declaring the move removes the copies).
     SimulatorProcess(SimulatorProcess&& other) noexcept;
-    SimulatorProcess(const SimulatorProcess&) = delete;
-    SimulatorProcess& operator=(const SimulatorProcess&) = delete;
 
     // True once the simulator has announced that it listens.
     bool isListening() const { return listenPort != 0; }
@@ -38,10 +37,8 @@ public:
     static QString binaryFolder();
 
 private:
-    struct NoLaunch
-    {};
-    explicit SimulatorProcess(NoLaunch) {}
-    void launch(const QStringList& arguments, const QString& program = QStringLiteral("pellix"));
+    // Starts `program` of the binary folder with exactly `arguments`.
+    SimulatorProcess(const QString& program, const QStringList& arguments);
     void drainStderr(int timeoutMs);
 
     pid_t child = -1;
