@@ -26,27 +26,6 @@ namespace {
 constexpr unsigned int EventRegister = 0xFFFFFF00u;
 using Results = std::vector<unsigned int>;
 
-// pellix-target on a pseudo-terminal that LINK names, started and killed with the object.
-struct LinkTarget
-{
-    LinkTarget(const QString& link, const QStringList& extra)
-    {
-        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process.start(SimulatorProcess::binaryFolder() + "/pellix-target",
-                      QStringList{"--pty", link} + extra);
-        started = process.waitForReadyRead(10000) &&
-                  process.readLine().startsWith("pellix-target: serial device /dev/");
-    }
-    ~LinkTarget()
-    {
-        process.kill();
-        process.waitForFinished(5000);
-    }
-
-    QProcess process;
-    bool started = false;
-};
-
 class Serial : public ::testing::TestWithParam<const char*>
 {
 protected:
@@ -68,10 +47,21 @@ protected:
         EXPECT_TRUE(server->errorOutput().contains("serial device"));
         EXPECT_FALSE(server->errorOutput().contains("simulated"));
     }
+    void TearDown() override { stopTarget(); }
+    // pellix-target on a pseudo-terminal that the path link() names.
     void startTarget(const QStringList& extra = {})
     {
-        target = std::make_unique<LinkTarget>(link(), QStringList{"--flow", flow()} + extra);
-        ASSERT_TRUE(target->started);
+        stopTarget();
+        target.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        target.start(SimulatorProcess::binaryFolder() + "/pellix-target",
+                     QStringList{"--pty", link(), "--flow", flow()} + extra);
+        ASSERT_TRUE(target.waitForReadyRead(10000) &&
+                    target.readLine().startsWith("pellix-target: serial device /dev/"));
+    }
+    void stopTarget()
+    {
+        target.kill();
+        target.waitForFinished(5000);
     }
 
     QString link() const { return dir.filePath("link"); }
@@ -83,7 +73,7 @@ protected:
     }
 
     QTemporaryDir dir;
-    std::unique_ptr<LinkTarget> target;
+    QProcess target;
     std::unique_ptr<SimulatorProcess> server;
     PXConnection connection;
 };
@@ -167,7 +157,7 @@ TEST_P(SerialLoss, TargetKilledMidTransferComesBack)
     // Killed by pid: the QProcess belongs to this thread. The link goes with the target, as a
     // device node goes when its adapter is unplugged, so that no other test's terminal that
     // reuses the number can be taken for it.
-    const qint64 pid = target->process.processId();
+    const qint64 pid = target.processId();
     std::thread killer([this, pid] {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         ::kill(pid_t(pid), SIGKILL);
@@ -175,7 +165,7 @@ TEST_P(SerialLoss, TargetKilledMidTransferComesBack)
     });
     EXPECT_EQ(connection.readBlock(0, buffer.data(), int(buffer.size())), 13u);
     killer.join();
-    target.reset();
+    stopTarget();
     EXPECT_EQ(status(), 0);
     unsigned int word = 0;
     EXPECT_EQ(connection.read32(0x40, &word), 13u) << "no device: no answer, and no wedge";

@@ -42,9 +42,8 @@ struct SimClient
         for (const QDeadlineTimer deadline(5000);; parser.feedData(socket.readAll())) {
             if (const QByteArray frame = parser.getPacket(false); !frame.isEmpty())
                 return frame;
-            if (socket.bytesAvailable() <= 0 && !deadline.hasExpired())
-                socket.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
-            if (socket.bytesAvailable() <= 0)
+            if (socket.bytesAvailable() <= 0 &&
+                !socket.waitForReadyRead(int(deadline.remainingTime())))
                 return QByteArray();
         }
     }

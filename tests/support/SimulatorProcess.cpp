@@ -25,16 +25,6 @@ SimulatorProcess::SimulatorProcess(const QStringList& extraArguments)
                        QStringList{"COM0", "921600", "none", "--port", "0"} + extraArguments)
 {}
 
-SimulatorProcess SimulatorProcess::withArguments(const QStringList& arguments)
-{
-    return {QStringLiteral("pellix"), arguments};
-}
-
-SimulatorProcess SimulatorProcess::program(const QString& name, const QStringList& arguments)
-{
-    return {name, arguments};
-}
-
 SimulatorProcess::SimulatorProcess(SimulatorProcess&& other) noexcept
     : child(std::exchange(other.child, -1)), outFd(std::exchange(other.outFd, -1)),
       errFd(std::exchange(other.errFd, -1)), listenPort(other.listenPort),
@@ -74,33 +64,26 @@ SimulatorProcess::SimulatorProcess(const QString& program, const QStringList& ar
     fcntl(errFd, F_SETFL, O_NONBLOCK);
 
     // Read stdout until the announcement line, for at most 10 s.
-    QByteArray line;
     const QDeadlineTimer deadline(10000);
-    char c[256];
-    for (pollfd p{outFd, POLLIN, 0}; !line.contains('\n');) {
-        const ssize_t n =
-            poll(&p, 1, int(deadline.remainingTime())) > 0 ? read(outFd, c, sizeof c) : 0;
-        if (n <= 0)
-            break;
-        line.append(c, int(n));
-    }
+    QByteArray line;
+    pollfd p{outFd, POLLIN, 0};
+    for (char c = 0;
+         c != '\n' && poll(&p, 1, int(deadline.remainingTime())) > 0 && read(outFd, &c, 1) == 1;)
+        line += c;
     if (line.contains("listening on "))
         listenPort = quint16(line.mid(line.lastIndexOf(':') + 1).trimmed().toUInt());
 }
 
-void SimulatorProcess::drainStderr(int timeoutMs)
+void SimulatorProcess::drainStderr()
 {
-    pollfd p{errFd, POLLIN, 0};
     char buffer[4096];
-    if (errFd >= 0 && poll(&p, 1, timeoutMs) > 0) {
-        for (ssize_t n; (n = read(errFd, buffer, sizeof buffer)) > 0;)
-            stderrBytes.append(buffer, int(n));
-    }
+    for (ssize_t n; errFd >= 0 && (n = read(errFd, buffer, sizeof buffer)) > 0;)
+        stderrBytes.append(buffer, int(n));
 }
 
 QString SimulatorProcess::errorOutput()
 {
-    drainStderr(0);
+    drainStderr();
     return QString::fromLocal8Bit(stderrBytes);
 }
 
@@ -111,7 +94,7 @@ int SimulatorProcess::waitForExit(int timeoutMs)
          child > 0 && waitpid(child, &status, WNOHANG) != child;) {
         if (deadline.hasExpired())
             return -1;
-        drainStderr(10);
+        drainStderr();
         usleep(1000);
     }
     if (std::exchange(child, -1) > 0)

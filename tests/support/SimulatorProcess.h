@@ -15,9 +15,15 @@ class SimulatorProcess
 public:
     explicit SimulatorProcess(const QStringList& extraArguments = {});
     // Starts with exactly these arguments (no defaults added).
-    static SimulatorProcess withArguments(const QStringList& arguments);
+    static SimulatorProcess withArguments(const QStringList& arguments)
+    {
+        return {QStringLiteral("pellix"), arguments};
+    }
     // Starts another server program of the binary folder that announces itself the same way.
-    static SimulatorProcess program(const QString& name, const QStringList& arguments);
+    static SimulatorProcess program(const QString& name, const QStringList& arguments)
+    {
+        return {name, arguments};
+    }
     ~SimulatorProcess();
 
     // Movable, not copyable (declaring the move removes the copies).
@@ -39,7 +45,7 @@ public:
 private:
     // Starts `program` of the binary folder with exactly `arguments`.
     SimulatorProcess(const QString& program, const QStringList& arguments);
-    void drainStderr(int timeoutMs);
+    void drainStderr(); // what stderr holds now (it does not block)
 
     pid_t child = -1;
     int outFd = -1;
