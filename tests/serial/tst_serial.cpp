@@ -19,11 +19,11 @@
 #include <csignal>
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
 
-constexpr unsigned int EventRegister = 0xFFFFFF00u;
 using Results = std::vector<unsigned int>;
 
 class Serial : public ::testing::TestWithParam<const char*>
@@ -94,10 +94,8 @@ TEST_P(Serial, MemoryEventsAndBypassCrossTheLink)
                        connection.write8(0x1004, 0x5C), connection.read8(0x1004, &byte),
                        connection.readi8(0x1004, &internal)}),
               Results(7, 0u));
-    EXPECT_EQ(word, 0x11135CADu);
-    EXPECT_EQ(half, 0x135Cu);
-    EXPECT_EQ(byte, 0x5C);
-    EXPECT_EQ(internal, 0xAD);
+    EXPECT_EQ(std::make_tuple(word, half, byte, internal),
+              std::make_tuple(0x11135CADu, ushort(0x135C), uchar(0x5C), uchar(0xAD)));
 
     std::vector<unsigned int> image(256 * 1024), back(image.size());
     for (size_t i = 0; i < image.size(); ++i)
@@ -118,8 +116,9 @@ TEST_P(Serial, MemoryEventsAndBypassCrossTheLink)
     EXPECT_TRUE(back == image);
     EXPECT_EQ(otherMismatches, 0u);
 
+    // 0xFFFFFF00: the default event register.
     ASSERT_EQ(connection.enableEvents(true), 0u);
-    EXPECT_EQ(connection.write32(EventRegister, 0x1311AD5C), 0u);
+    EXPECT_EQ(connection.write32(0xFFFFFF00u, 0x1311AD5C), 0u);
     EXPECT_EQ(connection.waitEvent(&word, 5000), 0u);
     EXPECT_EQ(word, 0x1311AD5Cu);
 

@@ -21,10 +21,7 @@ namespace {
 
 using namespace pxproto;
 
-QByteArray hex(const char* text)
-{
-    return QByteArray::fromHex(text);
-}
+const auto hex = [](const char* text) { return QByteArray::fromHex(text); };
 
 // A raw client socket that sends prebuilt frames and cuts the replies with PXParser.
 struct SimClient
@@ -98,10 +95,16 @@ protected:
 };
 
 // Each request gets its reply or none at all; malformed ones are skipped whole. The settings
-// and commands without a reply show in the verbose log.
-TEST_F(Simulator, EveryRequestGetsItsReplyOrNone)
+// and commands without a reply show in the verbose log. Writes of every width read back
+// little-endian, apart from the internal space. A large read comes back in frames of
+// --frame-size bytes that reassemble; a range running past 0xFFFFFFFF wraps to address 0.
+// --image preloads memory.
+TEST_F(Simulator, RequestsGetTheirRepliesAndMemoryReadsBackWhatWasWritten)
 {
-    startServer({"--verbose"});
+    QTemporaryFile image;
+    const char* lod = "# boot image\n@00003000\n12345678\n# inside\n0x9ABCDEF0\n\n@4000\r\nFF\r\n";
+    ASSERT_TRUE(image.open() && image.write(lod) > 0 && image.flush());
+    startServer({"--verbose", "--frame-size", "100", "--image", image.fileName()});
     const unsigned char ids[] = {0x10, 0x20};
     SimClient client(server->port());
     const auto check = [&client](const QByteArray& request, const QList<QByteArray>& replies) {
@@ -128,27 +131,6 @@ TEST_F(Simulator, EveryRequestGetsItsReplyOrNone)
         check(request, {});
     // The skipped write left memory untouched.
     check(singleRead(access::Read32, 0x10), {readData(0x10, "\0\0\0\0", 4)});
-    client.send(kill());
-    EXPECT_EQ(server->waitForExit(), 0);
-    const QString log = server->errorOutput();
-    for (const char* text :
-         {"baud rate 115200", "flow mode 2 (xonxoff)", "USB identifiers 0x1234 0xABCD",
-          "client type 7", "persistent on", "auto-bauding", "unknown flow 0x55",
-          "clean: 0 queued frame(s) dropped", "flush FIFOs: 0 queued frame(s) dropped", "kill"})
-        EXPECT_TRUE(log.contains(QLatin1String(text))) << text << "\n" << log.toStdString();
-}
-
-// Writes of every width read back little-endian, apart from the internal space. A large read
-// comes back in frames of --frame-size bytes that reassemble; a range running past 0xFFFFFFFF
-// wraps to address 0. --image preloads memory.
-TEST_F(Simulator, MemoryReadsBackWhatWasWritten)
-{
-    QTemporaryFile image;
-    ASSERT_TRUE(image.open());
-    image.write("# boot image\n@00003000\n12345678\n# inside\n0x9ABCDEF0\n\n@4000\r\nFF\r\n");
-    image.close();
-    startServer({"--frame-size", "100", "--image", image.fileName()});
-    SimClient client(server->port());
     QByteArray pattern(1000, Qt::Uninitialized);
     for (int i = 0; i < pattern.size(); ++i)
         pattern[i] = char(i * 7 + 3);
@@ -167,14 +149,22 @@ TEST_F(Simulator, MemoryReadsBackWhatWasWritten)
         const QList<QByteArray> field = QByteArray(line).split(' ');
         const quint32 address = field[1].toUInt(nullptr, 16);
         const QByteArray data = QByteArray::fromHex(field[2]);
-        client.send(singleRead(static_cast<unsigned char>(field[0].toUInt()), address));
-        EXPECT_EQ(client.next(), readData(address, data.constData(), int(data.size()))) << line;
+        check(singleRead(static_cast<unsigned char>(field[0].toUInt()), address),
+              {readData(address, data.constData(), int(data.size()))});
     }
     EXPECT_EQ(client.blockReadAll(0x20003, 1000, 100), pattern);
     EXPECT_EQ(client.blockReadAll(0x20000, 5, 100), hex("000000030A"));
     EXPECT_EQ(client.blockReadAll(0xFFFFFFFE, 4, 100), hex("00001122"));
     EXPECT_EQ(client.blockReadAll(0x3000, 12, 100), hex("78563412F0DEBC9A00000000"));
     EXPECT_EQ(client.blockReadAll(0x4000, 2, 100), hex("FF00"));
+    client.send(kill());
+    EXPECT_EQ(server->waitForExit(), 0);
+    const QString log = server->errorOutput();
+    for (const char* text :
+         {"baud rate 115200", "flow mode 2 (xonxoff)", "USB identifiers 0x1234 0xABCD",
+          "client type 7", "persistent on", "auto-bauding", "unknown flow 0x55",
+          "clean: 0 queued frame(s) dropped", "flush FIFOs: 0 queued frame(s) dropped", "kill"})
+        EXPECT_TRUE(log.contains(QLatin1String(text))) << text << "\n" << log.toStdString();
 }
 
 // Events go to the clients that enabled them, bypass echoes to the clients that chose the
@@ -198,10 +188,10 @@ TEST_F(Simulator, EventsAndBypassEchoesReachOnlyTheClientsThatChoseThem)
     a.send(writeRequest(0x4000, false, "\x42\0\0\0", 4) + writeRequest(0x3FFE, false, block, 7) +
            writeRequest(0x4001, false, block, 4) + writeRequest(0x4000, false, "\x01\x02", 2) +
            writeRequest(0x4004, false, "\x42\0\0\0", 4));
-    EXPECT_EQ(a.framesBeforePing().join(), writeAck().repeated(5));
     // The register keeps what was written to it, as memory does.
     a.send(singleRead(access::Read32, 0x4000));
-    EXPECT_EQ(a.next(), readData(0x4000, "\x01\x02\x02\xEF", 4));
+    EXPECT_EQ(a.framesBeforePing().join(),
+              writeAck().repeated(5) + readData(0x4000, "\x01\x02\x02\xEF", 4));
 
     // A bad checksum is echoed with a good one.
     QByteArray bad = bypassSend(7, "xyz", 3);
@@ -218,30 +208,25 @@ TEST_F(Simulator, EventsAndBypassEchoesReachOnlyTheClientsThatChoseThem)
                                  bypassFrame(debugPacket(7, "xyz", 3))}));
 }
 
-// A kill request, SIGINT and SIGTERM each close every client and end with status 0.
-TEST_F(Simulator, KillAndSignalsCloseEveryClientAndExitZero)
+// SIGINT closes every client and ends the server with status 0, as a kill request does
+// (RequestsGetTheirRepliesAndMemoryReadsBackWhatWasWritten; its closing of the other clients: the
+// tool tests' followers) and SIGTERM (the TearDown of every case).
+TEST_F(Simulator, InterruptClosesEveryClientAndExitsZero)
 {
-    for (const int how : {0, SIGINT, SIGTERM}) {
-        SCOPED_TRACE(how);
-        startServer();
-        SimClient a(server->port()), b(server->port());
-        b.send(enableEvents(true));
-        EXPECT_TRUE(b.framesBeforePing().isEmpty());
-        if (how == 0)
-            a.send(kill());
-        else
-            ASSERT_EQ(::kill(server->pid(), how), 0);
-        for (SimClient* c : {&a, &b})
-            EXPECT_TRUE(c->next().isEmpty() &&
-                        c->socket.state() != QAbstractSocket::ConnectedState);
-        EXPECT_EQ(server->waitForExit(), 0);
-    }
+    startServer();
+    SimClient a(server->port()), b(server->port());
+    b.send(enableEvents(true));
+    EXPECT_TRUE(b.framesBeforePing().isEmpty());
+    ASSERT_EQ(::kill(server->pid(), SIGINT), 0);
+    for (SimClient* c : {&a, &b})
+        EXPECT_TRUE(c->next().isEmpty() && c->socket.state() != QAbstractSocket::ConnectedState);
+    EXPECT_EQ(server->waitForExit(), 0);
 }
 
 // Listening on 7700 + N for COMN is checked through the library's PXST_Open (tst_api, the
 // tool tests). With the positional arguments only and no device configured for the port, the
 // server serves the simulation and says so.
-TEST(SimulatorCommandLine, HelpExitsZeroAndBadArgumentsFailWithAMessage)
+TEST(SimulatorCommandLine, OptionsHelpAndBadArguments)
 {
     SimulatorProcess hardware =
         SimulatorProcess::withArguments({"COM421", "921600", "hardware", "--port", "0"});
@@ -266,12 +251,19 @@ TEST(SimulatorCommandLine, HelpExitsZeroAndBadArgumentsFailWithAMessage)
           "--port 0 --image /nonexistent/image.lod"})
         check(QString::fromLatin1(line).split(' ', Qt::SkipEmptyParts), 2, "");
     QTemporaryFile image;
-    ASSERT_TRUE(image.open());
-    image.write("@100\n1\n\n2\n");
-    image.close();
+    ASSERT_TRUE(image.open() && image.write("@100\n1\n\n2\n") > 0 && image.flush());
     check({"--port", "0", "--image", image.fileName()}, 2, "outside a packet");
     SimulatorProcess first;
     check({"--port", QString::number(first.port())}, 1, "cannot listen");
+
+    // --latency delays each reply: the status's and the ping's after it.
+    SimulatorProcess slow({"--latency", "150000"});
+    SimClient client(slow.port());
+    QElapsedTimer timer;
+    timer.start();
+    client.send(status());
+    EXPECT_EQ(client.framesBeforePing(), QList<QByteArray>{statusReply(1)});
+    EXPECT_GE(timer.elapsed(), 300);
 }
 
 // A client that floods requests and never reads is held back by TCP; the server neither
@@ -288,25 +280,12 @@ TEST_F(Simulator, ClientThatNeverReadsDoesNotStallOthers)
         unsigned char value[4];
         putLe32(value, id);
         good.send(writeRequest(0xFFFFFF00u, false, value, 4)); // the default event register
-        ASSERT_EQ(good.next(), writeAck()) << id;
-        ASSERT_EQ(good.next(), event(id));
+        ASSERT_EQ(good.framesBeforePing(), (QList<QByteArray>{writeAck(), event(id)})) << id;
     }
     EXPECT_EQ(good.blockReadAll(0x1000, 1 << 20, 4096), QByteArray(1 << 20, '\0'));
     // The sink still gets the start of its read once it reads.
     sink.socket.setReadBufferSize(0);
     EXPECT_EQ(sink.next(), readData(0, QByteArray(4096, '\0').constData(), 4096));
-}
-
-TEST_F(Simulator, LatencyDelaysEachReply)
-{
-    startServer({"--latency", "150000"});
-    SimClient client(server->port());
-    QElapsedTimer timer;
-    timer.start();
-    client.send(ping() + status());
-    EXPECT_EQ(client.next(), pingReply());
-    EXPECT_EQ(client.next(), statusReply(1));
-    EXPECT_GE(timer.elapsed(), 300);
 }
 
 } // namespace

@@ -111,8 +111,7 @@ SimulatorProcess::~SimulatorProcess()
             waitpid(child, nullptr, 0);
         }
     }
-    if (outFd >= 0)
-        close(outFd);
-    if (errFd >= 0)
-        close(errFd);
+    // After a move or a failed start they are -1, which close() refuses harmlessly.
+    close(outFd);
+    close(errFd);
 }
