@@ -12,7 +12,6 @@ quint16 refusedPort()
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = 0;
         socklen_t length = sizeof address;
         if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
             getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -20,16 +21,9 @@ QString SimulatorProcess::binaryFolder()
 }
 
 SimulatorProcess::SimulatorProcess(const QStringList& extraArguments)
-{
-    launch(QStringList{"COM0", "921600", "none", "--port", "0"} + extraArguments);
-}
-
-SimulatorProcess SimulatorProcess::withArguments(const QStringList& arguments)
-{
-    SimulatorProcess process{NoLaunch{}};
-    process.launch(arguments);
-    return process;
-}
+    : SimulatorProcess(QStringLiteral("pellix"),
+                       QStringList{"COM0", "921600", "none", "--port", "0"} + extraArguments)
+{}
 
 SimulatorProcess::SimulatorProcess(SimulatorProcess&& other) noexcept
     : child(std::exchange(other.child, -1)), outFd(std::exchange(other.outFd, -1)),
@@ -37,17 +31,9 @@ SimulatorProcess::SimulatorProcess(SimulatorProcess&& other) noexcept
       stderrBytes(std::move(other.stderrBytes)), exitStatus(other.exitStatus)
 {}
 
-SimulatorProcess SimulatorProcess::program(const QString& name, const QStringList& arguments)
+SimulatorProcess::SimulatorProcess(const QString& program, const QStringList& arguments)
 {
-    SimulatorProcess process{NoLaunch{}};
-    process.launch(arguments, name);
-    return process;
-}
-
-void SimulatorProcess::launch(const QStringList& arguments, const QString& program)
-{
-    const QByteArray path = (binaryFolder() + QLatin1Char('/') + program).toLocal8Bit();
-    std::vector<QByteArray> storage{path};
+    std::vector<QByteArray> storage{(binaryFolder() + QLatin1Char('/') + program).toLocal8Bit()};
     for (const QString& argument : arguments)
         storage.push_back(argument.toLocal8Bit());
     std::vector<char*> argv;
@@ -61,12 +47,10 @@ void SimulatorProcess::launch(const QStringList& arguments, const QString& progr
     child = fork();
     if (child == 0) {
         // The server may use every processor, also when the caller confines itself to some
-        // (a benchmark run under taskset measures a client that shares its processor).
+        // (a benchmark run under taskset measures a client that shares its processor). The
+        // kernel keeps only the processors that exist of the full mask.
         cpu_set_t all;
-        CPU_ZERO(&all);
-        for (long cpu = 0, count = sysconf(_SC_NPROCESSORS_ONLN); cpu < count && cpu < CPU_SETSIZE;
-             ++cpu)
-            CPU_SET(int(cpu), &all);
+        std::memset(&all, 0xFF, sizeof all);
         sched_setaffinity(0, sizeof all, &all);
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
@@ -80,51 +64,41 @@ void SimulatorProcess::launch(const QStringList& arguments, const QString& progr
     fcntl(errFd, F_SETFL, O_NONBLOCK);
 
     // Read stdout until the announcement line, for at most 10 s.
-    QByteArray line;
     const QDeadlineTimer deadline(10000);
-    char c[256];
-    for (pollfd p{outFd, POLLIN, 0}; !line.contains('\n');) {
-        const ssize_t n =
-            poll(&p, 1, int(deadline.remainingTime())) > 0 ? read(outFd, c, sizeof c) : 0;
-        if (n <= 0)
-            break;
-        line.append(c, int(n));
-    }
+    QByteArray line;
+    pollfd p{outFd, POLLIN, 0};
+    for (char c = 0;
+         c != '\n' && poll(&p, 1, int(deadline.remainingTime())) > 0 && read(outFd, &c, 1) == 1;)
+        line += c;
     if (line.contains("listening on "))
         listenPort = quint16(line.mid(line.lastIndexOf(':') + 1).trimmed().toUInt());
 }
 
-void SimulatorProcess::drainStderr(int timeoutMs)
+void SimulatorProcess::drainStderr()
 {
-    if (errFd < 0)
-        return;
-    pollfd p{errFd, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) <= 0)
-        return;
     char buffer[4096];
-    for (ssize_t n; (n = read(errFd, buffer, sizeof buffer)) > 0;)
+    for (ssize_t n; errFd >= 0 && (n = read(errFd, buffer, sizeof buffer)) > 0;)
         stderrBytes.append(buffer, int(n));
 }
 
 QString SimulatorProcess::errorOutput()
 {
-    drainStderr(0);
+    drainStderr();
     return QString::fromLocal8Bit(stderrBytes);
 }
 
 int SimulatorProcess::waitForExit(int timeoutMs)
 {
-    if (child <= 0)
-        return exitStatus;
     int status = 0;
-    for (const QDeadlineTimer deadline(timeoutMs); waitpid(child, &status, WNOHANG) != child;) {
+    for (const QDeadlineTimer deadline(timeoutMs);
+         child > 0 && waitpid(child, &status, WNOHANG) != child;) {
         if (deadline.hasExpired())
             return -1;
-        drainStderr(10);
+        drainStderr();
         usleep(1000);
     }
-    child = -1;
-    exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (std::exchange(child, -1) > 0)
+        exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return exitStatus;
 }
 
@@ -137,8 +111,7 @@ SimulatorProcess::~SimulatorProcess()
             waitpid(child, nullptr, 0);
         }
     }
-    if (outFd >= 0)
-        close(outFd);
-    if (errFd >= 0)
-        close(errFd);
+    // After a move or a failed start they are -1, which close() refuses harmlessly.
+    close(outFd);
+    close(errFd);
 }

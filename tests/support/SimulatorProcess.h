@@ -15,14 +15,19 @@ class SimulatorProcess
 public:
     explicit SimulatorProcess(const QStringList& extraArguments = {});
     // Starts with exactly these arguments (no defaults added).
-    static SimulatorProcess withArguments(const QStringList& arguments);
+    static SimulatorProcess withArguments(const QStringList& arguments)
+    {
+        return {QStringLiteral("pellix"), arguments};
+    }
     // Starts another server program of the binary folder that announces itself the same way.
-    static SimulatorProcess program(const QString& name, const QStringList& arguments);
+    static SimulatorProcess program(const QString& name, const QStringList& arguments)
+    {
+        return {name, arguments};
+    }
     ~SimulatorProcess();
 
+    // Movable, not copyable (declaring the move removes the copies).
     SimulatorProcess(SimulatorProcess&& other) noexcept;
-    SimulatorProcess(const SimulatorProcess&) = delete;
-    SimulatorProcess& operator=(const SimulatorProcess&) = delete;
 
     // True once the simulator has announced that it listens.
     bool isListening() const { return listenPort != 0; }
@@ -38,11 +43,9 @@ public:
     static QString binaryFolder();
 
 private:
-    struct NoLaunch
-    {};
-    explicit SimulatorProcess(NoLaunch) {}
-    void launch(const QStringList& arguments, const QString& program = QStringLiteral("pellix"));
-    void drainStderr(int timeoutMs);
+    // Starts `program` of the binary folder with exactly `arguments`.
+    SimulatorProcess(const QString& program, const QStringList& arguments);
+    void drainStderr(); // what stderr holds now (it does not block)
 
     pid_t child = -1;
     int outFd = -1;

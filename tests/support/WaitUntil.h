@@ -1,6 +1,7 @@
 #ifndef PELLIX_TESTS_WAITUNTIL_H
 #define PELLIX_TESTS_WAITUNTIL_H
 
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QThread>
 
@@ -10,13 +11,9 @@
 // polls, so that a waiting test thread does not starve the threads it waits for.
 inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 5000)
 {
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
+    for (const QDeadlineTimer deadline(timeoutMs); !done(); QThread::usleep(200))
+        if (deadline.hasExpired())
             return false;
-        QThread::usleep(200);
-    }
     return true;
 }
 
