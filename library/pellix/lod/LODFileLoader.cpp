@@ -28,52 +28,6 @@ struct LodFileRecord
 
 } // namespace
 
-pxlod::WordBuffer::~WordBuffer()
-{
-    if (m_words != m_inline)
-        std::free(m_words);
-}
-
-uint32_t* pxlod::WordBuffer::release(bool* failed)
-{
-    *failed = m_outOfMemory;
-    if (m_outOfMemory || m_count == 0)
-        return nullptr;
-    const size_t bytes = m_count * sizeof(uint32_t);
-    uint32_t* words = nullptr;
-    if (m_words == m_inline) {
-        words = static_cast<uint32_t*>(std::malloc(bytes));
-        if (words)
-            std::memcpy(words, m_inline, bytes);
-    } else {
-        words = static_cast<uint32_t*>(std::realloc(m_words, bytes));
-        if (words)
-            m_words = m_inline;
-    }
-    *failed = words == nullptr;
-    return words;
-}
-
-bool pxlod::WordBuffer::grow()
-{
-    const size_t capacity = m_capacity * 2;
-    uint32_t* grown = nullptr;
-    if (m_words == m_inline) {
-        grown = static_cast<uint32_t*>(std::malloc(capacity * sizeof(uint32_t)));
-        if (grown)
-            std::memcpy(grown, m_inline, sizeof m_inline);
-    } else {
-        grown = static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
-    }
-    if (!grown) {
-        m_outOfMemory = true;
-        return false;
-    }
-    m_words = grown;
-    m_capacity = capacity;
-    return true;
-}
-
 extern "C" {
 
 LodFile* LOD_Open(const char* path)

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace pxlod {
 
@@ -66,7 +68,11 @@ public:
     WordBuffer() = default;
     WordBuffer(const WordBuffer&) = delete;
     WordBuffer& operator=(const WordBuffer&) = delete;
-    ~WordBuffer();
+    ~WordBuffer()
+    {
+        if (m_words != m_inline)
+            std::free(m_words);
+    }
 
     int32_t count() const { return int32_t(m_count); }
 
@@ -90,12 +96,48 @@ public:
 
     // Hands the words over in an array of their exact size: null for no words, and null with
     // *failed set when memory is short.
-    uint32_t* release(bool* failed);
+    uint32_t* release(bool* failed)
+    {
+        *failed = m_outOfMemory;
+        if (m_outOfMemory || m_count == 0)
+            return nullptr;
+        const size_t bytes = m_count * sizeof(uint32_t);
+        uint32_t* words = nullptr;
+        if (m_words == m_inline) {
+            words = static_cast<uint32_t*>(std::malloc(bytes));
+            if (words)
+                std::memcpy(words, m_inline, bytes);
+        } else {
+            words = static_cast<uint32_t*>(std::realloc(m_words, bytes));
+            if (words)
+                m_words = m_inline;
+        }
+        *failed = words == nullptr;
+        return words;
+    }
 
 private:
     static constexpr size_t InlineWords = 256;
 
-    bool grow();
+    bool grow()
+    {
+        const size_t capacity = m_capacity * 2;
+        uint32_t* grown = nullptr;
+        if (m_words == m_inline) {
+            grown = static_cast<uint32_t*>(std::malloc(capacity * sizeof(uint32_t)));
+            if (grown)
+                std::memcpy(grown, m_inline, sizeof m_inline);
+        } else {
+            grown = static_cast<uint32_t*>(std::realloc(m_words, capacity * sizeof(uint32_t)));
+        }
+        if (!grown) {
+            m_outOfMemory = true;
+            return false;
+        }
+        m_words = grown;
+        m_capacity = capacity;
+        return true;
+    }
 
     uint32_t m_inline[InlineWords];
     uint32_t* m_words = m_inline;
