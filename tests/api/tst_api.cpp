@@ -7,7 +7,6 @@
 #include "FakeServer.h"
 #include "RefusedPort.h"
 #include "SimulatorProcess.h"
-#include "WaitUntil.h"
 
 #include "pellix/api/PXLLibraryApi.h"
 #include "pellix/connection/PXConnection.h"
@@ -91,15 +90,15 @@ int openTo(quint16 port)
 
 // A file whose packets exercise a transfer that reads the text while it sends: packets longer
 // than a request at addresses 1 and 2 past a word boundary, packets of exactly one and two
-// requests, an empty one, and one that crosses a 64 KiB progress chunk. (The reader itself on
-// lines that are not eight plain digits inside long packets, comments there and long skipped
-// packets: the LOD fuzz target, whose replay runs its corpus.)
+// requests, a skipped one, an empty one, and one that crosses a 64 KiB progress chunk. (The reader
+// itself on lines that are not eight plain digits inside long packets, comments there and long
+// skipped packets: the LOD fuzz target, whose replay runs its corpus.)
 QStringList mixedImage()
 {
     QStringList lines{"# mixed", "@00001001"};
     for (quint32 word : sequence(8195, 7))
         lines << hex8(word);
-    lines << "@00100002";
+    lines += {"@F0000000", "1", "@00100002"};
     for (quint32 word : sequence(16384 + 5, 11))
         lines << hex8(word);
     lines << "@00200000";
@@ -109,7 +108,8 @@ QStringList mixedImage()
 }
 
 // The requests that block calls of at most `chunk` bytes over each packet LOD_NextLodPacket
-// gives make, cut as the connection cuts a block; up to the packet at `lastAddress`.
+// gives make (0xF0000000 left out), cut as the connection cuts a block; up to the packet at
+// `lastAddress`.
 QStringList blockCalls(const QByteArray& path, bool writes, unsigned int chunk,
                        quint32 lastAddress = 0xFFFFFFFF)
 {
@@ -120,6 +120,8 @@ QStringList blockCalls(const QByteArray& path, bool writes, unsigned int chunk,
         const quint32 address = packet->address;
         const int bytes = packet->wordCount * 4;
         LOD_FreeLodPacket(packet);
+        if (address == 0xF0000000u)
+            continue;
         for (int offset = 0; offset < bytes; offset += int(chunk)) {
             const int size = std::min(int(chunk), bytes - offset);
             const auto note = [&](quint32 at, int, int n) {
@@ -147,11 +149,11 @@ int logProgress(unsigned long long done, unsigned long long total, void* userDat
     return 0;
 }
 
-// Asks to stop at the second call.
-int stopSecond(unsigned long long done, unsigned long long, void* userData)
+// Logs as logProgress does and asks to stop at the second call.
+int stopSecond(unsigned long long done, unsigned long long total, void* userData)
 {
-    static_cast<Steps*>(userData)->push_back(done);
-    return static_cast<Steps*>(userData)->size() >= 2 ? 1 : 0;
+    logProgress(done, total, userData);
+    return static_cast<Steps*>(userData)->size() >= 4 ? 1 : 0;
 }
 
 // Each case has a simulator of its own and a handle to it.
@@ -347,76 +349,90 @@ TEST_F(Api, BatchReadAndMaskedReadUsingTheWidestAccessEachRunAllows)
 }
 
 // LOD transfers one after another on one simulator: result, fail address, the accesses in
-// order, and what a dump wrote.
+// order, and what a dump wrote; a load or verify leaves its file alone.
 TEST_F(Api, LodTransfers)
 {
-    enum Op { Load, LoadNoVerify, Verify, Dump, DumpBinary };
     const QStringList image{"# image",   "@00001000", "12345678",  "9ABCDEF0", "",
                             "@F0000000", "DEADBEEF",  "@00002000", "CAFEF00D"};
-    const QStringList stray{"@3000", "1", "", "3"};
-    const struct
-    {
-        const char* name;
-        Op op;
-        QStringList lines; // a dump's file content (raw words in hex); empty: a missing path
-        unsigned int result;
-        unsigned int fail;
-        QStringList expected;
-    } cases[] = {
-        // clang-format off
-        {"load without verify, skip 0xF0000000", LoadNoVerify, image, PXST_RESULT_OK, 77,
-         {write(0x1000, 8), write(0x2000, 4)}},
-        {"stray data line: load writes earlier packets", LoadNoVerify, stray,
-         PXST_RESULT_LOD_FORMAT, 77, {write(0x3000, 4)}},
-        {"stray data line: verify", Verify, stray, PXST_RESULT_LOD_FORMAT, 0, {read(0x3000, 4)}},
-        {"missing file: load", Load, {}, PXST_RESULT_FILE, 77, {}},
-        {"missing file: verify", Verify, {}, PXST_RESULT_FILE, 0, {}},
-        {"dump into a missing folder", Dump, {}, PXST_RESULT_FILE, 77, {}},
-        {"dump as LOD text", Dump, {"@00001000", "12345678", "9ABCDEF0"}, PXST_RESULT_OK, 77,
-         {read(0x1000, 8)}},
-        {"dump as raw words", DumpBinary, {"78563412 F0DEBC9A"}, PXST_RESULT_OK, 77,
-         {read(0x1000, 8)}},
-        // clang-format on
-    };
-    int index = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const QString name = dir.filePath(QString::number(index++));
-        if (c.op != Dump && c.op != DumpBinary && !c.lines.isEmpty())
-            writeLines(name, c.lines);
-        const QByteArray path = QFile::encodeName(c.lines.isEmpty() ? name + "/missing" : name);
-        unsigned int fail = 77, result = 0;
-        if (c.op == Load || c.op == LoadNoVerify)
-            result = PXST_LoadLod(handle, path, c.op == Load, &fail);
-        else if (c.op == Verify)
-            result = PXST_VerifyLod(handle, path, &fail);
-        else
-            result = PXST_DumpLod(handle, path, 0x1000, 2, c.op == DumpBinary);
-        EXPECT_EQ(result, c.result);
-        EXPECT_EQ(fail, c.fail);
-        EXPECT_EQ(requests(), c.expected);
-        // A dump writes this; a load or verify leaves its file alone.
-        EXPECT_EQ(readFile(name), c.lines.isEmpty()    ? QByteArray("<missing>")
-                                  : c.op == DumpBinary ? QByteArray::fromHex(c.lines[0].toLatin1())
-                                                       : c.lines.join('\n').toLatin1() + '\n');
-    }
+    const QByteArray imagePath = writeLines(dir.filePath("image.lod"), image);
+    const QByteArray stray = writeLines(dir.filePath("stray.lod"), {"@3000", "1", "", "3"});
+    const QByteArray missing = QFile::encodeName(dir.filePath("missing/x"));
+    const QString text = dir.filePath("dump.lod"), raw = dir.filePath("dump.bin");
+    unsigned int fail = 77;
+    EXPECT_EQ(PXST_LoadLod(handle, imagePath, 0, &fail), PXST_RESULT_OK);
+    EXPECT_EQ(requests(), (QStringList{write(0x1000, 8), write(0x2000, 4)}))
+        << "0xF0000000 skipped";
+    EXPECT_EQ(readFile(dir.filePath("image.lod")), image.join('\n').toLatin1() + '\n');
+    // A data line outside a packet: a load writes the packets before it, a verify reads them.
+    EXPECT_EQ(PXST_LoadLod(handle, stray, 0, &fail), PXST_RESULT_LOD_FORMAT);
+    EXPECT_EQ(requests(), QStringList{write(0x3000, 4)});
+    EXPECT_EQ(fail, 77u) << "a load without verification leaves the fail address alone";
+    EXPECT_EQ(PXST_VerifyLod(handle, stray, &fail), PXST_RESULT_LOD_FORMAT);
+    EXPECT_EQ(requests(), QStringList{read(0x3000, 4)});
+    EXPECT_EQ(fail, 0u);
+    fail = 77;
+    EXPECT_EQ(PXST_LoadLod(handle, missing, 1, &fail), PXST_RESULT_FILE);
+    EXPECT_EQ(fail, 77u);
+    EXPECT_EQ(PXST_VerifyLod(handle, missing, &fail), PXST_RESULT_FILE);
+    EXPECT_EQ(fail, 0u);
+    EXPECT_EQ(PXST_DumpLod(handle, missing, 0x1000, 2, 0), PXST_RESULT_FILE);
+    EXPECT_EQ(requests(), QStringList());
+    EXPECT_EQ(PXST_DumpLod(handle, QFile::encodeName(text), 0x1000, 2, 0), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_DumpLod(handle, QFile::encodeName(raw), 0x1000, 2, 1), PXST_RESULT_OK);
+    EXPECT_EQ(requests(), (QStringList{read(0x1000, 8), read(0x1000, 8)}));
+    EXPECT_EQ(readFile(text), QByteArray("@00001000\n12345678\n9ABCDEF0\n"));
+    EXPECT_EQ(readFile(raw), QByteArray::fromHex("78563412F0DEBC9A"));
 }
 
-// A load and a verification send exactly what block calls over whole packets would, with or
-// without progress (whose calls are 64 KiB, also without a callback), and a difference found in a
-// request's data still lets its block call read to its end.
-TEST_F(Api, LodTransfersSendWhatBlockCallsWould)
+// Progress comes after every block call of at most 64 KiB as (done, total) pairs: an empty
+// packet reports once more, a skipped one never, and a load's verification goes on from the
+// written total. A callback that asks to stop ends each transfer after the call just made; a
+// cancelled dump leaves an empty file. (Here first, while the memory still matches the file.)
+TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
 {
     const QByteArray file = writeLines(dir.filePath("mixed.lod"), mixedImage());
+    const QString dump = dir.filePath("dump.bin");
+    unsigned int fail = 77;
+    Steps log;
+    // 50000 words = 200000 bytes: calls of 65536, 65536, 65536 and 3392 bytes.
+    ASSERT_EQ(PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000, 50000, 1, logProgress,
+                                   &log),
+              PXST_RESULT_OK);
+    EXPECT_EQ(log, (Steps{65536, 200000, 131072, 200000, 196608, 200000, 200000, 200000}));
+    EXPECT_EQ(readFile(dump).size(), 200000);
+    // A verification of its own counts its total from the file.
+    const Steps stopped[] = {{32780, 262232, 98316, 262232},
+                             {32780, 131116, 98316, 131116},
+                             {65536, 200000, 131072, 200000}};
+    for (int transfer = 0; transfer < 3; ++transfer) {
+        Steps steps;
+        EXPECT_EQ(transfer == 0   ? PXST_LoadLodProgress(handle, file, 1, &fail, stopSecond, &steps)
+                  : transfer == 1 ? PXST_VerifyLodProgress(handle, file, &fail, stopSecond, &steps)
+                                  : PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000,
+                                                         50000, 0, stopSecond, &steps),
+                  PXST_RESULT_CANCELLED);
+        EXPECT_EQ(steps, stopped[transfer]) << transfer;
+    }
+    EXPECT_EQ(readFile(dump).size(), 0);
+
+    // A load and a verification send exactly what block calls over whole packets would, with
+    // or without progress (whose calls are 64 KiB), and a difference found in a request's data
+    // still lets its block call read to its end. The packets' calls with progress: 32780 bytes;
+    // 65536 and 20; 32768; 0; 12.
+    const Steps loaded = {32780,  262232, 98316,  262232, 98336,  262232, 131104, 262232,
+                          131104, 262232, 131116, 262232, 163896, 262232, 229432, 262232,
+                          229452, 262232, 262220, 262232, 262220, 262232, 262232, 262232};
+    requests();
     for (const bool progress : {false, true}) {
         SCOPED_TRACE(progress ? "with progress" : "plain");
         const unsigned int chunk = progress ? 65536 : 1u << 30;
-        unsigned int fail = 77;
-        ASSERT_EQ(progress ? PXST_LoadLodProgress(handle, file, 1, &fail, nullptr, nullptr)
+        log.clear();
+        ASSERT_EQ(progress ? PXST_LoadLodProgress(handle, file, 1, &fail, logProgress, &log)
                            : PXST_LoadLod(handle, file, 1, &fail),
                   PXST_RESULT_OK);
         EXPECT_EQ(fail, 0u);
         EXPECT_EQ(requests(), blockCalls(file, true, chunk) + blockCalls(file, false, chunk));
+        EXPECT_EQ(log, progress ? loaded : Steps());
 
         // Word 6000 of the packet at 0x00001001 differs in its last byte.
         const quint32 differing = 0x1001 + 4 * 6000;
@@ -428,50 +444,6 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWould)
         EXPECT_EQ(fail, differing);
         EXPECT_EQ(requests(), blockCalls(file, false, chunk, 0x1001));
     }
-}
-
-// Progress after every chunk of at most 64 KiB, as (done, total) pairs.
-TEST_F(Api, ProgressVariantsReportEveryChunk)
-{
-    // 50000 words = 200000 bytes: chunks of 65536, 65536, 65536 and 3392 bytes.
-    QStringList lines{"@00100000"};
-    for (quint32 word : sequence(50000, 0))
-        lines << hex8(word);
-    lines += {"@F0000000", "1", "@00200000"};
-    const QByteArray file = writeLines(dir.filePath("big.lod"), lines);
-    const Steps verify = {65536,  200000, 131072, 200000, 196608,
-                          200000, 200000, 200000, 200000, 200000};
-    Steps log;
-    unsigned int fail = 77;
-    ASSERT_EQ(PXST_LoadLodProgress(handle, file, 1, &fail, logProgress, &log), PXST_RESULT_OK);
-    EXPECT_EQ(fail, 0u);
-    // The empty packet reports once more; verification continues from the written total.
-    EXPECT_EQ(log, (Steps{65536,  400000, 131072, 400000, 196608, 400000, 200000,
-                          400000, 200000, 400000, 265536, 400000, 331072, 400000,
-                          396608, 400000, 400000, 400000, 400000, 400000}));
-    log.clear();
-    ASSERT_EQ(PXST_VerifyLodProgress(handle, file, &fail, logProgress, &log), PXST_RESULT_OK);
-    EXPECT_EQ(log, verify);
-    log.clear();
-    const QString dump = dir.filePath("dump.bin");
-    ASSERT_EQ(PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000, 50000, 1, logProgress,
-                                   &log),
-              PXST_RESULT_OK);
-    EXPECT_EQ(log, Steps(verify.begin(), verify.end() - 2));
-    EXPECT_EQ(readFile(dump).size(), 200000);
-
-    // A callback that asks to stop ends each transfer (load, verify, dump) after the chunk just
-    // moved; the cancelled dump leaves an empty file.
-    for (int transfer = 0; transfer < 3; ++transfer) {
-        Steps steps;
-        EXPECT_EQ(transfer == 0   ? PXST_LoadLodProgress(handle, file, 1, &fail, stopSecond, &steps)
-                  : transfer == 1 ? PXST_VerifyLodProgress(handle, file, &fail, stopSecond, &steps)
-                                  : PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000,
-                                                         50000, 0, stopSecond, &steps),
-                  PXST_RESULT_CANCELLED);
-        EXPECT_EQ(steps, (Steps{65536, 131072})) << transfer;
-    }
-    EXPECT_EQ(readFile(dump).size(), 0);
 }
 
 // A server that answers status requests with a chosen byte (none when negative) and every
