@@ -10,7 +10,6 @@
 
 #include "pellix/api/PXLLibraryApi.h"
 #include "pellix/connection/PXConnection.h"
-#include "pellix/lod/LODFileLoader.h"
 #include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXRanges_p.h"
 
@@ -36,10 +35,8 @@ namespace {
 QByteArray writeLines(const QString& path, const QStringList& lines)
 {
     QFile file(path);
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        for (const QString& line : lines)
-            file.write(line.toLatin1() + '\n');
-    }
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(lines.join('\n').toLatin1() + '\n');
     return QFile::encodeName(path);
 }
 
@@ -88,70 +85,61 @@ int openTo(quint16 port)
     return handle;
 }
 
-// A file whose packets exercise a transfer that reads the text while it sends: packets longer
-// than a request at addresses 1 and 2 past a word boundary, packets of exactly one and two
-// requests, a skipped one, an empty one, and one that crosses a 64 KiB progress chunk. (The reader
+// The packets of mixedImage() that a transfer moves, as (address, words): longer than a
+// request at addresses 1 and 2 past a word boundary, of exactly one and two requests, one that
+// crosses a 64 KiB progress chunk, an empty one.
+constexpr std::pair<quint32, int> MixedPackets[] = {
+    {0x1001, 8195}, {0x100002, 16384 + 5}, {0x200000, 8192}, {0x300000, 0}, {0x400000, 3}};
+
+// A file of those packets after a skipped one, read by a transfer while it sends. (The reader
 // itself on lines that are not eight plain digits inside long packets, comments there and long
 // skipped packets: the LOD fuzz target, whose replay runs its corpus.)
 QStringList mixedImage()
 {
-    QStringList lines{"# mixed", "@00001001"};
-    for (quint32 word : sequence(8195, 7))
-        lines << hex8(word);
-    lines += {"@F0000000", "1", "@00100002"};
-    for (quint32 word : sequence(16384 + 5, 11))
-        lines << hex8(word);
-    lines << "@00200000";
-    for (int i = 0; i < 8192; ++i)
-        lines << hex8(quint32(i) * 3u);
-    return lines + QStringList{"@00300000", "@00400000", "1", "2", "3"};
+    QStringList lines{"# mixed", "@F0000000", "1"};
+    for (const auto& [address, words] : MixedPackets) {
+        lines << "@" + hex8(address);
+        for (quint32 word : sequence(words, address))
+            lines << hex8(word);
+    }
+    return lines;
 }
 
-// The requests that block calls of at most `chunk` bytes over each packet LOD_NextLodPacket
-// gives make (0xF0000000 left out), cut as the connection cuts a block; up to the packet at
-// `lastAddress`.
-QStringList blockCalls(const QByteArray& path, bool writes, unsigned int chunk,
-                       quint32 lastAddress = 0xFFFFFFFF)
+// The requests that block calls of at most `chunk` bytes over each packet of MixedPackets make,
+// cut as the connection cuts a block; up to the packet at `lastAddress`.
+QStringList blockCalls(bool writes, unsigned int chunk, quint32 lastAddress = 0xFFFFFFFF)
 {
     QStringList out;
-    LodFile* file = LOD_Open(path.constData());
-    LodPacket* packet = nullptr;
-    while (file && LOD_NextLodPacket(file, &packet) == 0 && packet) {
-        const quint32 address = packet->address;
-        const int bytes = packet->wordCount * 4;
-        LOD_FreeLodPacket(packet);
-        if (address == 0xF0000000u)
-            continue;
-        const auto note = [&](quint32 at, int, int n) {
-            out << (writes ? write(at, quint32(n)) : read(at, quint32(n)));
-            return 0u;
-        };
-        for (int offset = 0; offset < bytes; offset += int(chunk)) {
-            const int size = std::min(int(chunk), bytes - offset);
+    const auto note = [&](quint32 at, int, int n) {
+        out << (writes ? write(at, quint32(n)) : read(at, quint32(n)));
+        return 0u;
+    };
+    for (const auto& [address, words] : MixedPackets) {
+        for (int offset = 0; offset < 4 * words; offset += int(chunk)) {
+            const int size = std::min(int(chunk), 4 * words - offset);
             const quint32 at = address + quint32(offset);
             writes ? pxrange::forEachWrite(at, size, note) : pxrange::forEachRead(at, size, note);
         }
         if (address == lastAddress)
             break;
     }
-    LOD_Close(file);
     return out;
 }
 
 using Steps = std::vector<unsigned long long>;
 
+// Progress as (done, total) pairs; asks to stop once `stopAfter` pairs came (never when 0).
+struct Progress
+{
+    Steps steps;
+    size_t stopAfter = 0;
+};
+
 int logProgress(unsigned long long done, unsigned long long total, void* userData)
 {
-    static_cast<Steps*>(userData)->push_back(done);
-    static_cast<Steps*>(userData)->push_back(total);
-    return 0;
-}
-
-// Logs as logProgress does and asks to stop at the second call.
-int stopSecond(unsigned long long done, unsigned long long total, void* userData)
-{
-    logProgress(done, total, userData);
-    return static_cast<Steps*>(userData)->size() >= 4 ? 1 : 0;
+    auto* progress = static_cast<Progress*>(userData);
+    progress->steps.insert(progress->steps.end(), {done, total});
+    return progress->steps.size() == 2 * progress->stopAfter ? 1 : 0;
 }
 
 // Each case has a simulator of its own and a handle to it.
@@ -187,29 +175,29 @@ protected:
 
 } // namespace
 
-// Failed opens (11, handle -1) are checked by tst_api_noapp and the C header check.
+// Failed opens (11, handle -1) are checked by tst_api_noapp, the open-fault tests in
+// tests/robustness and the C header check.
 TEST(ApiNoServer, ResultTexts)
 {
-    const std::string unknown = PXST_ResultText(1);
-    EXPECT_EQ(unknown, "unknown result code");
+    const std::string unknown = "unknown result code";
     std::set<std::string> texts;
     for (unsigned int code : {0, 3, 5, 6, 8, 11, 12, 13, 15, 16, 17, 19, 20, 21, 30})
         EXPECT_TRUE(texts.insert(PXST_ResultText(code)).second && texts.count(unknown) == 0)
             << code << " has no text of its own";
-    for (unsigned int code : {2u, 4u, 14u, 18u, 22u, 31u, 0xFFFFFFFFu})
+    for (unsigned int code : {1u, 2u, 4u, 14u, 18u, 22u, 31u, 0xFFFFFFFFu})
         EXPECT_EQ(PXST_ResultText(code), unknown) << code;
 }
 
-// 3 for a handle never given out and for a closed one, 12 for a known handle whose
-// connection lost its socket, before anything else; out parameters stay as they were, except
-// the verify fail address, which is zeroed. One call per family, and every call that resolves
-// the handle on a path of its own (the LOD transfers, the masked read, the pointer handle).
+// A bypass open, then on the handle it gave, closed again, and on others: 3 for a handle never
+// given out and for a closed one, 12 for a known handle whose connection lost its socket,
+// before anything else; out parameters stay as they were, except the verify fail address,
+// which is zeroed. One call per family, and every call that resolves the handle on a path of
+// its own (the LOD transfers, the masked read, the pointer handle).
 // (The ping by the name PXST_PingPellix, for a handle never given out: the C header check.)
 TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
 {
-    const QByteArray lodPath = writeLines(dir.filePath("ok.lod"), {"@1000", "1"});
-    const QByteArray dumpPath = QFile::encodeName(dir.filePath("dump.bin"));
-    const char *lod = lodPath.constData(), *dump = dumpPath.constData();
+    const QByteArray lod = writeLines(dir.filePath("ok.lod"), {"@1000", "1"}),
+                     dump = QFile::encodeName(dir.filePath("dump.bin"));
     std::vector<unsigned char> buffer(16, 0xEE), mask(16, 0xFF);
     unsigned int word = 77, fail = 77;
     int length = 0;
@@ -279,30 +267,18 @@ TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
         EXPECT_EQ(PXST_HandleStatus(h), 0) << h;
     EXPECT_EQ(PXST_Close(unplugged), PXST_RESULT_OK);
 
+    // The fixture's handle outlives a forced reconnection and the server.
+    const int copy = handle;
+    EXPECT_EQ(PXST_ForcePellixReconnection(&handle), PXST_RESULT_OK);
+    EXPECT_EQ(handle, copy) << "a forced reconnection keeps the handle";
     // The server leaves on PXST_KillPellix; the handle's socket stays set.
     EXPECT_EQ(PXST_KillPellix(handle), PXST_RESULT_OK);
     EXPECT_EQ(simulator.waitForExit(), 0);
     EXPECT_EQ(PXST_HandleStatus(handle), 1);
 }
 
-TEST_F(Api, MemoryAndServerControl)
-{
-    const int copy = handle;
-    EXPECT_EQ(PXST_ForcePellixReconnection(&handle), PXST_RESULT_OK);
-    EXPECT_EQ(handle, copy) << "a forced reconnection keeps the handle";
-    // Values are cut to the width of the access. (Every width read and written: the Python
-    // tests and pxtool's CommandsPrintTheirResults.)
-    unsigned int word = 0;
-    unsigned char internal = 0;
-    ASSERT_EQ(PXST_Write16(handle, 0x1004, 0x1BEEF), PXST_RESULT_OK);
-    ASSERT_EQ(PXST_Write8(handle, 0x1006, 0x1A5), PXST_RESULT_OK);
-    ASSERT_EQ(PXST_WriteInternal(handle, 0x40, 0x15A), PXST_RESULT_OK);
-    EXPECT_EQ(PXST_Read32(handle, 0x1004, &word), PXST_RESULT_OK);
-    EXPECT_EQ(word, 0x00A5BEEFu);
-    EXPECT_EQ(PXST_ReadInternal(handle, 0x40, &internal), PXST_RESULT_OK);
-    EXPECT_EQ(internal, 0x5A);
-}
-
+// Each event is announced; a flush empties the queue. (Waiting for and taking events through
+// the C interface: the Python tests and pxtool's events follower.)
 TEST_F(Api, EventsAreQueuedAnnouncedAndFlushed)
 {
     unsigned int event = 0;
@@ -312,19 +288,30 @@ TEST_F(Api, EventsAreQueuedAnnouncedAndFlushed)
     for (unsigned int value : {0x12345678u, 0x9ABCu, 7u})
         ASSERT_EQ(PXST_Write32(handle, 0xFFFFFF00u, value), PXST_RESULT_OK);
     EXPECT_TRUE(announced.tryAcquire(3, 5000));
-    EXPECT_EQ(PXST_WaitEvent(handle, &event, 5000), PXST_RESULT_OK);
-    EXPECT_EQ(event, 0x12345678u);
     EXPECT_EQ(PXST_FlushEvents(handle), PXST_RESULT_OK);
     EXPECT_EQ(PXST_PopEvent(handle, &event), PXST_RESULT_NO_EVENT);
 }
 
-TEST_F(Api, BatchReadAndMaskedReadUsingTheWidestAccessEachRunAllows)
+// Values written are cut to the width of the access (every width read and written: the Python
+// tests and pxtool's CommandsPrintTheirResults); the batch read; a masked read uses the widest
+// access each run allows.
+TEST_F(Api, MemoryCallsCutValuesAndMaskedReadsUseTheWidestAccess)
 {
+    unsigned int word = 0;
+    unsigned char internal = 0;
+    ASSERT_EQ(PXST_Write16(handle, 0x20004, 0x1BEEF), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_Write8(handle, 0x20006, 0x1A5), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_WriteInternal(handle, 0x40, 0x15A), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_Read32(handle, 0x20004, &word), PXST_RESULT_OK);
+    EXPECT_EQ(word, 0x00A5BEEFu);
+    EXPECT_EQ(PXST_ReadInternal(handle, 0x40, &internal), PXST_RESULT_OK);
+    EXPECT_EQ(internal, 0x5A);
+
     const std::vector<quint32> pattern = sequence(12000, 3);
     const auto* memory = reinterpret_cast<const unsigned char*>(pattern.data());
     ASSERT_EQ(PXST_WriteBlock(handle, 0x1000, const_cast<quint32*>(pattern.data()), 48000),
               PXST_RESULT_OK);
-    // The batch read (a path of its own beside the block read the LOD transfers use).
+    // The batch read (a call of its own beside PXST_ReadBlock).
     std::vector<unsigned char> bytes(999);
     ASSERT_EQ(PXST_BatchRead(handle, 0x1001, bytes.data(), 999), PXST_RESULT_OK);
     EXPECT_EQ(std::memcmp(bytes.data(), memory + 1, 999), 0);
@@ -365,8 +352,6 @@ TEST_F(Api, LodTransfers)
     EXPECT_EQ(requests(), QStringList{read(0x3000, 4)});
     EXPECT_EQ(fail, 0u);
     fail = 77;
-    EXPECT_EQ(PXST_LoadLod(handle, missing, 1, &fail), PXST_RESULT_FILE);
-    EXPECT_EQ(fail, 77u);
     EXPECT_EQ(PXST_VerifyLod(handle, missing, &fail), PXST_RESULT_FILE);
     EXPECT_EQ(fail, 0u);
     EXPECT_EQ(PXST_DumpLod(handle, missing, 0x1000, 2, 0), PXST_RESULT_FILE);
@@ -387,25 +372,19 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
     const QByteArray file = writeLines(dir.filePath("mixed.lod"), mixedImage());
     const QString dump = dir.filePath("dump.bin");
     unsigned int fail = 77;
-    Steps log;
-    // 50000 words = 200000 bytes: calls of 65536, 65536, 65536 and 3392 bytes.
-    ASSERT_EQ(PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000, 50000, 1, logProgress,
-                                   &log),
-              PXST_RESULT_OK);
-    EXPECT_EQ(log, (Steps{65536, 200000, 131072, 200000, 196608, 200000, 200000, 200000}));
-    EXPECT_EQ(readFile(dump).size(), 200000);
-    // A verification of its own counts its total from the file.
+    // A verification of its own counts its total from the file, a dump its words: 50000 words
+    // here, 200000 bytes. (The cut into calls: Ranges in tests/protocol.)
     const Steps stopped[] = {{32780, 262232, 98316, 262232},
                              {32780, 131116, 98316, 131116},
                              {65536, 200000, 131072, 200000}};
     for (int transfer = 0; transfer < 3; ++transfer) {
-        Steps steps;
-        EXPECT_EQ(transfer == 0   ? PXST_LoadLodProgress(handle, file, 1, &fail, stopSecond, &steps)
-                  : transfer == 1 ? PXST_VerifyLodProgress(handle, file, &fail, stopSecond, &steps)
+        Progress stop{{}, 2};
+        EXPECT_EQ(transfer == 0   ? PXST_LoadLodProgress(handle, file, 1, &fail, logProgress, &stop)
+                  : transfer == 1 ? PXST_VerifyLodProgress(handle, file, &fail, logProgress, &stop)
                                   : PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000,
-                                                         50000, 0, stopSecond, &steps),
+                                                         50000, 0, logProgress, &stop),
                   PXST_RESULT_CANCELLED);
-        EXPECT_EQ(steps, stopped[transfer]) << transfer;
+        EXPECT_EQ(stop.steps, stopped[transfer]) << transfer;
     }
     EXPECT_EQ(readFile(dump).size(), 0);
 
@@ -420,13 +399,13 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
     for (const bool progress : {false, true}) {
         SCOPED_TRACE(progress ? "with progress" : "plain");
         const unsigned int chunk = progress ? 65536 : 1u << 30;
-        log.clear();
+        Progress log;
         ASSERT_EQ(progress ? PXST_LoadLodProgress(handle, file, 1, &fail, logProgress, &log)
                            : PXST_LoadLod(handle, file, 1, &fail),
                   PXST_RESULT_OK);
         EXPECT_EQ(fail, 0u);
-        EXPECT_EQ(requests(), blockCalls(file, true, chunk) + blockCalls(file, false, chunk));
-        EXPECT_EQ(log, progress ? loaded : Steps());
+        EXPECT_EQ(requests(), blockCalls(true, chunk) + blockCalls(false, chunk));
+        EXPECT_EQ(log.steps, progress ? loaded : Steps());
 
         // Word 6000 of the packet at 0x00001001 differs in its last byte.
         const quint32 differing = 0x1001 + 4 * 6000;
@@ -436,7 +415,7 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
                            : PXST_VerifyLod(handle, file, &fail),
                   PXST_RESULT_MISMATCH);
         EXPECT_EQ(fail, differing);
-        EXPECT_EQ(requests(), blockCalls(file, false, chunk, 0x1001));
+        EXPECT_EQ(requests(), blockCalls(false, chunk, 0x1001));
     }
 }
 
