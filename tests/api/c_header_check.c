@@ -23,6 +23,7 @@ int main(void)
                 PXST_RESULT_UNKNOWN_HANDLE;
     failures += LOD_Open("/nonexistent/none.lod") != NULL;
     failures += PXST_PingPellix(12345) != PXST_RESULT_UNKNOWN_HANDLE;
+    failures += PXST_ChangeBaudRate(12345, 115200) != PXST_RESULT_UNKNOWN_HANDLE;
     printf("c_header_check: %d failure(s)\n", failures);
     return failures == 0 ? 0 : 1;
 }
