@@ -331,13 +331,13 @@ TEST_F(Api, MemoryCallsCutValuesAndMaskedReadsUseTheWidestAccess)
 }
 
 // LOD transfers one after another on one simulator: result, fail address, the accesses in
-// order, and what a dump wrote. (That a load or verify leaves its file alone shows in the
-// transfers that follow each other over one file in the next test.)
+// order, and what a dump wrote; a load leaves its file alone (a verification too, which shows
+// in the transfers that follow each other over one file in the next test).
 TEST_F(Api, LodTransfers)
 {
-    const QByteArray image =
-        writeLines(dir.filePath("image.lod"), {"# image", "@00001000", "12345678", "9ABCDEF0", "",
-                                               "@F0000000", "DEADBEEF", "@00002000", "CAFEF00D"});
+    const QStringList lines{"# image",   "@00001000", "12345678",  "9ABCDEF0", "",
+                            "@F0000000", "DEADBEEF",  "@00002000", "CAFEF00D"};
+    const QByteArray image = writeLines(dir.filePath("image.lod"), lines);
     const QByteArray stray = writeLines(dir.filePath("stray.lod"), {"@3000", "1", "", "3"});
     const QByteArray missing = QFile::encodeName(dir.filePath("missing/x"));
     const QString text = dir.filePath("dump.lod"), raw = dir.filePath("dump.bin");
@@ -345,6 +345,7 @@ TEST_F(Api, LodTransfers)
     EXPECT_EQ(PXST_LoadLod(handle, image, 0, &fail), PXST_RESULT_OK);
     EXPECT_EQ(requests(), (QStringList{write(0x1000, 8), write(0x2000, 4)}))
         << "0xF0000000 skipped";
+    EXPECT_EQ(readFile(image), lines.join('\n').toLatin1() + '\n');
     // A data line outside a packet: a load writes the packets before it (and a verify, below,
     // reads them).
     EXPECT_EQ(PXST_LoadLod(handle, stray, 0, &fail), PXST_RESULT_LOD_FORMAT);
