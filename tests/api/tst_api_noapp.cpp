@@ -8,7 +8,6 @@
 #include "pellix/api/PXLLibraryApi.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -16,7 +15,8 @@
 
 #include <fstream>
 
-// The one case that waits out the whole 10 s start-up wait.
+// The open waits out the whole 10 s start-up wait (its time and the handle it gives: the
+// open-fault tests in tests/robustness).
 TEST(ApiNoApp, OpenThatCannotStartTheServerThenHandlesInOpenOrder)
 {
     // A stand-in "pellix" in the current folder that records its arguments and never listens.
@@ -27,23 +27,16 @@ TEST(ApiNoApp, OpenThatCannotStartTheServerThenHandlesInOpenOrder)
     ASSERT_TRUE(QFile::setPermissions(standIn, QFile::ReadOwner | QFile::ExeOwner));
     ASSERT_TRUE(QDir::setCurrent(dir.path()));
     PXST_SetDefaultBaud(115200);
-    int handle = 0;
-    QElapsedTimer clock;
-    clock.start();
+    int handle = 0, second = 0, failed = 0, fourth = 0, fifth = 0;
     EXPECT_EQ(PXST_Open(111, -1, PXL_FLOW_XONXOFF, &handle), PXST_RESULT_NO_CONNECTION);
-    EXPECT_GE(clock.elapsed(), 10000);
-    EXPECT_LT(clock.elapsed(), 20000);
-    EXPECT_EQ(handle, -1);
     QFile arguments(record);
     EXPECT_TRUE(arguments.open(QIODevice::ReadOnly));
     EXPECT_EQ(arguments.readAll(), QByteArray("COM111\n115200\nxonxoff\n"));
 
     SimulatorProcess server;
-    int second = 0, failed = 0, fourth = 0, fifth = 0;
     ASSERT_EQ(PXST_OpenSocket("127.0.0.1", server.port(), &second), PXST_RESULT_OK);
     EXPECT_EQ(second, 2) << "the failed open used up number 1";
     EXPECT_EQ(PXST_OpenSocket("127.0.0.1", refusedPort(), &failed), PXST_RESULT_NO_CONNECTION);
-    EXPECT_EQ(failed, -1);
     EXPECT_EQ(PXST_Close(3), PXST_RESULT_UNKNOWN_HANDLE) << "a failed open leaves nothing";
     ASSERT_EQ(PXST_OpenSocket("127.0.0.1", server.port(), &fourth), PXST_RESULT_OK);
     EXPECT_EQ(fourth, 4);
