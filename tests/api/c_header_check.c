@@ -15,11 +15,10 @@ static int progress(unsigned long long done, unsigned long long total, void* use
 int main(void)
 {
     int handle = 5, failures = 0;
-    PXLFlowMode mode = PXL_FLOW_HARDWARE;
-    PXST_ProgressCallback callback = progress;
 
-    failures += PXST_RawOpen(3, 921600, mode, &handle) != PXST_RESULT_NO_CONNECTION || handle != -1;
-    failures += PXST_LoadLodProgress(12345, "none.lod", 1, NULL, callback, NULL) !=
+    failures += PXST_RawOpen(3, 921600, PXL_FLOW_HARDWARE, &handle) != PXST_RESULT_NO_CONNECTION ||
+                handle != -1;
+    failures += PXST_LoadLodProgress(12345, "none.lod", 1, NULL, progress, NULL) !=
                 PXST_RESULT_UNKNOWN_HANDLE;
     failures += LOD_Open("/nonexistent/none.lod") != NULL;
     failures += PXST_PingPellix(12345) != PXST_RESULT_UNKNOWN_HANDLE;

@@ -63,8 +63,7 @@ QString write(quint32 address, quint32 size)
 std::vector<quint32> sequence(int count, quint32 seed)
 {
     std::vector<quint32> words(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i)
-        words[size_t(i)] = (quint32(i) + seed) * 2654435761u;
+    std::generate(words.begin(), words.end(), [&seed] { return seed++ * 2654435761u; });
     return words;
 }
 
@@ -193,9 +192,8 @@ TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
     unsigned int word = 77, fail = 77;
     int length = 0, closed = 0, unplugged = 0;
 
-    using Call = std::function<unsigned int(int)>;
     // clang-format off
-    const std::pair<const char*, Call> calls[] = {
+    const std::pair<const char*, std::function<unsigned int(int)>> calls[] = {
         {"PellixStatus", [&](int h) { return PXST_PellixStatus(h, &word); }},
         {"ForcePellixReconnection", [](int h) { return PXST_ForcePellixReconnection(&h); }},
         {"WaitEvent", [&](int h) { return PXST_WaitEvent(h, &word, 10); }},
@@ -315,10 +313,10 @@ TEST_F(Api, EventsAreAnnouncedAndMemoryCallsCutValuesAndReadMasked)
 
 // LOD transfers one after another on one simulator: result, fail address, the accesses in
 // order, and what a dump wrote; a load leaves its file alone (a verification too, which shows
-// in the transfers that follow each other over one file in the next test, which also has the
+// in the transfers that follow each other over the mixed file below, which also has the
 // skipped packet at 0xF0000000). The fail address is zeroed before anything else: the handle
 // checks.
-TEST_F(Api, LodTransfers)
+TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
 {
     const QStringList lines{"# stray", "@3000", "12345678", "9ABCDEF0", "", "3"};
     const QByteArray stray = writeLines(dir.filePath("stray.lod"), lines);
@@ -338,26 +336,23 @@ TEST_F(Api, LodTransfers)
     EXPECT_EQ(PXST_VerifyLod(handle, stray, &fail), PXST_RESULT_LOD_FORMAT);
     EXPECT_EQ(requests(), QStringList{read(0x3000, 8)});
     // The last (here the only) call of a dump reports its progress too.
-    Progress log;
+    Progress dumped;
     EXPECT_EQ(
-        PXST_DumpLodProgress(handle, QFile::encodeName(text), 0x3000, 2, 0, logProgress, &log),
+        PXST_DumpLodProgress(handle, QFile::encodeName(text), 0x3000, 2, 0, logProgress, &dumped),
         PXST_RESULT_OK);
-    EXPECT_EQ(log.steps, (Steps{8, 8}));
+    EXPECT_EQ(dumped.steps, (Steps{8, 8}));
     EXPECT_EQ(PXST_DumpLod(handle, QFile::encodeName(raw), 0x3000, 2, 1), PXST_RESULT_OK);
     EXPECT_EQ(requests(), (QStringList{read(0x3000, 8), read(0x3000, 8)}));
     EXPECT_EQ(readFile(text), QByteArray("@00003000\n12345678\n9ABCDEF0\n"));
     EXPECT_EQ(readFile(raw), QByteArray::fromHex("78563412F0DEBC9A"));
-}
 
-// Progress comes after every block call of at most 64 KiB as (done, total) pairs: an empty
-// packet reports once more, a skipped one never, and a load's verification goes on from the
-// written total. A callback that asks to stop ends each transfer after the call just made; a
-// cancelled dump leaves an empty file. (Here first, while the memory still matches the file.)
-TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
-{
+    // Over the mixed file, progress comes after every block call of at most 64 KiB as (done,
+    // total) pairs: an empty packet reports once more, a skipped one never, and a load's
+    // verification goes on from the written total. A callback that asks to stop ends each
+    // transfer after the call just made; a cancelled dump leaves an empty file. (Here first,
+    // while the memory still matches the file.)
     const QByteArray file = writeLines(dir.filePath("mixed.lod"), mixedImage());
-    const QString dump = dir.filePath("dump.bin");
-    unsigned int fail = 77;
+    const QString dump = dir.filePath("cancelled.bin");
     // A verification of its own counts its total from the file, a dump its words: 50000 words
     // here, 200000 bytes. (The cut into calls: Ranges in tests/protocol.)
     const Steps stopped[] = {{32780, 262232, 98316, 262232},
