@@ -6,7 +6,6 @@ folder also holds the pellix program."""
 
 import socket
 import threading
-import time
 
 import pytest
 
@@ -32,7 +31,6 @@ def raises(kind, code, call, *args, **kwargs):
 
 
 def test_memory_at_every_width_blocks_and_masks(target):
-    target.clean()
     target.write8(0x1001, 0xAB)
     target.write16(0x1002, 0xBEEF)
     target.write32(0x1004, 0xCAFEF00D)
@@ -93,12 +91,11 @@ def test_bypass_round_trip_and_iterator(target):
 
 def test_server_control(target):
     assert target.status() is True
-    for call in (target.ping, target.flush, target.auto_baud, target.send_break, target.reconnect):
-        call()
-    target.set_baud(115200)
-    target.set_flow("xonxoff")
-    target.set_flow(0x12345678)
-    target.set_usb_ids(0x1234, 0x5678)
+    for call, *args in [(target.ping,), (target.clean,), (target.flush,), (target.auto_baud,),
+                        (target.send_break,), (target.reconnect,), (target.set_baud, 115200),
+                        (target.set_flow, "xonxoff"), (target.set_flow, 0x12345678),
+                        (target.set_usb_ids, 0x1234, 0x5678)]:
+        call(*args)
     assert target.connected
     pytest.raises(ValueError, target.set_flow, "sometimes")
 
@@ -134,18 +131,15 @@ def test_firmware_load_verify_dump(target, tmp_path):
 
 
 def test_error_mapping():
-    with socket.create_server(("127.0.0.1", 0)) as listener:
-        port = listener.getsockname()[1]
+    # A server that accepts and never answers: requests end by their time-out (its length:
+    # the connection tests). Once it is gone, nothing answers on its port.
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        port = silent.getsockname()[1]
+        connection = pellix.open(host="127.0.0.1", tcp_port=port)
+        assert isinstance(raises(pellix.ReplyTimeout, 13, connection.ping), TimeoutError)
     error = raises(pellix.ConnectionFailed, 11, pellix.open, host="127.0.0.1", tcp_port=port)
     assert isinstance(error, ConnectionError) and "no connection" in error.text
-
-    # A server that accepts and never answers: requests end by their time-out.
-    with socket.create_server(("127.0.0.1", 0)) as silent:
-        connection = pellix.open(host="127.0.0.1", tcp_port=silent.getsockname()[1])
-        start = time.monotonic()
-        assert isinstance(raises(pellix.ReplyTimeout, 13, connection.ping), TimeoutError)
-        assert 4.5 < time.monotonic() - start < 10
-        handle = connection.handle
-        connection.close()
-        connection.close()  # closing twice is harmless
-        raises(pellix.UnknownHandle, 3, pellix.Connection(handle).read32, 0)
+    handle = connection.handle
+    connection.close()
+    connection.close()  # closing twice is harmless
+    raises(pellix.UnknownHandle, 3, pellix.Connection(handle).read32, 0)
