@@ -6,7 +6,6 @@ folder also holds the pellix program."""
 
 import socket
 import threading
-import time
 
 import pytest
 
@@ -32,7 +31,6 @@ def raises(kind, code, call, *args, **kwargs):
 
 
 def test_memory_at_every_width_blocks_and_masks(target):
-    target.clean()
     target.write8(0x1001, 0xAB)
     target.write16(0x1002, 0xBEEF)
     target.write32(0x1004, 0xCAFEF00D)
@@ -51,10 +49,9 @@ def test_events_queue_iterator_and_callback_thread(target):
     target.enable_events()
     target.flush_events()
     assert target.pop_event() is None
-    target.write32(EVENT_REGISTER, 7)
-    assert target.wait_event(5) == 7
-    for value in (1, 2, 3):
+    for value in (7, 1, 2, 3):
         target.write32(EVENT_REGISTER, value)
+    assert target.wait_event(5) == 7
     assert list(target.events(timeout=0.5)) == [1, 2, 3]
 
     # The callback runs on a Python thread of the connection; one that raises is recorded
@@ -66,8 +63,7 @@ def test_events_queue_iterator_and_callback_thread(target):
         seen.append((event, threading.current_thread().name))
         if event == 40:
             raise RuntimeError("callback failed")
-        if event == 41:
-            done.set()
+        done.set()
 
     target.enable_events(callback=callback)
     target.write32(EVENT_REGISTER, 40)
@@ -86,27 +82,24 @@ def test_bypass_round_trip_and_iterator(target):
     target.send_bypass(0x22, b"")
     target.send_bypass(0x21, b"x")
     assert list(target.bypass_packets(timeout=0.5)) == [(0x22, b""), (0x21, b"x")]
-    assert target.wait_bypass(0) is None
     assert isinstance(raises(pellix.PacketTooLarge, 6, target.send_bypass, 0x21, bytes(65531)),
                       ValueError)
 
 
 def test_server_control(target):
     assert target.status() is True
-    for call in (target.ping, target.flush, target.auto_baud, target.send_break, target.reconnect):
-        call()
-    target.set_baud(115200)
-    target.set_flow("xonxoff")
-    target.set_flow(0x12345678)
-    target.set_usb_ids(0x1234, 0x5678)
+    for call, *args in [(target.ping,), (target.clean,), (target.flush,), (target.auto_baud,),
+                        (target.send_break,), (target.reconnect,), (target.set_baud, 115200),
+                        (target.set_flow, "xonxoff"), (target.set_flow, 0x12345678),
+                        (target.set_usb_ids, 0x1234, 0x5678)]:
+        call(*args)
     assert target.connected
     pytest.raises(ValueError, target.set_flow, "sometimes")
 
 
 def test_firmware_load_verify_dump(target, tmp_path):
-    words = [0x11110000 + i for i in range(1000)]
     lod = tmp_path / "image.lod"
-    lod.write_text("@00300000\n" + "".join(f"{w:08x}\n" for w in words))
+    lod.write_text("@00300000\n" + "".join(f"{0x11110000 + i:08x}\n" for i in range(1000)))
     progress = []
     target.load(lod, verify=True,
                 progress=lambda *call: progress.append((*call, threading.current_thread())))
@@ -122,9 +115,8 @@ def test_firmware_load_verify_dump(target, tmp_path):
     assert raises(pellix.VerifyMismatch, 17, target.load, clash, verify=True).address == 0x00300004
 
     binary = tmp_path / "dump.bin"
-    target.dump(binary, 0x00300000, 4, binary=True)
-    assert binary.read_bytes() == b"".join(
-        w.to_bytes(4, "little") for w in [1, 0x0BAD0BAD, 0, words[3]])
+    target.dump(binary, 0x00300000, 2, binary=True)
+    assert binary.read_bytes() == bytes.fromhex("01000000 ad0bad0b")
     text = tmp_path / "dump.lod"
     target.dump(text, 0x00300000, 2, progress=lambda done, total: None)
     assert text.read_text().lower().split() == ["@00300000", "00000001", "0bad0bad"]
@@ -134,18 +126,15 @@ def test_firmware_load_verify_dump(target, tmp_path):
 
 
 def test_error_mapping():
-    with socket.create_server(("127.0.0.1", 0)) as listener:
-        port = listener.getsockname()[1]
+    # A server that accepts and never answers: requests end by their time-out (its length:
+    # the connection tests). Once it is gone, nothing answers on its port.
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        port = silent.getsockname()[1]
+        connection = pellix.open(host="127.0.0.1", tcp_port=port)
+        assert isinstance(raises(pellix.ReplyTimeout, 13, connection.ping), TimeoutError)
     error = raises(pellix.ConnectionFailed, 11, pellix.open, host="127.0.0.1", tcp_port=port)
     assert isinstance(error, ConnectionError) and "no connection" in error.text
-
-    # A server that accepts and never answers: requests end by their time-out.
-    with socket.create_server(("127.0.0.1", 0)) as silent:
-        connection = pellix.open(host="127.0.0.1", tcp_port=silent.getsockname()[1])
-        start = time.monotonic()
-        assert isinstance(raises(pellix.ReplyTimeout, 13, connection.ping), TimeoutError)
-        assert 4.5 < time.monotonic() - start < 10
-        handle = connection.handle
-        connection.close()
-        connection.close()  # closing twice is harmless
-        raises(pellix.UnknownHandle, 3, pellix.Connection(handle).read32, 0)
+    handle = connection.handle
+    connection.close()
+    connection.close()  # closing twice is harmless
+    raises(pellix.UnknownHandle, 3, pellix.Connection(handle).read32, 0)
