@@ -19,8 +19,6 @@
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (argc < 2)
-        return 2;
     QElapsedTimer timer;
     timer.start();
     int handle = 0;
