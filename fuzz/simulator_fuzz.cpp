@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
         written = client->send(stream, written, false);
         for (QByteArray bytes; !ended; bytes.clear()) {
-            ended = !client->receive(bytes, 0);
+            ended = !client->receive(bytes, false);
             if (bytes.isEmpty())
                 break;
             received += bytes.size();
