@@ -55,8 +55,9 @@ void forEachFrame(const QByteArray& stream, F f)
         f(frame);
 }
 
-// Waits of a socket (accept, receive) end after 3 s.
-inline int withTimeout(int fd)
+// `fd` (a new or accepted socket; fails when there is none), its receives (and accepts) given
+// up after 3 s and its sends not held back to be merged.
+inline int tuned(int fd)
 {
     const timeval limit{3, 0};
     const int one = 1;
@@ -66,56 +67,45 @@ inline int withTimeout(int fd)
     return fd;
 }
 
-inline sockaddr_in loopback(quint16 port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
-// The listening socket of the connection fuzzers (created on first use) and its port.
+// The listening socket of the connection fuzzers, on 127.0.0.1 and any free port.
 struct Listener
 {
-    int fd;
-    quint16 port;
-};
-inline const Listener& listener()
-{
-    static const Listener instance = [] {
-        const int fd = withTimeout(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address = loopback(0);
+    int fd = tuned(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    Listener()
+    {
         socklen_t size = sizeof address;
         if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(fd, 16) != 0 ||
             ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
             fail("bind/listen");
-        return Listener{fd, ntohs(address.sin_port)};
-    }();
+    }
+    quint16 port() const { return ntohs(address.sin_port); }
+};
+// The listener, created on first use.
+inline const Listener& listener()
+{
+    static const Listener instance;
     return instance;
 }
 
-// One end of a TCP connection on 127.0.0.1: a client accepted from the listener, or a client
-// of a server. System calls that libFuzzer's timers interrupt (EINTR) are made again.
+// One end of a TCP connection on 127.0.0.1. System calls that libFuzzer's timers interrupt
+// (EINTR) are made again.
 class Peer
 {
 public:
-    // Accepts the connection that a client has just made (its connect has completed, so the
-    // kernel holds it in the backlog).
-    Peer()
-        : fd(withTimeout(
-              TEMP_FAILURE_RETRY(::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC))))
-    {}
-    // Connects to the server listening at `port`.
-    explicit Peer(quint16 port) : fd(withTimeout(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)))
+    // Without `port`: accepts the connection that a client has just made to the listener (its
+    // connect has completed, so the kernel holds it in the backlog). With it: connects to the
+    // server listening there.
+    explicit Peer(quint16 port = 0)
+        : fd(tuned(
+              port ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)
+                   : TEMP_FAILURE_RETRY(::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC))))
     {
-        const sockaddr_in address = loopback(port);
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        if (port && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             fail("connect");
     }
     ~Peer() { close(true); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
 
     // Appends to `bytes` what has come (waiting for it, or not at all); false once the other
     // end has closed.
@@ -154,12 +144,10 @@ public:
     }
 
     // Closes: orderly (the other end sees the end of the stream), or with a reset that leaves
-    // no TIME_WAIT entry behind (many inputs per second).
+    // no TIME_WAIT entry behind (many inputs per second). Once closed, nothing more happens.
     void close(bool reset)
     {
-        if (fd < 0)
-            return;
-        linger off{1, 0};
+        const linger off{1, 0};
         if (reset)
             ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
         ::close(fd);

@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     });
 
     auto* connection = new PXNSConnection(nullptr);
-    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port))
+    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port()))
         fail("open");
     fuzzpeer::Peer peer;
 

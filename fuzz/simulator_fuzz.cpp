@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!server->listen(&error))
         fail("listen");
 
-    auto* client = new fuzzpeer::Peer(server->serverPort());
+    fuzzpeer::Peer client(server->serverPort());
     PXParser replies(PXParser::ServerFrames);
     qint64 written = 0, received = 0;
     bool ended = false, answered = false;
@@ -61,34 +61,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (clock.elapsed() > 5000)
             fail("no answer to the final ping");
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        written = client->send(stream, written, false);
-        for (QByteArray bytes; !ended; bytes.clear()) {
-            ended = !client->receive(bytes, false);
-            if (bytes.isEmpty())
-                break;
-            received += bytes.size();
-            replies.feedData(bytes);
+        written = client.send(stream, written, false);
+        QByteArray bytes;
+        ended = !client.receive(bytes, false);
+        received += bytes.size();
+        replies.feedData(bytes);
+        if (!replies.logs().isEmpty())
+            fail("bytes outside reply frames");
+        for (;;) {
+            const QByteArray& frame = replies.getPacket(false);
             if (!replies.logs().isEmpty())
-                fail("bytes outside reply frames");
-            for (;;) {
-                const QByteArray& frame = replies.getPacket(false);
-                if (!replies.logs().isEmpty())
-                    fail("bytes between reply frames");
-                if (frame.isEmpty())
-                    break;
-                const unsigned char flow = pxproto::flowId(frame);
-                if (!std::memchr(ReplyFlows, flow, sizeof ReplyFlows))
-                    fail("a frame of a flow the server never sends");
-                if (flow == pxproto::reply::ReadData && pxproto::payloadLength(frame) <= 4)
-                    fail("a read-data frame without data");
-                if (flow == pxproto::reply::Ping && ++pingReplies == pings)
-                    answered = true;
-            }
+                fail("bytes between reply frames");
+            if (frame.isEmpty())
+                break;
+            const unsigned char flow = pxproto::flowId(frame);
+            if (!std::memchr(ReplyFlows, flow, sizeof ReplyFlows))
+                fail("a frame of a flow the server never sends");
+            if (flow == pxproto::reply::ReadData && pxproto::payloadLength(frame) <= 4)
+                fail("a read-data frame without data");
+            if (flow == pxproto::reply::Ping && ++pingReplies == pings)
+                answered = true;
         }
     }
 
     // Leave with a reset in the middle of whatever the server is still producing.
-    delete client;
+    client.close(true);
     for (int i = 0; i < 3; ++i)
         QCoreApplication::processEvents();
     delete server;
