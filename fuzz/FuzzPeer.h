@@ -12,7 +12,7 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -44,15 +44,16 @@ inline void ensureApplication()
         new QCoreApplication(argc, argv);
 }
 
-// Calls `f` with every complete frame of `stream` (cut as a client cuts the server's bytes).
-template <class F>
-void forEachFrame(const QByteArray& stream, F f)
+// The complete frames of `stream`, cut as a client cuts the server's bytes.
+inline QList<QByteArray> frames(const QByteArray& stream)
 {
     PXParser parser(PXParser::ServerFrames);
     parser.feedData(stream);
+    QList<QByteArray> all;
     for (QByteArray frame = parser.getPacket(false); !frame.isEmpty();
          frame = parser.getPacket(false))
-        f(frame);
+        all.append(frame);
+    return all;
 }
 
 // `fd` (a new or accepted socket; fails when there is none), its receives (and accepts) given
@@ -180,12 +181,12 @@ inline QByteArray completion(const QByteArray& stream)
     return filler;
 }
 
-// Fails unless a request timed by `clock` ended at once with 0, 13 or (when `closedEnds`) 12:
-// the reply sent after the input ends it, so a request that waited out its time-out missed a
-// frame.
-inline void checkEnded(const QElapsedTimer& clock, unsigned int result, bool closedEnds)
+// Fails unless a request ended before `deadline` (3 s after it was made) with 0, 13 or (when
+// `closedEnds`) 12: the reply sent after the input ends it, so a request that waited out its
+// time-out missed a frame.
+inline void checkEnded(const QDeadlineTimer& deadline, unsigned int result, bool closedEnds)
 {
-    if (clock.elapsed() > 3000)
+    if (deadline.hasExpired())
         fail("request waited for its time-out");
     if (result != 0 && result != 13 && !(closedEnds && result == 12))
         fail("unexpected result code");

@@ -29,14 +29,12 @@ struct MemoryFile
 {
     MemoryFile(const void* bytes, size_t size)
     {
-        fd = memfd_create("lod", MFD_CLOEXEC);
         if (fd < 0 || (size && ::write(fd, bytes, size) != ssize_t(size)))
             fail("memfd");
-        path = "/proc/self/fd/" + std::to_string(fd);
     }
     ~MemoryFile() { ::close(fd); }
-    int fd = -1;
-    std::string path;
+    int fd = memfd_create("lod", MFD_CLOEXEC);
+    std::string path = "/proc/self/fd/" + std::to_string(fd);
 };
 
 struct Packet

@@ -36,13 +36,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         sent += fuzzpeer::completion(stream) + request.terminator;
     QList<quint32> expectedEvents;
     QList<QByteArray> expectedBypass;
-    fuzzpeer::forEachFrame(sent, [&](const QByteArray& frame) {
+    for (const QByteArray& frame : fuzzpeer::frames(sent)) {
         if (pxproto::flowId(frame) == pxproto::reply::Event &&
             pxproto::payloadLength(frame) == pxproto::EventLength)
             expectedEvents.append(pxproto::getLe32(frame.constData() + 4));
         else if (pxproto::flowId(frame) == pxproto::reply::Bypass)
             expectedBypass.append(frame.mid(pxproto::HeaderSize));
-    });
+    }
 
     auto* connection = new PXNSConnection(nullptr);
     if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port()))
@@ -69,9 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (closeServer)
         peer.close(false);
 
-    QElapsedTimer clock;
-    clock.start();
-    fuzzpeer::checkEnded(clock, request.call(*connection), true);
+    const QDeadlineTimer deadline(3000);
+    fuzzpeer::checkEnded(deadline, request.call(*connection), true);
     if (request.flow != 0 && !closeServer && !peer.waitForFrame(request.flow, false))
         fail("request not sent");
 
@@ -79,9 +78,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // server's end closes, a request written to it draws a reset that may cut the stream
     // short; then (as after a receiver's close) the arrivals are a prefix of the stream's.
     const bool whole = !closeServer && !closeInReceiver;
-    QElapsedTimer settle;
-    settle.start();
-    while (settle.elapsed() < (whole ? 2000 : 20) &&
+    const QDeadlineTimer settle(whole ? 2000 : 20);
+    while (!settle.hasExpired() &&
            (events.size() < expectedEvents.size() || bypass.size() < expectedBypass.size()))
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     QCoreApplication::processEvents();

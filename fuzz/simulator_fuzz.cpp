@@ -10,7 +10,7 @@
 #include "front/PXServer.h"
 #include "target/PXSimTarget.h"
 
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 
 #include <cstdint>
 #include <cstring>
@@ -38,12 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const QByteArray stream = input + fuzzpeer::completion(input) + pxproto::ping();
 
     // Every ping without payload is answered, the last one only after everything before it.
-    int pings = 0;
-    fuzzpeer::forEachFrame(stream, [&pings](const QByteArray& frame) {
+    int pings = 0, pingReplies = 0;
+    for (const QByteArray& frame : fuzzpeer::frames(stream))
         pings +=
             pxproto::flowId(frame) == pxproto::request::Ping && pxproto::payloadLength(frame) == 0;
-    });
-    int pingReplies = 0;
 
     auto* target = new PXSimTarget(options.eventRegister);
     auto* server = new PXServer(options, *target);
@@ -55,10 +53,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     PXParser replies(PXParser::ServerFrames);
     qint64 written = 0, received = 0;
     bool ended = false, answered = false;
-    QElapsedTimer clock;
-    clock.start();
+    const QDeadlineTimer deadline(5000);
     while (!answered && !ended && received < ReplyLimit) {
-        if (clock.elapsed() > 5000)
+        if (deadline.hasExpired())
             fail("no answer to the final ping");
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
         written = client.send(stream, written, false);
