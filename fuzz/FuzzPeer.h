@@ -44,8 +44,9 @@ inline void ensureApplication()
         new QCoreApplication(argc, argv);
 }
 
-// The complete frames of `stream`, cut as a client cuts the server's bytes.
-inline QList<QByteArray> frames(const QByteArray& stream)
+// The complete frames of `stream`, cut as a client cuts the server's bytes; the bytes of a
+// partial frame at its end go to `rest`.
+inline QList<QByteArray> frames(const QByteArray& stream, QByteArray* rest = nullptr)
 {
     PXParser parser(PXParser::ServerFrames);
     parser.feedData(stream);
@@ -53,6 +54,8 @@ inline QList<QByteArray> frames(const QByteArray& stream)
     for (QByteArray frame = parser.getPacket(false); !frame.isEmpty();
          frame = parser.getPacket(false))
         all.append(frame);
+    if (rest)
+        *rest = parser.buffered();
     return all;
 }
 
@@ -160,25 +163,16 @@ private:
     PXParser parser{PXParser::ServerFrames};
 };
 
-// Bytes that complete whatever partial frame `stream` leaves at its end in a ServerFrames
-// parser (zeros, which cannot start a frame of their own), so that a reply written after
-// them is cut as a frame of its own.
+// Bytes that complete whatever partial frame `stream` leaves at its end (zeros, which cannot
+// start a frame of their own; they also complete a partial header), so that a reply written
+// after them is cut as a frame of its own.
 inline QByteArray completion(const QByteArray& stream)
 {
-    PXParser parser(PXParser::ServerFrames);
-    parser.feedData(stream);
-    QByteArray filler;
-    for (int round = 0; round < 4; ++round) {
-        while (!parser.getPacket(false).isEmpty()) {
-        }
-        const int buffered = parser.bufferedSize();
-        const int length =
-            buffered < pxproto::HeaderSize ? 0 : pxproto::payloadLength(parser.buffered());
-        const QByteArray zeros(buffered == 0 ? 0 : length + pxproto::HeaderSize - buffered, '\0');
-        parser.feedData(zeros);
-        filler += zeros;
-    }
-    return filler;
+    QByteArray partial;
+    frames(stream, &partial);
+    const QByteArray header = partial + QByteArray(pxproto::HeaderSize, '\0');
+    const int frameSize = pxproto::payloadLength(header) + pxproto::HeaderSize;
+    return QByteArray(partial.isEmpty() ? 0 : frameSize - int(partial.size()), '\0');
 }
 
 // Fails unless a request ended before `deadline` (3 s after it was made) with 0, 13 or (when

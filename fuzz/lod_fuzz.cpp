@@ -73,10 +73,8 @@ std::vector<Packet> readAll(const MemoryFile& file, size_t size, bool* stray, st
     for (;;) {
         LodPacket* packet = reinterpret_cast<LodPacket*>(uintptr_t(1));
         const int result = LOD_NextLodPacket(lod, &packet);
-        if (result == 1 && packet)
-            fail("result 1 with a packet");
-        if (result != 0 && result != 1)
-            fail("result other than 0 and 1");
+        if ((result != 0 && result != 1) || (result == 1 && packet))
+            fail("result other than 0, or 1 with a packet");
         *stray = result == 1;
         if (!packet)
             break;

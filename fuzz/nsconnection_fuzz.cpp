@@ -31,9 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto request = fuzzpeer::request<PXNSConnection>(op, options >> 4);
 
     // What the server sends, and the arrivals it must produce.
-    QByteArray sent = stream;
-    if (!closeServer)
-        sent += fuzzpeer::completion(stream) + request.terminator;
+    const QByteArray sent =
+        closeServer ? stream : stream + fuzzpeer::completion(stream) + request.terminator;
     QList<quint32> expectedEvents;
     QList<QByteArray> expectedBypass;
     for (const QByteArray& frame : fuzzpeer::frames(sent)) {
