@@ -1,8 +1,8 @@
 // Shared by the fuzz targets: failing with a message; the ends of TCP connections (for the
 // connection fuzzers a listening socket on 127.0.0.1, any free port, opened once per process,
 // and the accepted peer of each client; for the simulator fuzzer its client; plain POSIX
-// sockets, used from the fuzzing thread only, with poll() deadlines so that no input can hang
-// the fuzzer), the requests the connection fuzzers make, and cutting a stream into frames.
+// sockets, used from the fuzzing thread only, whose waits end after 3 s so that no input can
+// hang the fuzzer), the requests the connection fuzzers make, and cutting a stream into frames.
 
 #ifndef PELLIX_FUZZ_FUZZPEER_H
 #define PELLIX_FUZZ_FUZZPEER_H
@@ -12,12 +12,11 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -45,107 +44,93 @@ inline void ensureApplication()
         new QCoreApplication(argc, argv);
 }
 
-// Calls `call` again while it fails with EINTR (libFuzzer's own timers interrupt system
-// calls: that is not the end).
-template <class F>
-auto retry(F call)
-{
-    auto result = call();
-    while (result < 0 && errno == EINTR)
-        result = call();
-    return result;
-}
-
-inline sockaddr_in loopback(quint16 port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
-// Calls `f` with every complete frame of `stream` (cut as a client cuts the server's bytes).
-template <class F>
-void forEachFrame(const QByteArray& stream, F f)
+// The complete frames of `stream`, cut as a client cuts the server's bytes; the bytes of a
+// partial frame at its end go to `rest`.
+inline QList<QByteArray> frames(const QByteArray& stream, QByteArray* rest = nullptr)
 {
     PXParser parser(PXParser::ServerFrames);
     parser.feedData(stream);
+    QList<QByteArray> all;
     for (QByteArray frame = parser.getPacket(false); !frame.isEmpty();
          frame = parser.getPacket(false))
-        f(frame);
+        all.append(frame);
+    if (rest)
+        *rest = parser.buffered();
+    return all;
 }
 
-// The listening socket (created on first use) and its port.
+// `fd` (a new or accepted socket; fails when there is none), its receives (and accepts) given
+// up after 3 s and its sends not held back to be merged.
+inline int tuned(int fd)
+{
+    const timeval limit{3, 0};
+    const int one = 1;
+    if (fd < 0 || ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0)
+        fail("socket/accept");
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    return fd;
+}
+
+// The listening socket of the connection fuzzers, on 127.0.0.1 and any free port.
 struct Listener
 {
-    int fd;
-    quint16 port;
+    int fd = tuned(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    Listener()
+    {
+        socklen_t size = sizeof address;
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(fd, 16) != 0 ||
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+            fail("bind/listen");
+    }
+    quint16 port() const { return ntohs(address.sin_port); }
 };
+// The listener, created on first use.
 inline const Listener& listener()
 {
-    static const Listener instance = [] {
-        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = loopback(0);
-        socklen_t size = sizeof address;
-        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-            ::listen(fd, 16) != 0 ||
-            ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-            fail("socket/bind/listen");
-        return Listener{fd, ntohs(address.sin_port)};
-    }();
+    static const Listener instance;
     return instance;
 }
 
-// One end of a TCP connection on 127.0.0.1: a client accepted from the listener, or a client
-// of a server.
+// One end of a TCP connection on 127.0.0.1. System calls that libFuzzer's timers interrupt
+// (EINTR) are made again.
 class Peer
 {
 public:
-    // Accepts the connection that a client has just made (its connect has completed, so the
-    // kernel holds it in the backlog).
-    Peer()
+    // Without `port`: accepts the connection that a client has just made to the listener (its
+    // connect has completed, so the kernel holds it in the backlog). With it: connects to the
+    // server listening there.
+    explicit Peer(quint16 port = 0)
+        : fd(tuned(
+              port ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)
+                   : TEMP_FAILURE_RETRY(::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC))))
     {
-        pollfd p{listener().fd, POLLIN, 0};
-        if (retry([&] { return ::poll(&p, 1, 5000); }) == 1)
-            fd = retry([] { return ::accept4(listener().fd, nullptr, nullptr, SOCK_CLOEXEC); });
-        if (fd < 0)
-            fail("no client to accept");
-        const int one = 1;
-        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    }
-    // Connects to the server listening at `port`.
-    explicit Peer(quint16 port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        const sockaddr_in address = loopback(port);
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        if (port && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             fail("connect");
     }
     ~Peer() { close(true); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
 
-    // Appends to `bytes` what has come within timeoutMs; false once the other end has closed.
-    bool receive(QByteArray& bytes, int timeoutMs)
+    // Appends to `bytes` what has come (waiting for it, or not at all); false once the other
+    // end has closed.
+    bool receive(QByteArray& bytes, bool wait)
     {
-        pollfd p{fd, POLLIN, 0};
-        if (retry([&] { return ::poll(&p, 1, timeoutMs); }) != 1)
-            return true;
         char buffer[65536];
-        const ssize_t n = retry([&] { return ::read(fd, buffer, sizeof buffer); });
+        const ssize_t n =
+            TEMP_FAILURE_RETRY(::recv(fd, buffer, sizeof buffer, wait ? 0 : MSG_DONTWAIT));
         bytes.append(buffer, n > 0 ? int(n) : 0);
-        return n > 0;
+        return n > 0 || (n < 0 && errno == EAGAIN);
     }
 
-    // Reads frames until one with flow id `flow` has come; false after timeoutMs or when the
-    // other end has closed.
-    bool waitForFrame(unsigned char flow, int timeoutMs)
+    // Reads frames until one with flow id `flow` has come; false when none has come (in time,
+    // or at all without `wait`) or the other end has closed.
+    bool waitForFrame(unsigned char flow, bool wait)
     {
         for (QByteArray bytes;; bytes.clear()) {
             for (QByteArray f = parser.getPacket(false); !f.isEmpty(); f = parser.getPacket(false))
                 if (pxproto::flowId(f) == flow)
                     return true;
-            if (!receive(bytes, timeoutMs) || bytes.isEmpty())
+            if (!receive(bytes, wait) || bytes.isEmpty())
                 return false;
             parser.feedData(bytes);
         }
@@ -157,19 +142,16 @@ public:
     {
         const int flags = MSG_NOSIGNAL | (wait ? 0 : MSG_DONTWAIT);
         for (ssize_t n = 1; n > 0 && done < bytes.size(); done += qMax<ssize_t>(n, 0))
-            n = retry([&] {
-                return ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), flags);
-            });
+            n = TEMP_FAILURE_RETRY(
+                ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), flags));
         return done;
     }
 
     // Closes: orderly (the other end sees the end of the stream), or with a reset that leaves
-    // no TIME_WAIT entry behind (many inputs per second).
+    // no TIME_WAIT entry behind (many inputs per second). Once closed, nothing more happens.
     void close(bool reset)
     {
-        if (fd < 0)
-            return;
-        linger off{1, 0};
+        const linger off{1, 0};
         if (reset)
             ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
         ::close(fd);
@@ -181,45 +163,34 @@ private:
     PXParser parser{PXParser::ServerFrames};
 };
 
-// Bytes that complete whatever partial frame `stream` leaves at its end in a ServerFrames
-// parser (zeros, which cannot start a frame of their own), so that a reply written after
-// them is cut as a frame of its own.
+// Bytes that complete whatever partial frame `stream` leaves at its end (zeros, which cannot
+// start a frame of their own; they also complete a partial header), so that a reply written
+// after them is cut as a frame of its own.
 inline QByteArray completion(const QByteArray& stream)
 {
-    PXParser parser(PXParser::ServerFrames);
-    parser.feedData(stream);
-    QByteArray filler;
-    for (int round = 0; round < 4; ++round) {
-        while (!parser.getPacket(false).isEmpty()) {
-        }
-        const int buffered = parser.bufferedSize();
-        const int length =
-            buffered < pxproto::HeaderSize ? 0 : pxproto::payloadLength(parser.buffered());
-        const QByteArray zeros(buffered == 0 ? 0 : length + pxproto::HeaderSize - buffered, '\0');
-        parser.feedData(zeros);
-        filler += zeros;
-    }
-    return filler;
+    QByteArray partial;
+    frames(stream, &partial);
+    const QByteArray header = partial + QByteArray(pxproto::HeaderSize, '\0');
+    const int frameSize = pxproto::payloadLength(header) + pxproto::HeaderSize;
+    return QByteArray(partial.isEmpty() ? 0 : frameSize - int(partial.size()), '\0');
 }
 
-// Fails unless a request timed by `clock` ended at once with 0, 13 or (when `closedEnds`) 12:
-// the reply sent after the input ends it, so a request that waited out its time-out missed a
-// frame.
-inline void checkEnded(const QElapsedTimer& clock, unsigned int result, bool closedEnds)
+// Fails unless a request ended before `deadline` (3 s after it was made) with 0, 13 or (when
+// `closedEnds`) 12: the reply sent after the input ends it, so a request that waited out its
+// time-out missed a frame.
+inline void checkEnded(const QDeadlineTimer& deadline, unsigned int result, bool closedEnds)
 {
-    if (clock.elapsed() > 3000)
+    if (deadline.hasExpired())
         fail("request waited for its time-out");
     if (result != 0 && result != 13 && !(closedEnds && result == 12))
         fail("unexpected result code");
 }
 
-// The requests of the connection fuzzers: an input byte picks one from the target's list.
-enum class Op { Read, ReadInternal, Write, Status, Ping, Break, Reconnect, None };
 constexpr unsigned int ReadAddress = 0x1000;
 
-// A request on a PXConnection or a PXNSConnection: its flow id as it reaches the server (0:
-// none), the reply that ends it at once (a read data frame without data fails a read), and
-// the call (None gives 0).
+// A request of a connection fuzzer on a PXConnection or a PXNSConnection: its flow id as it
+// reaches the server (0: none), the reply that ends it at once (a read data frame without data
+// fails a read), and the call.
 template <class Connection>
 struct Request
 {
@@ -228,35 +199,38 @@ struct Request
     std::function<unsigned int(Connection&)> call;
 };
 
+// The request named by `op` (an input byte picks it from the target's list): R read, I internal
+// read (both of a size picked by `sizeIndex`), W write, S status, P ping, B break, C forced
+// reconnection, anything else none (result 0).
 template <class Connection>
-Request<Connection> request(Op op, int sizeIndex)
+Request<Connection> request(char op, int sizeIndex)
 {
     using namespace pxproto;
     constexpr int ReadSizes[] = {1, 2, 4, 8, 16, 64, 300};
-    const bool internal = op == Op::ReadInternal;
+    const bool internal = op == 'I';
     // An internal read of up to 4 bytes is an internal single read.
     const int size = internal && ReadSizes[sizeIndex % 7] <= 4 ? 1 : ReadSizes[sizeIndex % 7];
     switch (op) {
-    case Op::Read:
-    case Op::ReadInternal:
+    case 'R':
+    case 'I':
         return {size > 4 ? request::BlockRead : request::Read, emptyFrame(reply::ReadData),
                 [=](Connection& connection) {
                     std::vector<unsigned char> buffer(size_t(size), 0);
                     return connection.genericRead(ReadAddress, internal, buffer.data(), size);
                 }};
-    case Op::Write:
+    case 'W':
         return {request::Write, writeAck(),
                 [](Connection& connection) { return connection.write32(ReadAddress, 0x12345678); }};
-    case Op::Status:
+    case 'S':
         return {request::Status, statusReply(1), [](Connection& connection) {
                     unsigned char status = 0;
                     return connection.getStatus(&status);
                 }};
-    case Op::Ping:
+    case 'P':
         return {request::Ping, pingReply(), &Connection::ping};
-    case Op::Break:
+    case 'B':
         return {request::Break, pxproto::completion(), &Connection::comBreak};
-    case Op::Reconnect:
+    case 'C':
         return {request::ForceReconnect, pxproto::completion(), &Connection::forcePellixReconnect};
     default:
         return {0, QByteArray(), [](Connection&) { return 0u; }};

@@ -16,95 +16,77 @@
 #include <cstdint>
 #include <thread>
 
-namespace {
-
-constexpr fuzzpeer::Op Ops[] = {fuzzpeer::Op::Read,  fuzzpeer::Op::ReadInternal,
-                                fuzzpeer::Op::Write, fuzzpeer::Op::Status,
-                                fuzzpeer::Op::Ping,  fuzzpeer::Op::Reconnect};
-
-std::atomic<bool> connectionAlive{false};
-
-void countCall(void*)
-{
-    if (!connectionAlive.load())
-        fuzzpeer::fail("a callback of a destroyed connection");
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     using fuzzpeer::fail;
     if (size < 3 || size > 60000)
         return 0;
-    const fuzzpeer::Op op = Ops[data[0] % 6];
+    const char op = "RIWSPC"[data[0] % 6];
     const int setup = data[1];
     const int drainSize = data[2] % 40;
     const QByteArray stream(reinterpret_cast<const char*>(data + 3), int(size - 3));
+    static std::atomic<bool> connectionAlive{false};
+    const auto countCall = [](void*) {
+        if (!connectionAlive.load())
+            fail("a callback of a destroyed connection");
+    };
 
     auto* connection = new PXConnection;
     connectionAlive.store(true);
-    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port))
+    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port()))
         fail("open");
-    {
-        fuzzpeer::Peer peer;
-        if (setup & 1)
-            connection->enableEvents(true);
-        if (setup & 2) {
-            unsigned char ids[] = {0x21, 0x22};
-            connection->setBypassFlowIds(ids, 2);
-        }
-        if (setup & 4) {
-            connection->setEventCallback(countCall, nullptr);
-            connection->setBypassCallback(countCall, nullptr);
-        }
-        if (setup & 8)
-            connection->setBypassDelayCallback(countCall, nullptr, 1);
-
-        // The request, on a thread of its own; the server answers once it has seen it.
-        const auto request = fuzzpeer::request<PXConnection>(op, setup >> 4);
-        unsigned int result = 99;
-        std::thread requester([&] { result = request.call(*connection); });
-        QElapsedTimer clock;
-        clock.start();
-        if (!peer.waitForFrame(request.flow, 3000))
-            fail("request never reached the server");
-        peer.send(stream);
-        peer.send(fuzzpeer::completion(stream) + request.terminator);
-        requester.join();
-        fuzzpeer::checkEnded(clock, result, false);
-
-        // Drain the queues with a small buffer, taking bypass packets in turn in each way.
-        unsigned char buffer[40], flowId = 0;
-        int length = 0, taken = 0;
-        unsigned int event = 0;
-        while (connection->popEvent(&event) == 0)
-            if (++taken > 1001)
-                fail("event queue above its cap");
-        taken = 0;
-        for (int round = 0;; ++round) {
-            unsigned int r =
-                round % 3 == 0 ? connection->getBypassPacket(&flowId, buffer, drainSize, &length)
-                : round % 3 == 1
-                    ? connection->getBypassData(buffer, drainSize, &length)
-                    : connection->waitBypassPacket(&flowId, buffer, drainSize, &length, 0);
-            if (round % 3 == 1 && r == 5) // too small: take it whole, or as a cut packet
-                r = length <= int(sizeof buffer)
-                        ? connection->getBypassData(buffer, int(sizeof buffer), &length)
-                        : connection->getBypassPacket(&flowId, buffer, drainSize, &length);
-            if (r == 8 && length == 0) {
-                unsigned char probe[4];
-                if (connection->getBypassData(probe, 0, &length) == 8)
-                    break; // empty (a short stored packet also gives 8: go on)
-                continue;
-            }
-            if (length < 0 || length > int(sizeof buffer))
-                fail("bypass length out of range");
-            if (++taken > 1001)
-                fail("bypass queue above its cap");
-        }
-        peer.close(true);
+    fuzzpeer::Peer peer;
+    if (setup & 1)
+        connection->enableEvents(true);
+    unsigned char bypassIds[] = {0x21, 0x22};
+    if (setup & 2)
+        connection->setBypassFlowIds(bypassIds, 2);
+    if (setup & 4) {
+        connection->setEventCallback(countCall, nullptr);
+        connection->setBypassCallback(countCall, nullptr);
     }
+    if (setup & 8)
+        connection->setBypassDelayCallback(countCall, nullptr, 1);
+
+    // The request, on a thread of its own; the server answers once it has seen it.
+    const auto request = fuzzpeer::request<PXConnection>(op, setup >> 4);
+    unsigned int result = 99;
+    std::thread requester([&] { result = request.call(*connection); });
+    const QDeadlineTimer deadline(3000);
+    if (!peer.waitForFrame(request.flow, true))
+        fail("request never reached the server");
+    peer.send(stream);
+    peer.send(fuzzpeer::completion(stream) + request.terminator);
+    requester.join();
+    fuzzpeer::checkEnded(deadline, result, false);
+
+    // Drain the queues with a small buffer, taking bypass packets in turn in each way.
+    unsigned char buffer[40], flowId = 0;
+    int length = 0;
+    unsigned int event = 0;
+    for (int taken = 0; connection->popEvent(&event) == 0;)
+        if (++taken > 1001)
+            fail("event queue above its cap");
+    for (int round = 0, taken = 0;; ++round) {
+        unsigned int r =
+            round % 3 == 0   ? connection->getBypassPacket(&flowId, buffer, drainSize, &length)
+            : round % 3 == 1 ? connection->getBypassData(buffer, drainSize, &length)
+                             : connection->waitBypassPacket(&flowId, buffer, drainSize, &length, 0);
+        if (round % 3 == 1 && r == 5) // too small: take it whole, or as a cut packet
+            r = length <= int(sizeof buffer)
+                    ? connection->getBypassData(buffer, int(sizeof buffer), &length)
+                    : connection->getBypassPacket(&flowId, buffer, drainSize, &length);
+        if (r == 8 && length == 0) {
+            if (connection->getBypassData(buffer, 0, &length) == 8)
+                break; // empty (a short stored packet also gives 8: go on)
+            continue;
+        }
+        if (length < 0 || length > int(sizeof buffer))
+            fail("bypass length out of range");
+        if (++taken > 1001)
+            fail("bypass queue above its cap");
+    }
+    peer.close(true); // before the connection goes
     delete connection;
     connectionAlive.store(false);
     return 0;

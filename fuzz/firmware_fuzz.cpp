@@ -18,15 +18,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                         pxtool::Format::SRecord, pxtool::Format::Elf}) {
         pxtool::Image image;
         pxtool::FileProblem problem;
-        if (!pxtool::readFormat(format, content, &image, &problem)) {
-            if (problem.what.empty())
+        const bool read = pxtool::readFormat(format, content, &image, &problem);
+        if (!read && problem.what.empty())
+            std::abort();
+        for (const pxtool::Segment& segment : image.segments)
+            if (read && segment.address + std::uint64_t(segment.bytes.size()) > 0x100000000ull)
                 std::abort();
-            continue;
-        }
-        for (const pxtool::Segment& segment : image.segments) {
-            if (segment.address + std::uint64_t(segment.bytes.size()) > 0x100000000ull)
-                std::abort();
-        }
     }
     pxtool::detectFormat(content);
     return 0;

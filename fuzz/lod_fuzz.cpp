@@ -29,29 +29,23 @@ struct MemoryFile
 {
     MemoryFile(const void* bytes, size_t size)
     {
-        fd = memfd_create("lod", MFD_CLOEXEC);
         if (fd < 0 || (size && ::write(fd, bytes, size) != ssize_t(size)))
             fail("memfd");
-        path = "/proc/self/fd/" + std::to_string(fd);
     }
     ~MemoryFile() { ::close(fd); }
-    int fd = -1;
-    std::string path;
+    int fd = memfd_create("lod", MFD_CLOEXEC);
+    std::string path = "/proc/self/fd/" + std::to_string(fd);
 };
 
 struct Packet
 {
     uint32_t address;
     std::vector<uint32_t> words;
+    bool operator==(const Packet& other) const
+    {
+        return address == other.address && words == other.words;
+    }
 };
-
-// A copy of a packet whose shape holds: a word array exactly when it has words.
-Packet copyOf(const LodPacket* packet)
-{
-    if (packet->wordCount < 0 || (packet->wordCount == 0) != (packet->words == nullptr))
-        fail("packet shape");
-    return {packet->address, {packet->words, packet->words + packet->wordCount}};
-}
 
 // What `dump` writes for `packet`.
 template <class Dump>
@@ -67,25 +61,40 @@ std::string dumped(Dump dump, LodPacket* packet)
     return result;
 }
 
-void checkRoundTrip(LodPacket* packet, const Packet& expected)
+// The packets LOD_NextLodPacket reads from `file` (of `size` bytes), each checked for its
+// shape and its binary dump, and appended to `text` as LOD text; `stray` tells whether the
+// reading ended on a data line outside a packet (result 1).
+std::vector<Packet> readAll(const MemoryFile& file, size_t size, bool* stray, std::string* text)
 {
-    const std::string text = dumped(LOD_DumpPacketLodFormat, packet);
-    MemoryFile copy(text.data(), text.size());
-    LodFile* again = LOD_Open(copy.path.c_str());
-    if (!again)
-        fail("cannot reopen the dump");
-    LodPacket* back = nullptr;
-    if (LOD_NextLodPacket(again, &back) != 0 || !back || back->address != expected.address ||
-        copyOf(back).words != expected.words)
-        fail("a dumped packet reads back differently");
-    LOD_FreeLodPacket(back);
-    back = nullptr;
-    if (LOD_NextLodPacket(again, &back) != 0 || back)
-        fail("a dump of one packet holds more");
-    LOD_Close(again);
-    const auto* words = reinterpret_cast<const char*>(expected.words.data());
-    if (dumped(LOD_DumpPacketBinaryFormat, packet) != std::string(words, expected.words.size() * 4))
-        fail("binary dump differs from the words");
+    LodFile* lod = LOD_Open(file.path.c_str());
+    if (!lod)
+        fail("open");
+    std::vector<Packet> seen;
+    for (;;) {
+        LodPacket* packet = reinterpret_cast<LodPacket*>(uintptr_t(1));
+        const int result = LOD_NextLodPacket(lod, &packet);
+        if ((result != 0 && result != 1) || (result == 1 && packet))
+            fail("result other than 0, or 1 with a packet");
+        *stray = result == 1;
+        if (!packet)
+            break;
+        // A word array exactly when there are words, never more words than the file has bytes.
+        if (packet->wordCount < 0 || (packet->wordCount == 0) != (packet->words == nullptr) ||
+            size_t(packet->wordCount) > size)
+            fail("packet shape");
+        seen.push_back({packet->address, {packet->words, packet->words + packet->wordCount}});
+        const auto* words = reinterpret_cast<const char*>(packet->words);
+        if (dumped(LOD_DumpPacketBinaryFormat, packet) !=
+            std::string(words, size_t(packet->wordCount) * 4))
+            fail("binary dump differs from the words");
+        *text += dumped(LOD_DumpPacketLodFormat, packet);
+        LOD_FreeLodPacket(packet);
+        // A file of n bytes holds at most n / 2 + 1 packets (each needs "@" and a line end).
+        if (seen.size() > size / 2 + 2)
+            fail("more packets than the file can hold");
+    }
+    LOD_Close(lod);
+    return seen;
 }
 
 // The packets `expected` (then the end, or a data line outside a packet when `stray`) read
@@ -135,31 +144,13 @@ void checkPieces(const std::string& path, const std::vector<Packet>& expected, b
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     MemoryFile file(data, size);
-    LodFile* lod = LOD_Open(file.path.c_str());
-    if (!lod)
-        fail("open");
-    std::vector<Packet> seen;
-    bool stray = false;
-    for (;;) {
-        LodPacket* packet = reinterpret_cast<LodPacket*>(uintptr_t(1));
-        const int result = LOD_NextLodPacket(lod, &packet);
-        if (result == 1 && packet)
-            fail("result 1 with a packet");
-        if (result != 0 && result != 1)
-            fail("result other than 0 and 1");
-        stray = result == 1;
-        if (!packet)
-            break;
-        seen.push_back(copyOf(packet));
-        if (seen.back().words.size() > size)
-            fail("packet shape");
-        checkRoundTrip(packet, seen.back());
-        LOD_FreeLodPacket(packet);
-        // A file of n bytes holds at most n / 2 + 1 packets (each needs "@" and a line end).
-        if (seen.size() > size / 2 + 2)
-            fail("more packets than the file can hold");
-    }
-    LOD_Close(lod);
+    bool stray = false, strayAgain = false;
+    std::string text, textAgain;
+    const std::vector<Packet> seen = readAll(file, size, &stray, &text);
+    // Every packet written back as LOD text reads back unchanged, and nothing else.
+    MemoryFile copy(text.data(), text.size());
+    if (readAll(copy, text.size(), &strayAgain, &textAgain) != seen || strayAgain)
+        fail("the dumped packets read back differently");
 
     uint32_t seed = 2463534242u;
     for (size_t i = 0; i < size && i < 8; ++i)

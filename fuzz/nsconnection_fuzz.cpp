@@ -16,21 +16,13 @@
 
 #include <cstdint>
 
-namespace {
-
-constexpr fuzzpeer::Op Ops[] = {
-    fuzzpeer::Op::Read,  fuzzpeer::Op::ReadInternal, fuzzpeer::Op::Status, fuzzpeer::Op::Ping,
-    fuzzpeer::Op::Break, fuzzpeer::Op::Reconnect,    fuzzpeer::Op::None};
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     using fuzzpeer::fail;
     if (size < 2 || size > 60000)
         return 0;
     fuzzpeer::ensureApplication();
-    const fuzzpeer::Op op = Ops[data[0] % 7];
+    const char op = "RISPBC-"[data[0] % 7];
     const int options = data[1];
     const bool closeServer = options & 1;
     const bool closeInReceiver = options & 2;
@@ -39,21 +31,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto request = fuzzpeer::request<PXNSConnection>(op, options >> 4);
 
     // What the server sends, and the arrivals it must produce.
-    QByteArray sent = stream;
-    if (!closeServer)
-        sent += fuzzpeer::completion(stream) + request.terminator;
+    const QByteArray sent =
+        closeServer ? stream : stream + fuzzpeer::completion(stream) + request.terminator;
     QList<quint32> expectedEvents;
     QList<QByteArray> expectedBypass;
-    fuzzpeer::forEachFrame(sent, [&](const QByteArray& frame) {
+    for (const QByteArray& frame : fuzzpeer::frames(sent)) {
         if (pxproto::flowId(frame) == pxproto::reply::Event &&
             pxproto::payloadLength(frame) == pxproto::EventLength)
             expectedEvents.append(pxproto::getLe32(frame.constData() + 4));
         else if (pxproto::flowId(frame) == pxproto::reply::Bypass)
             expectedBypass.append(frame.mid(pxproto::HeaderSize));
-    });
+    }
 
     auto* connection = new PXNSConnection(nullptr);
-    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port))
+    if (!connection->open(QStringLiteral("127.0.0.1"), fuzzpeer::listener().port()))
         fail("open");
     fuzzpeer::Peer peer;
 
@@ -77,19 +68,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (closeServer)
         peer.close(false);
 
-    QElapsedTimer clock;
-    clock.start();
-    fuzzpeer::checkEnded(clock, request.call(*connection), true);
-    if (request.flow != 0 && !closeServer && !peer.waitForFrame(request.flow, 0))
+    const QDeadlineTimer deadline(3000);
+    fuzzpeer::checkEnded(deadline, request.call(*connection), true);
+    if (request.flow != 0 && !closeServer && !peer.waitForFrame(request.flow, false))
         fail("request not sent");
 
     // Let the held-back arrivals and whatever came after the request be signalled. When the
     // server's end closes, a request written to it draws a reset that may cut the stream
     // short; then (as after a receiver's close) the arrivals are a prefix of the stream's.
     const bool whole = !closeServer && !closeInReceiver;
-    QElapsedTimer settle;
-    settle.start();
-    while (settle.elapsed() < (whole ? 2000 : 20) &&
+    const QDeadlineTimer settle(whole ? 2000 : 20);
+    while (!settle.hasExpired() &&
            (events.size() < expectedEvents.size() || bypass.size() < expectedBypass.size()))
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     QCoreApplication::processEvents();
@@ -101,6 +90,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         fail("arrivals lost");
 
     delete connection;
-    peer.close(true);
     return 0;
 }

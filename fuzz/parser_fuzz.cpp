@@ -5,15 +5,10 @@
 #include "pellix/protocol/PXFrames_p.h"
 #include "pellix/protocol/PXParser.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-
-namespace {
-
-qint64 fakeNow = 1; // the parsers' clock
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -24,20 +19,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     data += 2;
     size -= 2;
 
+    static qint64 fakeNow; // the parsers' clock
     PXParser parser(type), inPlace(type);
     parser.setClock([] { return fakeNow; });
     inPlace.setClock([] { return fakeNow; });
     fakeNow = 1000;
-    size_t offset = 0;
-    while (offset < size) {
-        const size_t n = size - offset < size_t(piece) ? size - offset : size_t(piece);
+    for (size_t offset = 0, n = 0; offset < size; offset += n) {
+        n = std::min(size - offset, size_t(piece));
         // Bytes 0xFE in the stream stand for a pause long enough to make partial data stale.
         fakeNow += data[offset] == 0xFE ? 2000 : 1;
         parser.feedData(data + offset, int(n));
         // Fed as an owned array, which the parser may keep by sharing.
         inPlace.feedData(QByteArray(reinterpret_cast<const char*>(data + offset), int(n)));
-        offset += n;
-        const bool flush = (data[offset - 1] & 1) != 0;
+        const bool flush = (data[offset + n - 1] & 1) != 0;
         for (int guard = 0; guard < 100000; ++guard) {
             const QByteArray& packet = parser.getPacket(flush);
             if (type != PXParser::EscapedDebugStream) {
@@ -50,9 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             }
             if (packet.isEmpty())
                 break;
-            if (packet.size() < 4)
-                std::abort();
-            if (packet.size() != pxproto::payloadLength(packet) + 4 ||
+            if (packet.size() < 4 || packet.size() != pxproto::payloadLength(packet) + 4 ||
                 uchar(packet[0]) != parser.getStartByte())
                 std::abort();
         }

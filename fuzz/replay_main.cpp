@@ -17,18 +17,16 @@ int main(int argc, char** argv)
 {
     int count = 0;
     for (int i = 1; i < argc; ++i) {
-        std::vector<fs::path> files;
-        if (fs::is_directory(argv[i])) {
-            for (const auto& entry : fs::directory_iterator(argv[i]))
-                if (entry.is_regular_file())
-                    files.push_back(entry.path());
-        } else if (fs::is_regular_file(argv[i])) {
-            files.push_back(argv[i]);
-        } else {
+        if (!fs::exists(argv[i])) {
             std::fprintf(stderr, "no such input: %s\n", argv[i]);
             return 1;
         }
+        std::vector<fs::path> files{argv[i]};
+        if (fs::is_directory(argv[i]))
+            files.assign(fs::directory_iterator(argv[i]), fs::directory_iterator());
         for (const fs::path& file : files) {
+            if (!fs::is_regular_file(file))
+                continue;
             std::ifstream in(file, std::ios::binary);
             const std::vector<char> bytes((std::istreambuf_iterator<char>(in)),
                                           std::istreambuf_iterator<char>());

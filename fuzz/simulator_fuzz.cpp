@@ -10,7 +10,7 @@
 #include "front/PXServer.h"
 #include "target/PXSimTarget.h"
 
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 
 #include <cstdint>
 #include <cstring>
@@ -38,12 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const QByteArray stream = input + fuzzpeer::completion(input) + pxproto::ping();
 
     // Every ping without payload is answered, the last one only after everything before it.
-    int pings = 0;
-    fuzzpeer::forEachFrame(stream, [&pings](const QByteArray& frame) {
+    int pings = 0, pingReplies = 0;
+    for (const QByteArray& frame : fuzzpeer::frames(stream))
         pings +=
             pxproto::flowId(frame) == pxproto::request::Ping && pxproto::payloadLength(frame) == 0;
-    });
-    int pingReplies = 0;
 
     auto* target = new PXSimTarget(options.eventRegister);
     auto* server = new PXServer(options, *target);
@@ -51,44 +49,40 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!server->listen(&error))
         fail("listen");
 
-    auto* client = new fuzzpeer::Peer(server->serverPort());
+    fuzzpeer::Peer client(server->serverPort());
     PXParser replies(PXParser::ServerFrames);
     qint64 written = 0, received = 0;
     bool ended = false, answered = false;
-    QElapsedTimer clock;
-    clock.start();
+    const QDeadlineTimer deadline(5000);
     while (!answered && !ended && received < ReplyLimit) {
-        if (clock.elapsed() > 5000)
+        if (deadline.hasExpired())
             fail("no answer to the final ping");
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        written = client->send(stream, written, false);
-        for (QByteArray bytes; !ended; bytes.clear()) {
-            ended = !client->receive(bytes, 0);
-            if (bytes.isEmpty())
-                break;
-            received += bytes.size();
-            replies.feedData(bytes);
+        written = client.send(stream, written, false);
+        QByteArray bytes;
+        ended = !client.receive(bytes, false);
+        received += bytes.size();
+        replies.feedData(bytes);
+        if (!replies.logs().isEmpty())
+            fail("bytes outside reply frames");
+        for (;;) {
+            const QByteArray& frame = replies.getPacket(false);
             if (!replies.logs().isEmpty())
-                fail("bytes outside reply frames");
-            for (;;) {
-                const QByteArray& frame = replies.getPacket(false);
-                if (!replies.logs().isEmpty())
-                    fail("bytes between reply frames");
-                if (frame.isEmpty())
-                    break;
-                const unsigned char flow = pxproto::flowId(frame);
-                if (!std::memchr(ReplyFlows, flow, sizeof ReplyFlows))
-                    fail("a frame of a flow the server never sends");
-                if (flow == pxproto::reply::ReadData && pxproto::payloadLength(frame) <= 4)
-                    fail("a read-data frame without data");
-                if (flow == pxproto::reply::Ping && ++pingReplies == pings)
-                    answered = true;
-            }
+                fail("bytes between reply frames");
+            if (frame.isEmpty())
+                break;
+            const unsigned char flow = pxproto::flowId(frame);
+            if (!std::memchr(ReplyFlows, flow, sizeof ReplyFlows))
+                fail("a frame of a flow the server never sends");
+            if (flow == pxproto::reply::ReadData && pxproto::payloadLength(frame) <= 4)
+                fail("a read-data frame without data");
+            if (flow == pxproto::reply::Ping && ++pingReplies == pings)
+                answered = true;
         }
     }
 
     // Leave with a reset in the middle of whatever the server is still producing.
-    delete client;
+    client.close(true);
     for (int i = 0; i < 3; ++i)
         QCoreApplication::processEvents();
     delete server;
