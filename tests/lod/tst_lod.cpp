@@ -77,7 +77,6 @@ protected:
             out.positions.push_back(std::ftell(file->file));
             if (!packet)
                 break;
-            EXPECT_EQ(packet->wordCount == 0, packet->words == nullptr);
             out.packets.push_back(
                 {packet->address, {packet->words, packet->words + packet->wordCount}});
             LOD_FreeLodPacket(packet);
@@ -226,7 +225,9 @@ TEST_F(LodFileTest, FgetlCutsLinesAndCountPacketWordsRestoresThePosition)
 }
 
 // Both formats for a packet longer than the text writer's chunk of 512 words, one without
-// words and one with a negative count: the text reads back to the same packets.
+// words and one with a negative count. (Every packet the reader finds, a word array exactly
+// when it has words, and its dumps read back to it: lod_fuzz, whose seeds hold packets of more
+// than 512 words.)
 TEST_F(LodFileTest, DumpsAreByteExactAndReadBack)
 {
     LodPacket* big = LOD_AllocateLodPacket(0x20000000, 1300);
@@ -249,9 +250,6 @@ TEST_F(LodFileTest, DumpsAreByteExactAndReadBack)
     const std::string text = dump(LOD_DumpPacketLodFormat);
     EXPECT_EQ(text.substr(0, 28), "@20000000\n00000001\n9E3779B2\n");
     EXPECT_EQ(text.substr(text.size() - 21), "\n@000000AB\n@FFFFFFFF\n");
-    EXPECT_EQ(read(text).packets,
-              (std::vector<Packet>{
-                  {0x20000000, {big->words, big->words + 1300}}, {0xAB, {}}, {0xFFFFFFFF, {}}}));
     EXPECT_EQ(dump(LOD_DumpPacketBinaryFormat),
               std::string(reinterpret_cast<const char*>(big->words), 1300 * 4));
     LOD_FreeLodPacket(big);
