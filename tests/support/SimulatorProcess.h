@@ -1,9 +1,11 @@
 #ifndef PELLIX_TESTS_SIMULATORPROCESS_H
 #define PELLIX_TESTS_SIMULATORPROCESS_H
 
+#include <QProcess>
 #include <QString>
 #include <QStringList>
 
+#include <memory>
 #include <sys/types.h>
 
 // Runs the real `pellix` simulator from the test binary's folder for the lifetime of the
@@ -27,12 +29,12 @@ public:
     ~SimulatorProcess();
 
     // Movable, not copyable (declaring the move removes the copies).
-    SimulatorProcess(SimulatorProcess&& other) noexcept;
+    SimulatorProcess(SimulatorProcess&& other) noexcept = default;
 
     // True once the simulator has announced that it listens.
     bool isListening() const { return listenPort != 0; }
     quint16 port() const { return listenPort; }
-    pid_t pid() const { return child; }
+    pid_t pid() const { return pid_t(process->processId()); } // 0 once it has ended
 
     // Everything the simulator wrote to stderr so far (with --verbose: one line per request).
     QString errorOutput();
@@ -45,14 +47,10 @@ public:
 private:
     // Starts `program` of the binary folder with exactly `arguments`.
     SimulatorProcess(const QString& program, const QStringList& arguments);
-    void drainStderr(); // what stderr holds now (it does not block)
 
-    pid_t child = -1;
-    int outFd = -1;
-    int errFd = -1;
+    std::unique_ptr<QProcess> process;
     quint16 listenPort = 0;
     QByteArray stderrBytes;
-    int exitStatus = -1;
 };
 
 #endif
