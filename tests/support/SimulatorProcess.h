@@ -1,11 +1,9 @@
 #ifndef PELLIX_TESTS_SIMULATORPROCESS_H
 #define PELLIX_TESTS_SIMULATORPROCESS_H
 
-#include <QProcess>
 #include <QString>
 #include <QStringList>
 
-#include <memory>
 #include <sys/types.h>
 
 // Runs the real `pellix` simulator from the test binary's folder for the lifetime of the
@@ -29,12 +27,12 @@ public:
     ~SimulatorProcess();
 
     // Movable, not copyable (declaring the move removes the copies).
-    SimulatorProcess(SimulatorProcess&& other) noexcept = default;
+    SimulatorProcess(SimulatorProcess&& other) noexcept;
 
     // True once the simulator has announced that it listens.
     bool isListening() const { return listenPort != 0; }
     quint16 port() const { return listenPort; }
-    pid_t pid() const { return pid_t(process->processId()); } // 0 once it has ended
+    pid_t pid() const { return child; }
 
     // Everything the simulator wrote to stderr so far (with --verbose: one line per request).
     QString errorOutput();
@@ -48,9 +46,11 @@ private:
     // Starts `program` of the binary folder with exactly `arguments`.
     SimulatorProcess(const QString& program, const QStringList& arguments);
 
-    std::unique_ptr<QProcess> process;
+    pid_t child = -1;
+    int outFd = -1;
+    int errFd = -1; // a memory file
     quint16 listenPort = 0;
-    QByteArray stderrBytes;
+    int exitStatus = -1;
 };
 
 #endif
