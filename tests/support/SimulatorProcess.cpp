@@ -85,11 +85,9 @@ int SimulatorProcess::waitForExit(int timeoutMs)
 {
     int status = 0;
     for (const QDeadlineTimer deadline(timeoutMs);
-         child > 0 && waitpid(child, &status, WNOHANG) != child;) {
+         child > 0 && waitpid(child, &status, WNOHANG) != child; usleep(1000))
         if (deadline.hasExpired())
             return -1;
-        usleep(1000);
-    }
     if (std::exchange(child, -1) > 0)
         exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return exitStatus;
