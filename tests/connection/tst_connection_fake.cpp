@@ -70,8 +70,8 @@ TEST_F(ConnectionFake, TimeOutCountsFromTheLastProgress)
 }
 
 // Events: 20 while not enabled (arrivals then are dropped; disabling keeps the queue for the
-// next enable), 19 for an empty queue, also after a wait; a waiter wakes for an arrival; event
-// frames of the wrong length are dropped.
+// next enable), 19 for an empty queue, also after a wait (a waiter woken by an arrival:
+// tst_connection_threads); event frames of the wrong length are dropped.
 // Bypass packets are queued only once flow ids were set (a refused list sets none). The three
 // takes as "result/length": getBypassPacket gives data and checksum, cut (and consumed) to the
 // buffer, nothing for a negative size; getBypassData the whole packet, or nothing when it does
@@ -86,14 +86,10 @@ TEST_F(ConnectionFake, EventAndBypassQueues)
     EXPECT_EQ(connection.popEvent(&e), 20u);
     EXPECT_EQ(connection.waitEvent(&e, 0), 20u);
     ASSERT_EQ(connection.enableEvents(true), 0u);
-    EXPECT_EQ(connection.popEvent(&e), 19u);
     QElapsedTimer clock;
     clock.start();
     EXPECT_EQ(connection.waitEvent(&e, 200), 19u);
     EXPECT_GE(clock.elapsed(), 190);
-    server.sendLater(pxproto::event(2), 100);
-    EXPECT_EQ(connection.waitEvent(&e, 5000), 0u);
-    EXPECT_EQ(e, 2u);
     arrive(pxproto::frame(pxproto::reply::Event, "\x11\x00\x00\x00", 4) + pxproto::event(3) +
            pxproto::frame(pxproto::reply::Event, "\x12\x00\x00\x00\x00\x00", 6) +
            pxproto::event(4));
@@ -137,7 +133,7 @@ TEST_F(ConnectionFake, EventAndBypassQueues)
     EXPECT_EQ(take(connection.waitBypassPacket(&flow, buffer, 64, &length, 0)), "8/0"); // too short
     EXPECT_EQ(connection.flushBypassPackets(), 0u);
     EXPECT_EQ(take(connection.getBypassData(buffer, 64, &length)), "8/0");
-    EXPECT_EQ(events.count.load(), 4);
+    EXPECT_EQ(events.count.load(), 3);
     EXPECT_EQ(packets.count.load(), 9);
     for (const Calls* calls : {&events, &packets})
         EXPECT_EQ(calls->thread.load(), PXClientManager::Instance());
@@ -171,18 +167,22 @@ TEST_F(ConnectionFake, QueuesAreCappedAt1001)
     }
 }
 
-// A second open drops the old socket and connects anew: queued events stay, nothing of the
-// old set-up is sent again, and the delayed callback must be set again. Once set, it is
-// called once per burst, after the burst; it holds no lock and may take the packets itself.
+// A second open drops the old socket and connects anew: queued events stay, a frame cut short
+// on the old socket is forgotten (well within the 2 s after which the parser would drop it by
+// itself: it would swallow the reply to the ping after the open), nothing of the old set-up is sent
+// again, and the delayed callback must be set again. Once set, it is called once per burst, after
+// the burst; it holds no lock and may take the packets itself.
 TEST_F(ConnectionFake, ReopenKeepsQueuesAndTheDelayedCallbackCoalescesBursts)
 {
     connection.enableEvents(true);
     unsigned char ids[] = {0x21};
     connection.setBypassFlowIds(ids, 1);
-    Calls delayed;
+    Calls delayed, before;
     delayed.take = &connection;
     connection.setBypassDelayCallback(record, &delayed, 1);
-    arrive(pxproto::event(7) + pxproto::event(8));
+    connection.setEventCallback(record, &before);
+    server.send(pxproto::event(7) + pxproto::event(8) + pxproto::event(9).left(4));
+    ASSERT_TRUE(waitUntil([&] { return before.count.load() == 2; }));
     ASSERT_TRUE(connection.open("127.0.0.1", server.port()));
     ASSERT_TRUE(server.waitForConnections(2));
     server.clearReceived();

@@ -62,14 +62,13 @@ protected:
     Connection connection;
 };
 
-// Callback user data for PXConnection: how often, and on which thread, the callback ran, and
-// how often once `destroyed` was set. With `take` set (for the delayed callback only: it holds
-// no lock) it first takes every queued packet.
+// Callback user data for PXConnection: how often, and on which thread, the callback ran. With
+// `take` set (for the delayed callback only: it holds no lock) it first takes every queued
+// packet.
 struct Calls
 {
     PXConnection* take = nullptr;
-    std::atomic<int> count{0}, taken{0}, late{0};
-    std::atomic<bool> destroyed{false};
+    std::atomic<int> count{0}, taken{0};
     std::atomic<QThread*> thread{nullptr};
 };
 
@@ -81,7 +80,6 @@ inline void record(void* data)
     while (calls->take && calls->take->getBypassPacket(&flow, buffer, 16, &length) == 0)
         ++calls->taken;
     calls->thread = QThread::currentThread();
-    calls->late += calls->destroyed.load() ? 1 : 0;
     ++calls->count;
 }
 

@@ -42,7 +42,7 @@ FakeServer::FakeServer()
 {
     thread = std::thread([this] { run(); });
     std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [this] { return ready; });
+    changed.wait(lock, [this] { return context != nullptr; });
 }
 
 FakeServer::~FakeServer()
@@ -66,7 +66,6 @@ void FakeServer::run()
         std::lock_guard<std::mutex> lock(mutex);
         context = &localContext;
         listenPort = localServer.serverPort();
-        ready = true;
     }
     changed.notify_all();
 
@@ -77,7 +76,6 @@ void FakeServer::run()
     commands.clear();
     // The sockets are children of the server and go with it, their parsers with their
     // connections.
-    sockets.clear();
 }
 
 void FakeServer::post(std::function<void()> command)
@@ -107,24 +105,19 @@ void FakeServer::drainCommands()
         command();
 }
 
-int FakeServer::resolve(int client) const
-{
-    if (client >= 0)
-        return client;
-    std::unique_lock<std::mutex> lock(mutex);
-    // A client's connect can complete before this thread has accepted it: from the test's
-    // thread, "the most recent client" waits for the first one to be taken.
-    if (std::this_thread::get_id() != thread.get_id())
-        changed.wait_for(lock, std::chrono::seconds(5), [this] { return clients > 0; });
-    return clients - 1;
-}
-
 void FakeServer::withSocket(int client, std::function<void(QTcpSocket*)> action)
 {
-    const int index = resolve(client);
-    post([this, index, action] {
-        if (index >= 0 && index < int(sockets.size()))
-            action(sockets[size_t(index)]);
+    if (client < 0) {
+        std::unique_lock<std::mutex> lock(mutex);
+        // A client's connect can complete before this thread has accepted it: from the test's
+        // thread, "the most recent client" waits for the first one to be taken.
+        if (std::this_thread::get_id() != thread.get_id())
+            changed.wait_for(lock, std::chrono::seconds(5), [this] { return clients > 0; });
+        client = clients - 1;
+    }
+    post([this, client, action] {
+        if (client >= 0 && client < int(sockets.size()))
+            action(sockets[size_t(client)]);
     });
 }
 

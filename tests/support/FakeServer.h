@@ -73,8 +73,8 @@ private:
     void drainCommands();
     void accept(QTcpServer& server);
     void readClient(int client, QTcpSocket* socket, PXParser& parser);
-    int resolve(int client) const;
-    // Runs `action` on the server's thread with the client's socket, if it has one.
+    // Runs `action` on the server's thread with the client's socket, if it has one (-1: the
+    // most recent client).
     void withSocket(int client, std::function<void(QTcpSocket*)> action);
 
     // The server's thread: a std::thread running a QEventLoop (joined, unlike a QThread, so
@@ -82,12 +82,11 @@ private:
     std::thread thread;
     QEventLoop* loop = nullptr; // server thread only
     quint16 listenPort = 0;
-    QObject* context = nullptr;
+    QObject* context = nullptr;       // set while the server runs (the constructor waits for it)
     std::vector<QTcpSocket*> sockets; // server thread only
 
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
-    bool ready = false;
     std::vector<std::function<void()>> commands;
     Responder responder;
     int clients = 0;

@@ -1,23 +1,18 @@
 #include "RefusedPort.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <QHostAddress>
+#include <QNetworkProxy>
+#include <QTcpSocket>
 
 quint16 refusedPort()
 {
-    static const quint16 port = [] {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            return quint16(0);
-        // The descriptor is kept open on purpose until the process ends.
-        return quint16(ntohs(address.sin_port));
+    // Bound (not shared with later binds), never listening, and kept until the process ends.
+    // No proxy: looking one up would start a thread for nothing.
+    static QTcpSocket* const socket = [] {
+        auto* bound = new QTcpSocket;
+        bound->setProxy(QNetworkProxy::NoProxy);
+        bound->bind(QHostAddress::LocalHost, 0, QAbstractSocket::DontShareAddress);
+        return bound;
     }();
-    return port;
+    return socket->localPort();
 }

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QFileInfo>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -28,7 +30,7 @@ SimulatorProcess::SimulatorProcess(const QStringList& extraArguments)
 SimulatorProcess::SimulatorProcess(SimulatorProcess&& other) noexcept
     : child(std::exchange(other.child, -1)), outFd(std::exchange(other.outFd, -1)),
       errFd(std::exchange(other.errFd, -1)), listenPort(other.listenPort),
-      stderrBytes(std::move(other.stderrBytes)), exitStatus(other.exitStatus)
+      exitStatus(other.exitStatus)
 {}
 
 SimulatorProcess::SimulatorProcess(const QString& program, const QStringList& arguments)
@@ -41,8 +43,9 @@ SimulatorProcess::SimulatorProcess(const QString& program, const QStringList& ar
         argv.push_back(s.data());
     argv.push_back(nullptr);
 
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+    // stderr goes to a memory file: it never fills up, and can be read whole at any time.
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0 || (errFd = memfd_create("stderr", MFD_CLOEXEC)) < 0)
         return;
     child = fork();
     if (child == 0) {
@@ -53,15 +56,12 @@ SimulatorProcess::SimulatorProcess(const QString& program, const QStringList& ar
         std::memset(&all, 0xFF, sizeof all);
         sched_setaffinity(0, sizeof all, &all);
         dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        dup2(errFd, STDERR_FILENO);
         execv(argv[0], argv.data());
         _exit(127);
     }
     close(out[1]);
-    close(err[1]);
     outFd = out[0];
-    errFd = err[0];
-    fcntl(errFd, F_SETFL, O_NONBLOCK);
 
     // Read stdout until the announcement line, for at most 10 s.
     const QDeadlineTimer deadline(10000);
@@ -74,29 +74,20 @@ SimulatorProcess::SimulatorProcess(const QString& program, const QStringList& ar
         listenPort = quint16(line.mid(line.lastIndexOf(':') + 1).trimmed().toUInt());
 }
 
-void SimulatorProcess::drainStderr()
-{
-    char buffer[4096];
-    for (ssize_t n; errFd >= 0 && (n = read(errFd, buffer, sizeof buffer)) > 0;)
-        stderrBytes.append(buffer, int(n));
-}
-
 QString SimulatorProcess::errorOutput()
 {
-    drainStderr();
-    return QString::fromLocal8Bit(stderrBytes);
+    // A description of its own, read from the start; the child's offset stays where it is.
+    QFile file(QStringLiteral("/proc/self/fd/%1").arg(errFd));
+    return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
 }
 
 int SimulatorProcess::waitForExit(int timeoutMs)
 {
     int status = 0;
     for (const QDeadlineTimer deadline(timeoutMs);
-         child > 0 && waitpid(child, &status, WNOHANG) != child;) {
+         child > 0 && waitpid(child, &status, WNOHANG) != child; usleep(1000))
         if (deadline.hasExpired())
             return -1;
-        drainStderr();
-        usleep(1000);
-    }
     if (std::exchange(child, -1) > 0)
         exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return exitStatus;

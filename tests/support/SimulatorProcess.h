@@ -45,13 +45,11 @@ public:
 private:
     // Starts `program` of the binary folder with exactly `arguments`.
     SimulatorProcess(const QString& program, const QStringList& arguments);
-    void drainStderr(); // what stderr holds now (it does not block)
 
     pid_t child = -1;
     int outFd = -1;
-    int errFd = -1;
+    int errFd = -1; // a memory file
     quint16 listenPort = 0;
-    QByteArray stderrBytes;
     int exitStatus = -1;
 };
 
