@@ -213,7 +213,7 @@ TEST_F(ToolTest, FirmwareAndBlocksFromAndToFiles)
 
     QByteArray data;
     for (int i = 0; i < 100 * 1024 + 3; ++i)
-        data += char(i * 7 + i / 256);
+        data += char(i * 7 + i / 256 + i / 65536);
     // Summaries go to stderr: stdout carries data only.
     EXPECT_TRUE(expect({"write", "0x40001", writeFile("in.bin", data)}, 0, "")
                     .err.startsWith("write: 100.00 KiB in "));
