@@ -25,10 +25,7 @@ QT_END_NAMESPACE
 namespace {
 
 // "BB 00 05" -> bytes; spaces are ignored.
-QByteArray hex(const char* text)
-{
-    return QByteArray::fromHex(QByteArray(text));
-}
+const auto hex = [](const char* text) { return QByteArray::fromHex(text); };
 
 const QByteArray kAbcd = QByteArray::fromHex("DDCCBBAA");
 const QByteArray kOneTwoThree = QByteArray::fromHex("010203");
@@ -103,12 +100,8 @@ const QByteArray kCommandReply = hex("AD 00 06 FF 82 88 77 66 55 B1");
 class Parser : public ::testing::Test
 {
 protected:
-    void use(PXParser::Type type)
-    {
-        parser.changeType(type);
-        parser.setClock([] { return gNow; });
-    }
-    void SetUp() override { use(PXParser::ServerFrames); }
+    static qint64 now() { return gNow; }
+    void SetUp() override { parser.setClock(now); }
 
     void feed(const char* hexText) { parser.feedData(hex(hexText)); }
 
@@ -129,9 +122,8 @@ TEST_F(Parser, FramesSplitAnywhereComeOutWholeAtTheirLastByteAndDroppedBytesAreL
     const int ends[] = {6, 18, 27}; // where each frame ends in the stream
     const auto next = [this](bool inPlace) {
         int size = 0;
-        const unsigned char* p = inPlace ? parser.nextPacket(&size) : nullptr;
-        return inPlace ? QByteArray(reinterpret_cast<const char*>(p), size)
-                       : parser.getPacket(false);
+        const auto* p = reinterpret_cast<const char*>(inPlace ? parser.nextPacket(&size) : nullptr);
+        return inPlace ? QByteArray(p, size) : parser.getPacket(false);
     };
     // Two pieces split at `split`, and (split past the end) byte by byte.
     for (const bool inPlace : {false, true}) {
@@ -231,7 +223,7 @@ TEST_F(Parser, ChangeTypeEmptiesBufferSwitchesStartByteAndRejectsInvalidTypes)
 
     PXParser fresh(static_cast<PXParser::Type>(9));
     EXPECT_EQ(fresh.type(), PXParser::ServerFrames);
-    use(PXParser::EscapedDebugStream);
+    parser.changeType(PXParser::EscapedDebugStream);
     feed("AD 00");
     EXPECT_FALSE(parser.changeType(static_cast<PXParser::Type>(-1)));
     EXPECT_EQ(parser.getStartByte(), pxproto::DebugStart);
@@ -242,7 +234,7 @@ TEST_F(Parser, ChangeTypeEmptiesBufferSwitchesStartByteAndRejectsInvalidTypes)
 
 TEST_F(Parser, UndoesXonXoffEscapingAlsoAcrossFeeds)
 {
-    use(PXParser::EscapedDebugStream);
+    parser.changeType(PXParser::EscapedDebugStream);
     const std::pair<const char*, const char*> cases[] = {
         {"AD 5C EE", "AD 11"},       {"AD 5C A3", "AD 5C"}, {"AD 5C 5C EE", "AD 11"},
         {"AD 5C EC 41", "AD 13 41"}, {"5C 52 00", "AD 00"}, {"5C 52", "AD"}};
@@ -261,7 +253,7 @@ TEST_F(Parser, UndoesXonXoffEscapingAlsoAcrossFeeds)
 // with a command is one only when that command and its length are expected.
 TEST_F(Parser, ExtractsNestedDebugReplyFirstAndClosesUpTheOuterPacket)
 {
-    use(PXParser::EscapedDebugStream);
+    parser.changeType(PXParser::EscapedDebugStream);
     const QByteArray outer = pxproto::debugPacket(0x05, "0123456789abcdefghij", 20);
     const QByteArray next = pxproto::debugPacket(0x06, "0123456789", 10);
     QByteArray stream = outer;
@@ -295,7 +287,7 @@ TEST_F(Parser, ExtractsNestedDebugReplyFirstAndClosesUpTheOuterPacket)
 // until ten bytes follow them: see above), but never in place by nextPacket.
 TEST_F(Parser, ReplyNearTheFrontIsReleasedAtOnce)
 {
-    use(PXParser::EscapedDebugStream);
+    parser.changeType(PXParser::EscapedDebugStream);
     for (int offset = 0, size = -1; offset <= 3; ++offset) {
         parser.reset();
         parser.feedData(hex("AD 00 00").left(offset) + kReply);
@@ -305,8 +297,7 @@ TEST_F(Parser, ReplyNearTheFrontIsReleasedAtOnce)
         EXPECT_EQ(parser.getPacket(true), offset < 3 ? QByteArray() : kReply) << offset;
     }
     // With a wrong checksum it is no reply: held back, then cut by its length.
-    QByteArray bad = kReply;
-    bad[9] = char(bad[9] ^ 0x01);
+    const QByteArray bad = hex("AD 00 06 FF 00 D4 C3 B2 A1 FA");
     parser.reset();
     parser.feedData(bad);
     EXPECT_TRUE(parser.getPacket(false).isEmpty());
@@ -328,7 +319,8 @@ TEST(LogText, FormatsAndMarksTheCut)
     // clang-format on
     for (const auto& [data, maxBytes, text] : cases)
         EXPECT_EQ(PXLogBytes(hex(data), maxBytes), QByteArray(text)) << data << maxBytes;
-    EXPECT_EQ(PXLogString("Drop Byte: %02x", 0xAB), QStringLiteral("Drop Byte: ab"));
+    // (A format with arguments: the parsers' log lines, e.g. "Drop Byte: bb" in
+    // ChangeTypeEmptiesBufferSwitchesStartByteAndRejectsInvalidTypes.)
     EXPECT_EQ(PXLogString("%s", "\xC3\xA4"), QString(QChar(0xE4)));
     const QByteArray longText(9000, 'x');
     EXPECT_EQ(PXLogString("%s", longText.constData()), QString(8191, QLatin1Char('x')));
@@ -340,11 +332,12 @@ TEST(LogText, FormatsAndMarksTheCut)
 // not 32.
 TEST(Ranges, AreCutIntoRequestsByAlignmentSizeAndMask)
 {
+    // Every request succeeds but one at 0xF004.
     std::string cuts;
     const auto record = [&cuts](quint32 address, auto offset, int size) {
         cuts += (cuts.empty() ? "" : " ") + QString::number(address, 16).toStdString() + "+" +
                 std::to_string(size) + "@" + std::to_string(offset);
-        return 0u;
+        return address == 0xF004 ? 5u : 0u;
     };
     // The address, the size, the reads and the writes.
     // clang-format off
@@ -381,7 +374,8 @@ TEST(Ranges, AreCutIntoRequestsByAlignmentSizeAndMask)
         EXPECT_EQ(std::exchange(cuts, ""), reads) << maskHex;
     }
 
-    // Pieces: at least one, and the first failing request ends the walk with its code.
+    // Pieces: at least one, and (for pieces as for reads) the first failing request ends the walk
+    // with its code.
     std::string pieces;
     const auto piece = [&](unsigned long long offset, unsigned int size) {
         pieces += std::to_string(offset) + "+" + std::to_string(size) + " ";
@@ -390,11 +384,8 @@ TEST(Ranges, AreCutIntoRequestsByAlignmentSizeAndMask)
     EXPECT_EQ(pxrange::forEachPiece(0, 10, piece), 0u);
     EXPECT_EQ(pxrange::forEachPiece(25, 10, piece), 13u);
     EXPECT_EQ(pieces, "0+0 0+10 10+10 20+5 ");
-    int calls = 0;
-    EXPECT_EQ(
-        pxrange::forEachRead(0x1000, 12, [&](quint32, int, int) { return ++calls == 1 ? 5u : 0u; }),
-        5u);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(pxrange::forEachRead(0xF001, 8, record), 5u);
+    EXPECT_EQ(cuts, "f001+1@0 f002+2@1 f004+4@3");
 }
 
 } // namespace
