@@ -230,8 +230,7 @@ TEST(SimulatorCommandLine, OptionsAndBadArguments)
     QTemporaryFile image;
     ASSERT_TRUE(image.open() && image.write("@100\n1\n\n2\n") > 0 && image.flush());
     check({"--port", "0", "--image", image.fileName()}, 2, "outside a packet");
-    SimulatorProcess first;
-    check({"--port", QString::number(first.port())}, 1, "cannot listen");
+    check({"--port", QString::number(hardware.port())}, 1, "cannot listen");
 
     // --latency delays each reply: the status's and the ping's after it.
     SimulatorProcess slow({"--latency", "150000"});

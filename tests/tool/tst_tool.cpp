@@ -46,9 +46,8 @@ ToolRun expectRun(const QStringList& arguments, int exitCode, const char* out = 
                       process.readAllStandardError()};
     EXPECT_TRUE(run.exitCode == exitCode && (out == nullptr || run.out.toStdString() == out) &&
                 std::all_of(err.begin(), err.end(), [&](auto& e) { return run.err.contains(e); }))
-        << arguments.join(' ').toStdString() << "\nexit " << run.exitCode << "\nstdout:\n"
-        << run.out.toStdString() << "\nstderr:\n"
-        << run.err.toStdString();
+        << qPrintable(arguments.join(' ') + "\nexit " + QString::number(run.exitCode) +
+                      "\nstdout:\n" + run.out + "\nstderr:\n" + run.err);
     return run;
 }
 
