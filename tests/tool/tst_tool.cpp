@@ -2,6 +2,7 @@
 // by serial port number own one in 200..249 (TCP 7900..7949), so the cases run in parallel.
 // The library's result codes are the library tests' business; here one case per kind of exit.
 
+#include "FakeServer.h"
 #include "SimulatorProcess.h"
 #include "WaitUntil.h"
 
@@ -19,6 +20,8 @@
 #include <pellix/api/PXLLibraryApi.h>
 
 namespace {
+
+const QString tool = SimulatorProcess::binaryFolder() + "/pxtool";
 
 struct ToolRun
 {
@@ -43,9 +46,8 @@ ToolRun expectRun(const QStringList& arguments, int exitCode, const char* out = 
                       process.readAllStandardError()};
     EXPECT_TRUE(run.exitCode == exitCode && (out == nullptr || run.out.toStdString() == out) &&
                 std::all_of(err.begin(), err.end(), [&](auto& e) { return run.err.contains(e); }))
-        << arguments.join(' ').toStdString() << "\nexit " << run.exitCode << "\nstdout:\n"
-        << run.out.toStdString() << "\nstderr:\n"
-        << run.err.toStdString();
+        << qPrintable(arguments.join(' ') + "\nexit " + QString::number(run.exitCode) +
+                      "\nstdout:\n" + run.out + "\nstderr:\n" + run.err);
     return run;
 }
 
@@ -74,8 +76,7 @@ protected:
 
     SimulatorProcess simulator;
     QTemporaryDir folder;
-    // pxtool, and its arguments that reach this case's simulator.
-    const QString tool = SimulatorProcess::binaryFolder() + "/pxtool";
+    // pxtool's arguments that reach this case's simulator.
     const QStringList server{"--tcp-port", QString::number(simulator.port())};
 };
 
@@ -83,7 +84,7 @@ protected:
 
 // Usage errors: a case for each kind of mistake; the parsing of numbers and bytes has its
 // tables in tst_tool_text. Help: the command list comes from the command table; one command's
-// help stands for the others.
+// help stands for the others. The server's version and help are checked here as well.
 TEST(PXToolUsage, CommandLinesHelpAndVersions)
 {
     // Port 249 has no server; a usage error must be found before any connection attempt
@@ -115,6 +116,7 @@ TEST(PXToolUsage, CommandLinesHelpAndVersions)
     expectRun({"read", "--help"}, 0, qPrintable(read.out));
     expectRun({"--version"}, 0, "pxtool " PELLIX_VERSION "\n");
     expectRun({"--version"}, 0, "pellix " PELLIX_VERSION "\n", {}, "pellix");
+    EXPECT_TRUE(expectRun({"--help"}, 0, nullptr, {}, "pellix").out.contains("--frame-size"));
 }
 
 // ---- against a simulator ------------------------------------------------------------------
@@ -123,7 +125,6 @@ TEST(PXToolUsage, CommandLinesHelpAndVersions)
 TEST(PXToolServer, OpenStartsTheServerBesideTheToolAndKillStopsIt)
 {
     const QStringList port{"--port", "201"};
-    const QString tool = SimulatorProcess::binaryFolder() + "/pxtool";
     const auto answers = [&] {
         return QProcess::execute(tool, port + QStringList{"--no-start", "ping"}) == 0;
     };
@@ -284,9 +285,7 @@ TEST_F(ToolTest, OutputsFailLoudlyAndServeScripts)
 // through objcopy to the same bytes, convert goes between them.
 TEST_F(ToolTest, FirmwareFormatsOfTheStandardTools)
 {
-    QByteArray blob;
-    for (int i = 0; i < 1001; ++i)
-        blob += char(i * 13 + 5);
+    const QByteArray blob = FakeServer::memoryBytes(0, 1001);
     writeFile("blob.bin", blob);
     writeFile("s.ld", "SECTIONS { .data 0x2000 : AT(0x13000) { *(.data) } }\n");
     expectRun({"-c", "objcopy -I binary -O ihex --change-addresses 0x11000 blob.bin blob.hex && "
