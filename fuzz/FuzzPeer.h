@@ -51,8 +51,7 @@ inline QList<QByteArray> frames(const QByteArray& stream, QByteArray* rest = nul
     PXParser parser(PXParser::ServerFrames);
     parser.feedData(stream);
     QList<QByteArray> all;
-    for (QByteArray frame = parser.getPacket(false); !frame.isEmpty();
-         frame = parser.getPacket(false))
+    for (QByteArray frame; !(frame = parser.getPacket(false)).isEmpty();)
         all.append(frame);
     if (rest)
         *rest = parser.buffered();
@@ -127,7 +126,7 @@ public:
     bool waitForFrame(unsigned char flow, bool wait)
     {
         for (QByteArray bytes;; bytes.clear()) {
-            for (QByteArray f = parser.getPacket(false); !f.isEmpty(); f = parser.getPacket(false))
+            for (QByteArray f; !(f = parser.getPacket(false)).isEmpty();)
                 if (pxproto::flowId(f) == flow)
                     return true;
             if (!receive(bytes, wait) || bytes.isEmpty())

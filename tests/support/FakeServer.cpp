@@ -12,14 +12,9 @@
 #include <QTimer>
 
 #include <chrono>
+#include <utility>
 
 namespace {
-
-// A deep copy: see readClient().
-QByteArray own(const QByteArray& bytes)
-{
-    return QByteArray(bytes.constData(), bytes.size());
-}
 
 // Runs the queued commands on the server's thread when a posted event reaches it. A posted
 // event instead of a queued functor call: the functor's slot object is released through a
@@ -57,7 +52,13 @@ void FakeServer::run()
     // and the posted commands need.
     QEventLoop localLoop;
     loop = &localLoop;
-    CommandContext localContext([this] { drainCommands(); });
+    CommandContext localContext([this] {
+        std::unique_lock<std::mutex> lock(mutex);
+        const auto pending = std::exchange(commands, {});
+        lock.unlock();
+        for (const auto& command : pending)
+            command();
+    });
     QTcpServer localServer;
     localServer.listen(QHostAddress::LocalHost, 0);
     QObject::connect(&localServer, &QTcpServer::newConnection, &localContext,
@@ -80,10 +81,8 @@ void FakeServer::run()
 
 void FakeServer::post(std::function<void()> command)
 {
-    if (std::this_thread::get_id() == thread.get_id()) {
-        command();
-        return;
-    }
+    if (std::this_thread::get_id() == thread.get_id())
+        return command();
     // The event is posted while the mutex is held: the server thread takes the mutex before
     // it reads the commands, so everything postEvent did inside QtCore (where ThreadSanitizer
     // cannot see Qt's own lock) happens before the server thread handles the command, also
@@ -92,17 +91,6 @@ void FakeServer::post(std::function<void()> command)
     commands.push_back(std::move(command));
     if (context)
         QCoreApplication::postEvent(context, new QEvent(QEvent::User));
-}
-
-void FakeServer::drainCommands()
-{
-    std::vector<std::function<void()>> pending;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        pending.swap(commands);
-    }
-    for (auto& command : pending)
-        command();
 }
 
 void FakeServer::withSocket(int client, std::function<void(QTcpSocket*)> action)
@@ -131,10 +119,8 @@ void FakeServer::accept(QTcpServer& server)
                              readClient(index, socket, *parser);
                          });
         sockets.push_back(socket);
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            clients = int(sockets.size());
-        }
+        std::lock_guard<std::mutex> lock(mutex);
+        clients = int(sockets.size());
         changed.notify_all();
     }
 }
@@ -150,13 +136,12 @@ void FakeServer::readClient(int client, QTcpSocket* socket, PXParser& parser)
         // uninstrumented code drops, which ThreadSanitizer cannot pair up.
         std::lock_guard<std::mutex> lock(mutex);
         for (QByteArray frame; !(frame = parser.getPacket(false)).isEmpty(); cut.append(frame))
-            allFrames.append(own(frame));
+            allFrames.append(QByteArray(frame.constData(), frame.size()));
         current = responder;
     }
     changed.notify_all();
     for (const QByteArray& frame : cut)
-        if (current)
-            current(*this, client, frame);
+        current(*this, client, frame);
 }
 
 void FakeServer::setResponder(Responder newResponder)
@@ -196,9 +181,9 @@ bool FakeServer::waitForConnections(int count, int timeoutMs) const
 QList<QByteArray> FakeServer::frames() const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    QList<QByteArray> out;
+    QList<QByteArray> out; // deep copies: see readClient()
     for (const QByteArray& frame : allFrames)
-        out.append(own(frame));
+        out.append(QByteArray(frame.constData(), frame.size()));
     return out;
 }
 

@@ -37,10 +37,9 @@ public:
     // Called on the server's thread for every complete frame a client sends.
     using Responder = std::function<void(FakeServer& server, int client, const QByteArray& frame)>;
 
+    // Not copyable: it owns its thread and mutex.
     FakeServer();
     ~FakeServer();
-    FakeServer(const FakeServer&) = delete;
-    FakeServer& operator=(const FakeServer&) = delete;
 
     // A target memory for responders: the byte at address a is a * 7 + 3 (mod 256), so a byte
     // delivered to the wrong place shows.
@@ -51,6 +50,7 @@ public:
 
     quint16 port() const { return listenPort; }
 
+    // Replaces the responder (never empty; until set, frames are only recorded).
     void setResponder(Responder responder);
 
     // Writes bytes to a client now, or after delayMs.
@@ -70,7 +70,6 @@ public:
 private:
     void run();
     void post(std::function<void()> command);
-    void drainCommands();
     void accept(QTcpServer& server);
     void readClient(int client, QTcpSocket* socket, PXParser& parser);
     // Runs `action` on the server's thread with the client's socket, if it has one (-1: the
@@ -88,7 +87,7 @@ private:
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     std::vector<std::function<void()>> commands;
-    Responder responder;
+    Responder responder = [](FakeServer&, int, const QByteArray&) {}; // none: frames unanswered
     int clients = 0;
     QList<QByteArray> allFrames;
 };
