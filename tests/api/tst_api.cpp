@@ -291,8 +291,7 @@ TEST_F(Api, EventsAreAnnouncedAndMemoryCallsCutValuesAndReadMasked)
     // block read may be, read as one request.
     std::vector<unsigned char> mask(40004, 0xFF), buffer(mask.size() + 1, 0xEE);
     mask[1] = 0x00;
-    EXPECT_EQ(PXST_ReadBlockMasked(handle, 0x1000, buffer.data(), 40004, mask.data()),
-              PXST_RESULT_OK);
+    EXPECT_EQ(PXST_ReadBlockMasked(handle, 0x1000, &buffer[0], 40004, &mask[0]), PXST_RESULT_OK);
     EXPECT_EQ(requests(), (QStringList{read(0x1000, 1), read(0x1002, 2), read(0x1004, 40000)}));
     for (size_t i = 0; i < mask.size(); ++i)
         ASSERT_EQ(buffer[i], i == 1 ? 0 : memory[i]) << i;
@@ -413,7 +412,7 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(buffer), 3), QByteArray(3, 0));
     QTemporaryDir dir;
     const QByteArray lod = writeLines(dir.filePath("x.lod"), {"@2000", "1"});
-    unsigned int fail = 77;
+    unsigned int fail = 77, words[2] = {};
     EXPECT_EQ(PXST_VerifyLod(handle, lod, &fail), PXST_RESULT_TIMEOUT);
     EXPECT_EQ(fail, 0u);
     EXPECT_EQ(PXST_DumpLod(handle, lod, 0x2000, 4, 0), PXST_RESULT_TIMEOUT);
@@ -428,7 +427,6 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     // Sizes the interface takes but no request carries: refused before anything is sent or
     // touched (the buffers here are far smaller than the sizes named).
     fake.clearReceived();
-    unsigned int words[2] = {};
     for (unsigned int size : {0x80000000u, 0xFFFFFFFFu}) {
         EXPECT_EQ(PXST_ReadBlock(handle, 0, words, size), PXST_RESULT_TIMEOUT);
         EXPECT_EQ(PXST_WriteBlock(handle, 0, words, size), PXST_RESULT_TIMEOUT);
@@ -437,10 +435,9 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     }
     // A flow id list no request carries opens nothing (the lists and packets themselves:
     // checkSizes in tests/support, run by the connection tests).
-    for (int count : {-8, -5, -1, 65532, INT_MIN}) {
+    for (int n : {-8, -5, -1, 65532, INT_MIN}) {
         int opened = 0;
-        EXPECT_EQ(PXST_BypassOpen(149, -1, 0, buffer, count, &opened),
-                  PXST_RESULT_PACKET_TOO_LARGE);
+        EXPECT_EQ(PXST_BypassOpen(149, -1, 0, buffer, n, &opened), PXST_RESULT_PACKET_TOO_LARGE);
         EXPECT_EQ(opened, -1);
     }
     // A flow mode outside the named ones is carried unchanged.
