@@ -40,24 +40,19 @@ QByteArray writeLines(const QString& path, const QStringList& lines)
     return QFile::encodeName(path);
 }
 
-QByteArray readFile(const QString& path)
+QByteArray readFile(const QByteArray& path)
 {
-    QFile file(path);
+    QFile file(QFile::decodeName(path));
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
 }
 
-// Memory requests as the simulator logs them: a plain read of 1, 2 or 4 bytes or a block
-// read of any other size; a write of any size.
+// A read as the simulator logs it: a plain read of 1, 2 or 4 bytes or a block read of any
+// other size. (It logs a write of any size as "write 0x<address>, <size> byte(s)".)
 QString read(quint32 address, quint32 size)
 {
     if (size == 1 || size == 2 || size == 4)
         return QString::asprintf("read%u 0x%08X", size * 8, address);
     return QString::asprintf("block read 0x%08X, %u byte(s)", address, size);
-}
-
-QString write(quint32 address, quint32 size)
-{
-    return QString::asprintf("write 0x%08X, %u byte(s)", address, size);
 }
 
 std::vector<quint32> sequence(int count, quint32 seed)
@@ -67,10 +62,7 @@ std::vector<quint32> sequence(int count, quint32 seed)
     return words;
 }
 
-void releaseSemaphore(void* semaphore)
-{
-    static_cast<QSemaphore*>(semaphore)->release();
-}
+const auto release = [](void* semaphore) { static_cast<QSemaphore*>(semaphore)->release(); };
 
 // The packets of mixedImage() that a transfer moves, as (address, words): longer than a
 // request at addresses 1 and 2 past a word boundary, of exactly one and two requests, one that
@@ -100,8 +92,8 @@ QStringList mixedImage()
 QStringList blockCalls(bool writes, unsigned int chunk, quint32 lastAddress = 0xFFFFFFFF)
 {
     QStringList out;
-    const auto note = [&](quint32 at, int, int n) {
-        out << (writes ? write(at, quint32(n)) : read(at, quint32(n)));
+    const auto note = [&](quint32 at, int, quint32 n) {
+        out << (writes ? QString::asprintf("write 0x%08X, %u byte(s)", at, n) : read(at, n));
         return 0u;
     };
     for (const auto& [address, words] : MixedPackets) {
@@ -142,6 +134,7 @@ protected:
         ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &handle), PXST_RESULT_OK);
     }
     void TearDown() override { PXST_Close(handle); }
+    QByteArray path(const char* name) const { return QFile::encodeName(dir.filePath(name)); }
 
     // The requests the simulator logged since the last call, without its connection notes.
     QStringList requests()
@@ -159,8 +152,7 @@ protected:
 
     SimulatorProcess simulator{{"--verbose"}};
     QTemporaryDir dir;
-    int handle = 0;
-    int seen = 0;
+    int handle = 0, seen = 0;
 };
 
 } // namespace
@@ -170,10 +162,9 @@ protected:
 TEST(ApiNoServer, ResultTexts)
 {
     const std::string unknown = "unknown result code";
-    std::set<std::string> texts;
+    std::set<std::string> texts{unknown};
     for (unsigned int code : {0, 3, 5, 6, 8, 11, 12, 13, 15, 16, 17, 19, 20, 21, 30})
-        EXPECT_TRUE(texts.insert(PXST_ResultText(code)).second && texts.count(unknown) == 0)
-            << code << " has no text of its own";
+        EXPECT_TRUE(texts.insert(PXST_ResultText(code)).second) << code << " shares its text";
     for (unsigned int code : {1u, 2u, 4u, 14u, 18u, 22u, 31u, 0xFFFFFFFFu})
         EXPECT_EQ(PXST_ResultText(code), unknown) << code;
 }
@@ -187,7 +178,7 @@ TEST(ApiNoServer, ResultTexts)
 TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
 {
     const QByteArray lod = writeLines(dir.filePath("ok.lod"), {"@1000", "1"}),
-                     dump = QFile::encodeName(dir.filePath("dump.bin"));
+                     dump = path("dump.bin");
     std::vector<unsigned char> buffer(16, 0xEE), mask(16, 0xFF);
     unsigned int word = 77, fail = 77;
     int length = 0, closed = 0, unplugged = 0;
@@ -216,7 +207,7 @@ TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
     qunsetenv("FORCED_PELLIX_HOST");
     qunsetenv("FORCED_PELLIX_PORT");
     QSemaphore arrived;
-    ASSERT_EQ(PXST_BypassSetCallback(closed, releaseSemaphore, &arrived), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_BypassSetCallback(closed, release, &arrived), PXST_RESULT_OK);
     for (int flowId : {0x21, 0x122})
         ASSERT_EQ(PXST_BypassSendPacket(closed, flowId, hi, 2), PXST_RESULT_OK);
     ASSERT_TRUE(arrived.tryAcquire(2, 5000));
@@ -230,8 +221,7 @@ TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
     ASSERT_EQ(PXST_Close(closed), PXST_RESULT_OK);
     ASSERT_EQ(PXST_OpenSocket("127.0.0.1", simulator.port(), &unplugged), PXST_RESULT_OK);
     // The socket can go missing only through a failed reopen of the C++ object.
-    ASSERT_FALSE(
-        PXConnection::GetById(unplugged)->open(QStringLiteral("127.0.0.1"), refusedPort()));
+    ASSERT_FALSE(PXConnection::GetById(unplugged)->open("127.0.0.1", refusedPort()));
     requests();
 
     for (const auto& [name, call] : calls) {
@@ -247,7 +237,7 @@ TEST_F(Api, OpenPingsAndCallsCheckTheHandleAndTheSocketFirst)
     EXPECT_EQ(buffer[0], 0xEE);
     // Nothing reached the server, and the dump never created its file.
     EXPECT_EQ(requests(), QStringList());
-    EXPECT_FALSE(QFile::exists(dir.filePath("dump.bin")));
+    EXPECT_FALSE(QFile::exists(QFile::decodeName(dump)));
 
     for (int h : {unplugged, closed, 987654})
         EXPECT_EQ(PXST_HandleStatus(h), 0) << h;
@@ -273,7 +263,7 @@ TEST_F(Api, EventsAreAnnouncedAndMemoryCallsCutValuesAndReadMasked)
     unsigned int word = 0;
     unsigned char internal = 0;
     QSemaphore announced;
-    ASSERT_EQ(PXST_EventSetCallback(handle, releaseSemaphore, &announced), PXST_RESULT_OK);
+    ASSERT_EQ(PXST_EventSetCallback(handle, release, &announced), PXST_RESULT_OK);
     ASSERT_EQ(PXST_EnableEvents(handle, 1), PXST_RESULT_OK);
     for (unsigned int value : {0x12345678u, 0x9ABCu, 7u})
         ASSERT_EQ(PXST_Write32(handle, 0xFFFFFF00u, value), PXST_RESULT_OK);
@@ -289,10 +279,9 @@ TEST_F(Api, EventsAreAnnouncedAndMemoryCallsCutValuesAndReadMasked)
     EXPECT_EQ(PXST_ReadInternal(handle, 0x40, &internal), PXST_RESULT_OK);
     EXPECT_EQ(internal, 0x5A);
 
-    const std::vector<quint32> pattern = sequence(12000, 3);
+    std::vector<quint32> pattern = sequence(12000, 3);
     const auto* memory = reinterpret_cast<const unsigned char*>(pattern.data());
-    ASSERT_EQ(PXST_WriteBlock(handle, 0x1000, const_cast<quint32*>(pattern.data()), 48000),
-              PXST_RESULT_OK);
+    ASSERT_EQ(PXST_WriteBlock(handle, 0x1000, pattern.data(), 48000), PXST_RESULT_OK);
     // The batch read (a call of its own beside PXST_ReadBlock).
     std::vector<unsigned char> bytes(999);
     ASSERT_EQ(PXST_BatchRead(handle, 0x1001, bytes.data(), 999), PXST_RESULT_OK);
@@ -302,9 +291,7 @@ TEST_F(Api, EventsAreAnnouncedAndMemoryCallsCutValuesAndReadMasked)
     // block read may be, read as one request.
     std::vector<unsigned char> mask(40004, 0xFF), buffer(mask.size() + 1, 0xEE);
     mask[1] = 0x00;
-    EXPECT_EQ(
-        PXST_ReadBlockMasked(handle, 0x1000, buffer.data(), unsigned(mask.size()), mask.data()),
-        PXST_RESULT_OK);
+    EXPECT_EQ(PXST_ReadBlockMasked(handle, 0x1000, &buffer[0], 40004, &mask[0]), PXST_RESULT_OK);
     EXPECT_EQ(requests(), (QStringList{read(0x1000, 1), read(0x1002, 2), read(0x1004, 40000)}));
     for (size_t i = 0; i < mask.size(); ++i)
         ASSERT_EQ(buffer[i], i == 1 ? 0 : memory[i]) << i;
@@ -320,15 +307,14 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
 {
     const QStringList lines{"# stray", "@3000", "12345678", "9ABCDEF0", "", "3"};
     const QByteArray stray = writeLines(dir.filePath("stray.lod"), lines);
-    const QByteArray missing = QFile::encodeName(dir.filePath("missing/x"));
-    const QString text = dir.filePath("dump.lod"), raw = dir.filePath("dump.bin");
+    const QByteArray missing = path("missing/x"), text = path("dump.lod"), raw = path("dump.bin");
     unsigned int fail = 77;
     // A data line outside a packet: a load writes the packets before it (and a verify, below,
     // reads them).
     EXPECT_EQ(PXST_LoadLod(handle, stray, 0, &fail), PXST_RESULT_LOD_FORMAT);
-    EXPECT_EQ(requests(), QStringList{write(0x3000, 8)});
+    EXPECT_EQ(requests(), QStringList{"write 0x00003000, 8 byte(s)"});
     EXPECT_EQ(fail, 77u) << "a load without verification leaves the fail address alone";
-    EXPECT_EQ(readFile(dir.filePath("stray.lod")), lines.join('\n').toLatin1() + '\n');
+    EXPECT_EQ(readFile(stray), lines.join('\n').toLatin1() + '\n');
     // A missing file, a missing folder for a dump.
     EXPECT_EQ(PXST_VerifyLod(handle, missing, &fail), PXST_RESULT_FILE);
     EXPECT_EQ(PXST_DumpLod(handle, missing, 0x3000, 2, 0), PXST_RESULT_FILE);
@@ -337,11 +323,10 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
     EXPECT_EQ(requests(), QStringList{read(0x3000, 8)});
     // The last (here the only) call of a dump reports its progress too.
     Progress dumped;
-    EXPECT_EQ(
-        PXST_DumpLodProgress(handle, QFile::encodeName(text), 0x3000, 2, 0, logProgress, &dumped),
-        PXST_RESULT_OK);
+    EXPECT_EQ(PXST_DumpLodProgress(handle, text, 0x3000, 2, 0, logProgress, &dumped),
+              PXST_RESULT_OK);
     EXPECT_EQ(dumped.steps, (Steps{8, 8}));
-    EXPECT_EQ(PXST_DumpLod(handle, QFile::encodeName(raw), 0x3000, 2, 1), PXST_RESULT_OK);
+    EXPECT_EQ(PXST_DumpLod(handle, raw, 0x3000, 2, 1), PXST_RESULT_OK);
     EXPECT_EQ(requests(), (QStringList{read(0x3000, 8), read(0x3000, 8)}));
     EXPECT_EQ(readFile(text), QByteArray("@00003000\n12345678\n9ABCDEF0\n"));
     EXPECT_EQ(readFile(raw), QByteArray::fromHex("78563412F0DEBC9A"));
@@ -352,7 +337,7 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
     // transfer after the call just made; a cancelled dump leaves an empty file. (Here first,
     // while the memory still matches the file.)
     const QByteArray file = writeLines(dir.filePath("mixed.lod"), mixedImage());
-    const QString dump = dir.filePath("cancelled.bin");
+    const QByteArray dump = path("cancelled.bin");
     // A verification of its own counts its total from the file, a dump its words: 50000 words
     // here, 200000 bytes. (The cut into calls: Ranges in tests/protocol.)
     const Steps stopped[] = {{32780, 262232, 98316, 262232},
@@ -360,10 +345,10 @@ TEST_F(Api, LodTransfersSendWhatBlockCallsWouldAndReportProgress)
                              {65536, 200000, 131072, 200000}};
     for (int transfer = 0; transfer < 3; ++transfer) {
         Progress stop{{}, 2};
-        EXPECT_EQ(transfer == 0   ? PXST_LoadLodProgress(handle, file, 1, &fail, logProgress, &stop)
-                  : transfer == 1 ? PXST_VerifyLodProgress(handle, file, &fail, logProgress, &stop)
-                                  : PXST_DumpLodProgress(handle, QFile::encodeName(dump), 0x100000,
-                                                         50000, 0, logProgress, &stop),
+        EXPECT_EQ(transfer == 0 ? PXST_LoadLodProgress(handle, file, 1, &fail, logProgress, &stop)
+                  : transfer == 1
+                      ? PXST_VerifyLodProgress(handle, file, &fail, logProgress, &stop)
+                      : PXST_DumpLodProgress(handle, dump, 0x100000, 50000, 0, logProgress, &stop),
                   PXST_RESULT_CANCELLED);
         EXPECT_EQ(stop.steps, stopped[transfer]) << transfer;
     }
@@ -416,10 +401,9 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     ASSERT_EQ(PXST_OpenSocket("127.0.0.1", fake.port(), &handle), PXST_RESULT_OK);
     for (int byte : {5, 1, 0xFF, 0, -1}) {
         status = byte;
-        unsigned int value = 77;
-        EXPECT_EQ(PXST_PellixStatus(handle, &value),
-                  byte < 0 ? PXST_RESULT_TIMEOUT : PXST_RESULT_OK);
-        EXPECT_EQ(value, byte > 0 ? 1u : 0u) << byte;
+        unsigned int up = 77;
+        EXPECT_EQ(PXST_PellixStatus(handle, &up), byte < 0 ? PXST_RESULT_TIMEOUT : PXST_RESULT_OK);
+        EXPECT_EQ(up, byte > 0 ? 1u : 0u) << byte;
     }
     // A failing read ends each call with its code: the masked read's buffer is zeroed first,
     // the verify's fail address stays 0, the dump leaves an empty file.
@@ -428,11 +412,11 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(buffer), 3), QByteArray(3, 0));
     QTemporaryDir dir;
     const QByteArray lod = writeLines(dir.filePath("x.lod"), {"@2000", "1"});
-    unsigned int fail = 77;
+    unsigned int fail = 77, words[2] = {};
     EXPECT_EQ(PXST_VerifyLod(handle, lod, &fail), PXST_RESULT_TIMEOUT);
     EXPECT_EQ(fail, 0u);
     EXPECT_EQ(PXST_DumpLod(handle, lod, 0x2000, 4, 0), PXST_RESULT_TIMEOUT);
-    EXPECT_EQ(readFile(dir.filePath("x.lod")), QByteArray()) << "a failed dump leaves it empty";
+    EXPECT_EQ(readFile(lod), QByteArray()) << "a failed dump leaves it empty";
     // A wait takes a packet still to come, and gives up with 8 at its time-out.
     unsigned char id = 0x21, packet[8];
     ASSERT_EQ(PXST_BypassEnable(handle, &id, 1), PXST_RESULT_OK);
@@ -443,7 +427,6 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     // Sizes the interface takes but no request carries: refused before anything is sent or
     // touched (the buffers here are far smaller than the sizes named).
     fake.clearReceived();
-    unsigned int words[2] = {};
     for (unsigned int size : {0x80000000u, 0xFFFFFFFFu}) {
         EXPECT_EQ(PXST_ReadBlock(handle, 0, words, size), PXST_RESULT_TIMEOUT);
         EXPECT_EQ(PXST_WriteBlock(handle, 0, words, size), PXST_RESULT_TIMEOUT);
@@ -452,10 +435,9 @@ TEST(ApiFake, StatusBytesAndFailingReads)
     }
     // A flow id list no request carries opens nothing (the lists and packets themselves:
     // checkSizes in tests/support, run by the connection tests).
-    for (int count : {-8, -5, -1, 65532, INT_MIN}) {
+    for (int n : {-8, -5, -1, 65532, INT_MIN}) {
         int opened = 0;
-        EXPECT_EQ(PXST_BypassOpen(149, -1, 0, buffer, count, &opened),
-                  PXST_RESULT_PACKET_TOO_LARGE);
+        EXPECT_EQ(PXST_BypassOpen(149, -1, 0, buffer, n, &opened), PXST_RESULT_PACKET_TOO_LARGE);
         EXPECT_EQ(opened, -1);
     }
     // A flow mode outside the named ones is carried unchanged.

@@ -14,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
+#include <string>
 
 // The open waits out the whole 10 s start-up wait (its time and the handle it gives: the
 // open-fault tests in tests/robustness).
@@ -29,9 +31,8 @@ TEST(ApiNoApp, OpenThatCannotStartTheServerThenHandlesInOpenOrder)
     PXST_SetDefaultBaud(115200);
     int handle = 0, second = 0, failed = 0, fourth = 0, fifth = 0;
     EXPECT_EQ(PXST_Open(111, -1, PXL_FLOW_XONXOFF, &handle), PXST_RESULT_NO_CONNECTION);
-    QFile arguments(record);
-    EXPECT_TRUE(arguments.open(QIODevice::ReadOnly));
-    EXPECT_EQ(arguments.readAll(), QByteArray("COM111\n115200\nxonxoff\n"));
+    std::ifstream in(record.toStdString());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "COM111\n115200\nxonxoff\n");
 
     SimulatorProcess server;
     ASSERT_EQ(PXST_OpenSocket("127.0.0.1", server.port(), &second), PXST_RESULT_OK);
