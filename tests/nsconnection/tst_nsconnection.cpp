@@ -170,10 +170,10 @@ TEST_F(NSConnectionFake, ServerClosingEndsTheConnectionUntilItIsOpenedAgain)
     const auto everyPathReturns12 = [](PXNSConnection& c) {
         unsigned char byte = 0;
         unsigned int word = 0;
-        QList<unsigned int> results{c.genericRead(0, false, &word, 3), c.readBlock(0, &byte, 1)};
+        QVector<unsigned int> results{c.genericRead(0, false, &word, 3), c.readBlock(0, &byte, 1)};
         results << c.writeBlock(0, &word, 4) << c.setBypassFlowIds(&byte, 1) << c.comBreak()
                 << c.sendBypassPacket(1, &byte, 65531) << c.getStatus(&byte) << c.ping();
-        EXPECT_EQ(results, QList<unsigned int>(8, 12u));
+        EXPECT_EQ(results, QVector<unsigned int>(8, 12u));
     };
     server.setResponder([](FakeServer& s, int client, const QByteArray& frame) {
         if (flowId(frame) == request::Ping)
