@@ -4,6 +4,9 @@ add_library(pellix_warnings INTERFACE)
 target_compile_options(pellix_warnings INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wno-missing-field-initializers>
     $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wshadow=local>
+    # qCDebug(category) << ... is how Qt means its logging macros to be used; it leaves their
+    # variadic part empty, which clang's -Wpedantic reports.
+    $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:Clang>>:-Wno-gnu-zero-variadic-macro-arguments>
     $<$<COMPILE_LANGUAGE:C>:-Wall -Wextra -Wpedantic>
     $<$<BOOL:${PELLIX_WERROR}>:-Werror>)
 
